@@ -1,0 +1,1 @@
+"""Core algorithms: coresets, the coreset tree and numeric helpers."""

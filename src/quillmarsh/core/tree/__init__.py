@@ -1,0 +1,1 @@
+"""The coreset tree; its chunk layer is the compiled module ``chunk_layer``."""

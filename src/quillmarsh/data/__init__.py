@@ -1,0 +1,1 @@
+"""Data records, the data manager and the preprocessor."""
