@@ -1,0 +1,24 @@
+// What chunk_node.cpp and chunk_layer.cpp define for the module frame (module.cpp) to bind: the
+// function `exclude_removed` and the two classes, each a docstring and its methods in order.
+#pragma once
+
+#include <span>
+
+#include "support/py_function.hpp"
+
+namespace chunk_layer {
+
+struct ClassSpec {
+    const char* name;
+    const char* doc;
+    std::span<const py::FunctionSpec* const> methods;  // in the order of the class body
+};
+
+extern const py::FunctionSpec exclude_removed;
+extern const ClassSpec chunk_node_class;
+extern const ClassSpec chunk_layer_class;
+
+// The body of a method whose behaviour has not been built yet.
+py::Ref not_implemented(const py::Call& call);
+
+}  // namespace chunk_layer

@@ -1,0 +1,444 @@
+// The function type behind every callable of the module (see py_function.hpp).
+#include "support/py_function.hpp"
+
+#include <structmember.h>
+
+#include <array>
+#include <new>
+#include <vector>
+
+namespace py {
+namespace {
+
+// No callable of the module takes more parameters than this.
+constexpr std::size_t kMaxParameters = 8;
+
+const KeywordNames kCodeFields{"co_argcount", "co_nlocals", "co_varnames", "co_flags"};
+const Str kReplace{"replace"};
+
+struct FunctionObject {
+    PyObject_HEAD
+    vectorcallfunc vectorcall;
+    PyObject* weakrefs;
+    // The C++ part, constructed in place after allocation and destroyed before the memory goes.
+    struct Fields {
+        const FunctionSpec* spec;
+        Ref globals;
+        Ref closure;
+        Ref module;
+        Ref name;
+        Ref qualname;
+        Ref doc;
+        Ref defaults;     // tuple or None
+        Ref kwdefaults;   // dict or None
+        Ref annotations;  // made on first read
+        Ref dict;         // the attribute dictionary, managed by the interpreter through tp_dictoffset
+    } fields;
+};
+
+FunctionObject* as_function(PyObject* object) { return reinterpret_cast<FunctionObject*>(object); }
+
+PyObject* default_object(Default value) {
+    switch (value) {
+        case Default::true_value: return Py_True;
+        case Default::false_value: return Py_False;
+        default: return Py_None;
+    }
+}
+
+// The objects of a spec that never change: made once, then shared by every function object.
+void make_spec_objects(const FunctionSpec& spec) {
+    if (spec.names != nullptr) return;
+    std::vector<Ref> names;
+    std::vector<Ref> defaults;
+    for (const Parameter& parameter : spec.parameters) {
+        names.push_back(Ref::steal(PyUnicode_InternFromString(parameter.name)));
+        if (parameter.default_value != Default::required) {
+            defaults.push_back(Ref::borrow(default_object(parameter.default_value)));
+        }
+    }
+    Ref name = Ref::steal(PyUnicode_InternFromString(spec.name));
+    Ref qualname = Ref::steal(PyUnicode_FromString(spec.qualname));
+    Ref doc = spec.doc ? Ref::steal(PyUnicode_FromString(spec.doc)) : Ref::none();
+    Ref defaults_tuple = defaults.empty() ? Ref::none() : tuple_from(defaults);
+    // Kept for the life of the process, like the module's code.
+    spec.names = tuple_from(names).release();
+    spec.name_object = name.release();
+    spec.qualname_object = qualname.release();
+    spec.doc_object = doc.release();
+    spec.defaults = defaults_tuple.release();
+}
+
+// ---- argument binding ---------------------------------------------------------------------
+
+[[noreturn]] void raise_count(const FunctionSpec& spec, Py_ssize_t required, Py_ssize_t given) {
+    const auto total = static_cast<Py_ssize_t>(spec.parameters.size());
+    const bool exact = required == total;
+    const Py_ssize_t expected = given < required ? required : total;
+    const char* more_or_less = exact ? "exactly" : given < required ? "at least" : "at most";
+    raise(PyExc_TypeError, "%.200s() takes %.8s %zd positional argument%.1s (%zd given)",
+          spec.name, more_or_less, expected, expected == 1 ? "" : "s", given);
+}
+
+// The keyword arguments of one call, as parallel arrays of names and values.
+struct Keywords {
+    PyObject* const* names;
+    PyObject* const* values;
+    Py_ssize_t count;
+};
+
+Py_ssize_t parameter_index(PyObject* names, PyObject* key) {
+    const Py_ssize_t count = PyTuple_GET_SIZE(names);
+    for (Py_ssize_t i = 0; i < count; ++i) {
+        if (PyTuple_GET_ITEM(names, i) == key) return i;  // interned: the common case
+    }
+    for (Py_ssize_t i = 0; i < count; ++i) {
+        if (PyUnicode_Compare(PyTuple_GET_ITEM(names, i), key) == 0) return i;
+    }
+    return -1;
+}
+
+// Binds positional and keyword arguments to the parameters, in the order the interpreter family
+// this module follows checks them: too many positionals, then each parameter not given by
+// position (a missing required one is reported with the number of arguments before it), then
+// the keywords that matched nothing or a parameter given twice.
+void bind(const FunctionObject& function, PyObject* const* positional, Py_ssize_t given,
+          const Keywords& keywords, std::array<PyObject*, kMaxParameters>& values) {
+    const FunctionSpec& spec = *function.fields.spec;
+    PyObject* defaults = function.fields.defaults.get();
+    const auto total = static_cast<Py_ssize_t>(spec.parameters.size());
+    const Py_ssize_t default_count = PyTuple_Check(defaults) ? PyTuple_GET_SIZE(defaults) : 0;
+    const Py_ssize_t required = total > default_count ? total - default_count : 0;
+
+    if (given > total) raise_count(spec, required, given);
+    for (Py_ssize_t i = 0; i < given; ++i) values[i] = positional[i];
+
+    Py_ssize_t unused_keywords = keywords.count;
+    for (Py_ssize_t i = given; i < total; ++i) {
+        PyObject* name = PyTuple_GET_ITEM(spec.names, i);
+        values[i] = nullptr;
+        for (Py_ssize_t k = 0; k < keywords.count && values[i] == nullptr; ++k) {
+            PyObject* key = keywords.names[k];
+            if (key == name || (PyUnicode_Check(key) && PyUnicode_Compare(key, name) == 0)) {
+                values[i] = keywords.values[k];
+                --unused_keywords;
+            }
+        }
+        if (values[i] == nullptr) {
+            if (i < required) raise_count(spec, required, i);
+            values[i] = PyTuple_GET_ITEM(defaults, i - required);
+        }
+    }
+
+    if (unused_keywords > 0) {
+        for (Py_ssize_t k = 0; k < keywords.count; ++k) {
+            PyObject* key = keywords.names[k];
+            if (!PyUnicode_Check(key)) {
+                raise(PyExc_TypeError, "%.200s() keywords must be strings", spec.name);
+            }
+            const Py_ssize_t index = parameter_index(spec.names, key);
+            if (index >= given) continue;
+            if (index >= 0) {
+                raise(PyExc_TypeError, "%s() got multiple values for keyword argument '%U'",
+                      spec.name, key);
+            }
+            raise(PyExc_TypeError, "%s() got an unexpected keyword argument '%U'", spec.name,
+                  key);
+        }
+    }
+}
+
+PyObject* run(PyObject* self, PyObject* const* positional, Py_ssize_t given,
+              const Keywords& keywords) {
+    return guard([&] {
+        FunctionObject& function = *as_function(self);
+        // The defaults tuple may be replaced through __defaults__ while the body runs.
+        Ref defaults_in_use = function.fields.defaults;
+        std::array<PyObject*, kMaxParameters> values{};
+        bind(function, positional, given, keywords, values);
+        Call call{self, function.fields.globals.get(), function.fields.closure.get(),
+                  values.data()};
+        return function.fields.spec->body(call);
+    });
+}
+
+PyObject* function_vectorcall(PyObject* self, PyObject* const* args, std::size_t nargsf,
+                              PyObject* kwnames) {
+    const Py_ssize_t given = PyVectorcall_NARGS(nargsf);
+    Keywords keywords{nullptr, nullptr, 0};
+    if (kwnames != nullptr) {
+        keywords = {&PyTuple_GET_ITEM(kwnames, 0), args + given, PyTuple_GET_SIZE(kwnames)};
+    }
+    return run(self, args, given, keywords);
+}
+
+// The tuple-and-dict call (a slot wrapper's __call__, or C code using tp_call directly).
+PyObject* function_call(PyObject* self, PyObject* args, PyObject* kwargs) {
+    std::vector<PyObject*> names;
+    std::vector<PyObject*> values;
+    if (kwargs != nullptr) {
+        PyObject* key;
+        PyObject* value;
+        Py_ssize_t position = 0;
+        while (PyDict_Next(kwargs, &position, &key, &value)) {
+            names.push_back(key);
+            values.push_back(value);
+        }
+    }
+    Keywords keywords{names.data(), values.data(), static_cast<Py_ssize_t>(names.size())};
+    return run(self, &PyTuple_GET_ITEM(args, 0), PyTuple_GET_SIZE(args), keywords);
+}
+
+// ---- the type -----------------------------------------------------------------------------
+
+PyObject* function_descr_get(PyObject* self, PyObject* instance, PyObject*) {
+    if (instance == nullptr || instance == Py_None) return Ref::borrow(self).release();
+    return PyMethod_New(self, instance);
+}
+
+int function_traverse(PyObject* self, visitproc visit, void* arg) {
+    auto& fields = as_function(self)->fields;
+    for (const Ref* ref : {&fields.globals, &fields.closure, &fields.module, &fields.name,
+                           &fields.qualname, &fields.doc, &fields.defaults, &fields.kwdefaults,
+                           &fields.annotations, &fields.dict}) {
+        Py_VISIT(ref->get());
+    }
+    return 0;
+}
+
+int function_clear(PyObject* self) {
+    auto& fields = as_function(self)->fields;
+    for (Ref* ref : {&fields.globals, &fields.closure, &fields.module, &fields.name,
+                     &fields.qualname, &fields.doc, &fields.defaults, &fields.kwdefaults,
+                     &fields.annotations, &fields.dict}) {
+        *ref = Ref();
+    }
+    return 0;
+}
+
+void function_dealloc(PyObject* self) {
+    PyObject_GC_UnTrack(self);
+    FunctionObject* function = as_function(self);
+    if (function->weakrefs != nullptr) PyObject_ClearWeakRefs(self);
+    function->fields.~Fields();
+    PyObject_GC_Del(self);
+}
+
+PyObject* function_repr(PyObject* self) {
+    return PyUnicode_FromFormat("<function %U at %p>", as_function(self)->fields.qualname.get(),
+                                self);
+}
+
+// A function pickles as a reference to its qualified name in its module, as Python's do.
+PyObject* function_reduce(PyObject* self, PyObject*) {
+    return Ref(as_function(self)->fields.qualname).release();
+}
+
+PyMethodDef function_methods[] = {
+    {"__reduce__", function_reduce, METH_NOARGS, nullptr},
+    {nullptr, nullptr, 0, nullptr},
+};
+
+// Setters mirror the checks of Python's own function attributes.
+int set_string_field(Ref& field, PyObject* value, const char* message) {
+    if (value == nullptr || !PyUnicode_Check(value)) {
+        PyErr_SetString(PyExc_TypeError, message);
+        return -1;
+    }
+    field = Ref::borrow(value);
+    return 0;
+}
+
+PyObject* get_name(PyObject* self, void*) { return Ref(as_function(self)->fields.name).release(); }
+int set_name(PyObject* self, PyObject* value, void*) {
+    return set_string_field(as_function(self)->fields.name, value,
+                            "__name__ must be set to a string object");
+}
+PyObject* get_qualname(PyObject* self, void*) {
+    return Ref(as_function(self)->fields.qualname).release();
+}
+int set_qualname(PyObject* self, PyObject* value, void*) {
+    return set_string_field(as_function(self)->fields.qualname, value,
+                            "__qualname__ must be set to a string object");
+}
+PyObject* get_doc(PyObject* self, void*) { return Ref(as_function(self)->fields.doc).release(); }
+int set_doc(PyObject* self, PyObject* value, void*) {
+    as_function(self)->fields.doc = value ? Ref::borrow(value) : Ref::none();
+    return 0;
+}
+PyObject* get_module(PyObject* self, void*) {
+    return Ref(as_function(self)->fields.module).release();
+}
+int set_module(PyObject* self, PyObject* value, void*) {
+    as_function(self)->fields.module = value ? Ref::borrow(value) : Ref::none();
+    return 0;
+}
+PyObject* get_defaults(PyObject* self, void*) {
+    return Ref(as_function(self)->fields.defaults).release();
+}
+int set_defaults(PyObject* self, PyObject* value, void*) {
+    if (value == nullptr || value == Py_None) {
+        as_function(self)->fields.defaults = Ref::none();
+        return 0;
+    }
+    if (!PyTuple_Check(value)) {
+        PyErr_SetString(PyExc_TypeError, "__defaults__ must be set to a tuple object");
+        return -1;
+    }
+    if (PyTuple_GET_SIZE(value) > static_cast<Py_ssize_t>(
+                                      as_function(self)->fields.spec->parameters.size())) {
+        PyErr_SetString(PyExc_ValueError, "__defaults__ has more values than the parameters");
+        return -1;
+    }
+    as_function(self)->fields.defaults = Ref::borrow(value);
+    return 0;
+}
+PyObject* get_kwdefaults(PyObject* self, void*) {
+    return Ref(as_function(self)->fields.kwdefaults).release();
+}
+int set_kwdefaults(PyObject* self, PyObject* value, void*) {
+    if (value != nullptr && value != Py_None && !PyDict_Check(value)) {
+        PyErr_SetString(PyExc_TypeError, "__kwdefaults__ must be set to a dict object");
+        return -1;
+    }
+    as_function(self)->fields.kwdefaults = value ? Ref::borrow(value) : Ref::none();
+    return 0;
+}
+PyObject* get_annotations(PyObject* self, void*) {
+    return guard([&] {
+        auto& fields = as_function(self)->fields;
+        if (!fields.annotations) {
+            Ref annotations = new_dict();
+            for (const Parameter& parameter : fields.spec->parameters) {
+                if (parameter.annotation != nullptr) {
+                    set_item(annotations, str(parameter.name), str(parameter.annotation));
+                }
+            }
+            if (fields.spec->return_annotation != nullptr) {
+                set_item(annotations, str("return"), str(fields.spec->return_annotation));
+            }
+            fields.annotations = annotations;
+        }
+        return fields.annotations;
+    });
+}
+int set_annotations(PyObject* self, PyObject* value, void*) {
+    if (value != nullptr && value != Py_None && !PyDict_Check(value)) {
+        PyErr_SetString(PyExc_TypeError, "__annotations__ must be set to a dict object");
+        return -1;
+    }
+    // Like Python's functions: after deletion or None, the next read gives an empty dict.
+    return guard_status([&] {
+        as_function(self)->fields.annotations =
+            (value == nullptr || value == Py_None) ? new_dict() : Ref::borrow(value);
+    });
+}
+PyObject* get_globals(PyObject* self, void*) {
+    return Ref(as_function(self)->fields.globals).release();
+}
+// A code object with the parameters' names and count, which is what inspect reads.
+PyObject* get_code(PyObject* self, void*) {
+    return guard([&] {
+        const FunctionSpec& spec = *as_function(self)->fields.spec;
+        if (spec.code == nullptr) {
+            Ref empty = Ref::steal(reinterpret_cast<PyObject*>(
+                PyCode_NewEmpty("chunk_layer", spec.name, 0)));
+            Ref count = size(static_cast<Py_ssize_t>(spec.parameters.size()));
+            Ref flags = integer(CO_OPTIMIZED | CO_NEWLOCALS | (spec.generator ? CO_GENERATOR : 0));
+            spec.code = call_method_keywords(empty, kReplace, 0, kCodeFields, count, count,
+                                             Handle(spec.names), flags)
+                            .release();
+        }
+        return Ref::borrow(spec.code);
+    });
+}
+
+PyGetSetDef function_getset[] = {
+    {"__name__", get_name, set_name, nullptr, nullptr},
+    {"__qualname__", get_qualname, set_qualname, nullptr, nullptr},
+    {"__doc__", get_doc, set_doc, nullptr, nullptr},
+    {"__module__", get_module, set_module, nullptr, nullptr},
+    {"__defaults__", get_defaults, set_defaults, nullptr, nullptr},
+    {"__kwdefaults__", get_kwdefaults, set_kwdefaults, nullptr, nullptr},
+    {"__annotations__", get_annotations, set_annotations, nullptr, nullptr},
+    {"__globals__", get_globals, nullptr, nullptr, nullptr},
+    {"__code__", get_code, nullptr, nullptr, nullptr},
+    {"__dict__", PyObject_GenericGetDict, PyObject_GenericSetDict, nullptr, nullptr},
+    {nullptr, nullptr, nullptr, nullptr, nullptr},
+};
+
+PyTypeObject function_type = [] {
+    PyTypeObject type{};
+    type.ob_base = PyVarObject{PyObject_HEAD_INIT(nullptr) 0};
+    type.tp_name = "quillmarsh.core.tree.chunk_layer.compiled_function";
+    type.tp_basicsize = sizeof(FunctionObject);
+    type.tp_dealloc = function_dealloc;
+    type.tp_vectorcall_offset = offsetof(FunctionObject, vectorcall);
+    type.tp_repr = function_repr;
+    type.tp_call = function_call;
+    type.tp_getattro = PyObject_GenericGetAttr;
+    type.tp_setattro = PyObject_GenericSetAttr;
+    type.tp_flags = Py_TPFLAGS_DEFAULT | Py_TPFLAGS_HAVE_GC | Py_TPFLAGS_HAVE_VECTORCALL |
+                    Py_TPFLAGS_METHOD_DESCRIPTOR;
+    type.tp_doc = "A function of the chunk layer module, compiled to machine code.";
+    type.tp_traverse = function_traverse;
+    type.tp_clear = function_clear;
+    type.tp_weaklistoffset = offsetof(FunctionObject, weakrefs);
+    type.tp_methods = function_methods;
+    type.tp_getset = function_getset;
+    type.tp_descr_get = function_descr_get;
+    type.tp_dictoffset = offsetof(FunctionObject, fields) + offsetof(FunctionObject::Fields, dict);
+    return type;
+}();
+
+}  // namespace
+
+void ready_function_type() { check_status(PyType_Ready(&function_type)); }
+
+Ref make_function(const FunctionSpec& spec, Handle module_name, Handle globals, Handle closure) {
+    make_spec_objects(spec);
+    FunctionObject* function = PyObject_GC_New(FunctionObject, &function_type);
+    check(reinterpret_cast<PyObject*>(function));
+    function->vectorcall = function_vectorcall;
+    function->weakrefs = nullptr;
+    new (&function->fields) FunctionObject::Fields{
+        &spec,
+        Ref::borrow(globals),
+        Ref::borrow(closure),
+        Ref::borrow(module_name),
+        Ref::borrow(spec.name_object),
+        Ref::borrow(spec.qualname_object),
+        Ref::borrow(spec.doc_object),
+        Ref::borrow(spec.defaults),
+        Ref::none(),
+        Ref(),
+        Ref(),
+    };
+    Ref result = Ref::steal(reinterpret_cast<PyObject*>(function));
+    PyObject_GC_Track(function);
+    return result;
+}
+
+Ref function_name(Handle function) { return as_function(function.get())->fields.name; }
+Ref function_qualname(Handle function) { return as_function(function.get())->fields.qualname; }
+
+Ref global(Handle globals, const Str& name) {
+    PyObject* value = PyDict_GetItemWithError(globals.get(), name.get());
+    if (value == nullptr && !PyErr_Occurred()) {
+        value = PyDict_GetItemWithError(PyEval_GetBuiltins(), name.get());
+    }
+    if (value == nullptr) {
+        if (!PyErr_Occurred()) raise(PyExc_NameError, "name '%U' is not defined", name.get());
+        throw Error{};
+    }
+    return Ref::borrow(value);
+}
+
+void require_exact_type(Handle value, PyTypeObject* type, const char* argument,
+                        bool none_allowed) {
+    if (Py_TYPE(value.get()) == type || (none_allowed && value.is_none())) return;
+    raise(PyExc_TypeError, "Argument '%.200s' has incorrect type (expected %.200s, got %.200s)",
+          argument, type->tp_name, Py_TYPE(value.get())->tp_name);
+}
+
+}  // namespace py

@@ -1,0 +1,349 @@
+// The generator type behind the module's generator methods (see py_generator.hpp). Its states
+// and errors follow Python's own generators: not started, suspended at a yield, running, and
+// finished; "generator already executing" on re-entry; a StopIteration escaping the body turned
+// into RuntimeError; close() throwing GeneratorExit into a suspended body.
+#include "support/py_generator.hpp"
+
+#include <new>
+#include <stdexcept>
+
+namespace py {
+
+void Coroutine::promise_type::unhandled_exception() noexcept {
+    try {
+        throw;
+    } catch (const Error&) {
+        // The Python error is already set.
+    } catch (const std::bad_alloc&) {
+        PyErr_NoMemory();
+    } catch (const std::exception& failure) {
+        PyErr_SetString(PyExc_SystemError, failure.what());
+    }
+    failed = true;
+}
+
+namespace {
+
+const Str kCollectionsAbc{"collections.abc"};
+const Str kGenerator{"Generator"};
+const Str kRegister{"register"};
+
+struct GeneratorObject {
+    PyObject_HEAD
+    PyObject* weakrefs;
+    // The C++ part, constructed in place after allocation and destroyed before the memory goes.
+    struct Fields {
+        Coroutine::Handle body;  // null once the generator has finished
+        Ref function;
+        Ref globals;
+        Ref closure;
+        Ref arguments;  // tuple: the call's arguments, which `call` points into
+        Call call;
+        Ref name;
+        Ref qualname;
+        bool started = false;
+        bool running = false;
+    } fields;
+};
+
+GeneratorObject* as_generator(PyObject* object) {
+    return reinterpret_cast<GeneratorObject*>(object);
+}
+
+// Destroys the coroutine frame. Its locals are released here, which may run arbitrary code, so
+// the frame is detached first and a pending error is kept aside meanwhile.
+void finish(GeneratorObject& generator) {
+    Coroutine::Handle body = std::exchange(generator.fields.body, {});
+    if (!body) return;
+    PyObject *type, *value, *traceback;
+    PyErr_Fetch(&type, &value, &traceback);
+    body.destroy();
+    PyErr_Restore(type, value, traceback);
+}
+
+enum class Resume { next, send, throw_pending };
+
+// One resumption: the heart of next(), send() and throw(). Returns the yielded value (new
+// reference) or NULL: with StopIteration set when the body returned (not for next(), where the
+// bare NULL ends the iteration), or with the body's error set.
+PyObject* resume(GeneratorObject& generator, Resume how, PyObject* sent) {
+    auto& fields = generator.fields;
+    if (fields.running) {
+        PyErr_SetString(PyExc_ValueError, "generator already executing");
+        return nullptr;
+    }
+    if (!fields.body) {
+        // Finished: a thrown exception comes straight back, send() raises StopIteration.
+        if (how == Resume::send) PyErr_SetNone(PyExc_StopIteration);
+        return nullptr;
+    }
+    if (!fields.started && how == Resume::send && sent != Py_None) {
+        PyErr_SetString(PyExc_TypeError, "can't send non-None value to a just-started generator");
+        return nullptr;
+    }
+
+    Coroutine::promise_type& promise = fields.body.promise();
+    bool failed;
+    if (!fields.started && how == Resume::throw_pending) {
+        // Thrown in before the first statement: the body never runs and ends with the error.
+        failed = true;
+        finish(generator);
+    } else {
+        promise.sent = Ref::borrow(sent != nullptr ? sent : Py_None);
+        promise.throw_on_resume = how == Resume::throw_pending;
+        fields.started = true;
+        fields.running = true;
+        fields.body.resume();
+        fields.running = false;
+        if (!fields.body.done()) return std::move(promise.yielded).release();
+        failed = promise.failed;
+        finish(generator);
+    }
+
+    if (failed) {
+        // A StopIteration leaving the body would end the caller's loop silently: make it loud.
+        if (PyErr_ExceptionMatches(PyExc_StopIteration)) {
+            PyObject *type, *value, *traceback;
+            PyErr_Fetch(&type, &value, &traceback);
+            PyErr_NormalizeException(&type, &value, &traceback);
+            if (traceback != nullptr) PyException_SetTraceback(value, traceback);
+            Ref stop_type = Ref::steal_or_null(type);
+            Ref stop = Ref::steal_or_null(value);
+            Ref stop_traceback = Ref::steal_or_null(traceback);
+            PyErr_SetString(PyExc_RuntimeError, "generator raised StopIteration");
+            PyErr_Fetch(&type, &value, &traceback);
+            PyErr_NormalizeException(&type, &value, &traceback);
+            PyException_SetCause(value, Ref(stop).release());
+            PyException_SetContext(value, stop.release());
+            PyErr_Restore(type, value, traceback);
+        }
+        return nullptr;
+    }
+    if (how != Resume::next) PyErr_SetNone(PyExc_StopIteration);
+    return nullptr;
+}
+
+PyObject* generator_iternext(PyObject* self) {
+    return resume(*as_generator(self), Resume::next, nullptr);
+}
+
+PyObject* generator_send(PyObject* self, PyObject* value) {
+    return resume(*as_generator(self), Resume::send, value);
+}
+
+// throw(type[, value[, traceback]]), with the argument checks of Python's generators.
+PyObject* generator_throw(PyObject* self, PyObject* args) {
+    PyObject* type_arg;
+    PyObject* value_arg = nullptr;
+    PyObject* traceback_arg = nullptr;
+    if (!PyArg_UnpackTuple(args, "throw", 1, 3, &type_arg, &value_arg, &traceback_arg)) {
+        return nullptr;
+    }
+    if (traceback_arg == Py_None) traceback_arg = nullptr;
+    if (traceback_arg != nullptr && !PyTraceBack_Check(traceback_arg)) {
+        PyErr_SetString(PyExc_TypeError, "throw() third argument must be a traceback object");
+        return nullptr;
+    }
+    Ref type = Ref::borrow(type_arg);
+    Ref value = Ref::borrow(value_arg);
+    Ref traceback = Ref::borrow(traceback_arg);
+    if (PyExceptionClass_Check(type_arg)) {
+        PyObject* raw_type = type.release();
+        PyObject* raw_value = value.release();
+        PyObject* raw_traceback = traceback.release();
+        PyErr_NormalizeException(&raw_type, &raw_value, &raw_traceback);
+        type = Ref::steal_or_null(raw_type);
+        value = Ref::steal_or_null(raw_value);
+        traceback = Ref::steal_or_null(raw_traceback);
+        if (PyErr_Occurred()) return nullptr;
+    } else if (PyExceptionInstance_Check(type_arg)) {
+        if (value && !value.is_none()) {
+            PyErr_SetString(PyExc_TypeError, "instance exception may not have a separate value");
+            return nullptr;
+        }
+        value = type;
+        type = Ref::borrow(reinterpret_cast<PyObject*>(Py_TYPE(type_arg)));
+        if (!traceback) traceback = Ref::steal_or_null(PyException_GetTraceback(value.get()));
+    } else {
+        PyErr_Format(PyExc_TypeError,
+                     "exceptions must be classes or instances deriving from BaseException, not %s",
+                     Py_TYPE(type_arg)->tp_name);
+        return nullptr;
+    }
+    PyErr_Restore(type.release(), value.release(), traceback.release());
+    return resume(*as_generator(self), Resume::throw_pending, nullptr);
+}
+
+PyObject* close_generator(GeneratorObject& generator) {
+    if (generator.fields.running) {
+        PyErr_SetString(PyExc_ValueError, "generator already executing");
+        return nullptr;
+    }
+    if (!generator.fields.body) return Ref::none().release();
+    PyErr_SetNone(PyExc_GeneratorExit);
+    Ref yielded = Ref::steal_or_null(resume(generator, Resume::throw_pending, nullptr));
+    if (yielded) {
+        PyErr_SetString(PyExc_RuntimeError, "generator ignored GeneratorExit");
+        return nullptr;
+    }
+    if (PyErr_ExceptionMatches(PyExc_StopIteration) ||
+        PyErr_ExceptionMatches(PyExc_GeneratorExit)) {
+        PyErr_Clear();
+        return Ref::none().release();
+    }
+    return nullptr;
+}
+
+PyObject* generator_close(PyObject* self, PyObject*) {
+    return close_generator(*as_generator(self));
+}
+
+// A generator dropped while suspended is closed first, as Python's are.
+void generator_finalize(PyObject* self) {
+    GeneratorObject& generator = *as_generator(self);
+    if (!generator.fields.body) return;
+    PyObject *type, *value, *traceback;
+    PyErr_Fetch(&type, &value, &traceback);
+    if (Ref result = Ref::steal_or_null(close_generator(generator)); !result) {
+        PyErr_WriteUnraisable(self);
+    }
+    finish(generator);
+    PyErr_Restore(type, value, traceback);
+}
+
+int generator_traverse(PyObject* self, visitproc visit, void* arg) {
+    auto& fields = as_generator(self)->fields;
+    for (const Ref* ref : {&fields.function, &fields.globals, &fields.closure, &fields.arguments,
+                           &fields.name, &fields.qualname}) {
+        Py_VISIT(ref->get());
+    }
+    return 0;
+}
+
+int generator_clear(PyObject* self) {
+    GeneratorObject& generator = *as_generator(self);
+    finish(generator);  // the frame borrows the arguments: it goes first
+    auto& fields = generator.fields;
+    for (Ref* ref : {&fields.function, &fields.globals, &fields.closure, &fields.arguments,
+                     &fields.name, &fields.qualname}) {
+        *ref = Ref();
+    }
+    return 0;
+}
+
+void generator_dealloc(PyObject* self) {
+    GeneratorObject* generator = as_generator(self);
+    PyObject_GC_UnTrack(self);
+    if (generator->weakrefs != nullptr) PyObject_ClearWeakRefs(self);
+    // The finalizer may run Python code, so the object is tracked again while it runs.
+    PyObject_GC_Track(self);
+    if (PyObject_CallFinalizerFromDealloc(self) < 0) return;  // resurrected by its finalizer
+    PyObject_GC_UnTrack(self);
+    finish(*generator);
+    generator->fields.~Fields();
+    PyObject_GC_Del(self);
+}
+
+PyObject* generator_repr(PyObject* self) {
+    return PyUnicode_FromFormat("<generator object %U at %p>",
+                                as_generator(self)->fields.qualname.get(), self);
+}
+
+PyObject* get_name(PyObject* self, void*) {
+    return Ref(as_generator(self)->fields.name).release();
+}
+int set_name(PyObject* self, PyObject* value, void*) {
+    if (value == nullptr || !PyUnicode_Check(value)) {
+        PyErr_SetString(PyExc_TypeError, "__name__ must be set to a string object");
+        return -1;
+    }
+    as_generator(self)->fields.name = Ref::borrow(value);
+    return 0;
+}
+PyObject* get_qualname(PyObject* self, void*) {
+    return Ref(as_generator(self)->fields.qualname).release();
+}
+int set_qualname(PyObject* self, PyObject* value, void*) {
+    if (value == nullptr || !PyUnicode_Check(value)) {
+        PyErr_SetString(PyExc_TypeError, "__qualname__ must be set to a string object");
+        return -1;
+    }
+    as_generator(self)->fields.qualname = Ref::borrow(value);
+    return 0;
+}
+PyObject* get_running(PyObject* self, void*) {
+    return Ref::boolean(as_generator(self)->fields.running).release();
+}
+
+PyMethodDef generator_methods[] = {
+    {"send", generator_send, METH_O,
+     "send(arg) -> send 'arg' into generator,\nreturn next yielded value or raise StopIteration."},
+    {"throw", generator_throw, METH_VARARGS,
+     "throw(typ[,val[,tb]]) -> raise exception in generator,\nreturn next yielded value or raise "
+     "StopIteration."},
+    {"close", generator_close, METH_NOARGS, "close() -> raise GeneratorExit inside generator."},
+    {nullptr, nullptr, 0, nullptr},
+};
+
+PyGetSetDef generator_getset[] = {
+    {"__name__", get_name, set_name, nullptr, nullptr},
+    {"__qualname__", get_qualname, set_qualname, nullptr, nullptr},
+    {"gi_running", get_running, nullptr, nullptr, nullptr},
+    {nullptr, nullptr, nullptr, nullptr, nullptr},
+};
+
+PyTypeObject generator_type = [] {
+    PyTypeObject type{};
+    type.ob_base = PyVarObject{PyObject_HEAD_INIT(nullptr) 0};
+    type.tp_name = "quillmarsh.core.tree.chunk_layer.generator";
+    type.tp_basicsize = sizeof(GeneratorObject);
+    type.tp_dealloc = generator_dealloc;
+    type.tp_repr = generator_repr;
+    type.tp_getattro = PyObject_GenericGetAttr;
+    type.tp_flags = Py_TPFLAGS_DEFAULT | Py_TPFLAGS_HAVE_GC;
+    type.tp_traverse = generator_traverse;
+    type.tp_clear = generator_clear;
+    type.tp_weaklistoffset = offsetof(GeneratorObject, weakrefs);
+    type.tp_iter = PyObject_SelfIter;
+    type.tp_iternext = generator_iternext;
+    type.tp_methods = generator_methods;
+    type.tp_getset = generator_getset;
+    type.tp_finalize = generator_finalize;
+    return type;
+}();
+
+}  // namespace
+
+void ready_generator_type() {
+    check_status(PyType_Ready(&generator_type));
+    Ref abc = Ref::steal(PyImport_Import(kCollectionsAbc.get()));
+    call_method(getattr(abc, kGenerator), kRegister, reinterpret_cast<PyObject*>(&generator_type));
+}
+
+Ref make_generator(const Call& call, std::size_t argument_count, GeneratorBody body) {
+    Ref arguments = Ref::steal(PyTuple_New(static_cast<Py_ssize_t>(argument_count)));
+    for (std::size_t i = 0; i < argument_count; ++i) {
+        PyTuple_SET_ITEM(arguments.get(), static_cast<Py_ssize_t>(i),
+                         Ref::borrow(call.args[i]).release());
+    }
+    GeneratorObject* generator = PyObject_GC_New(GeneratorObject, &generator_type);
+    check(reinterpret_cast<PyObject*>(generator));
+    generator->weakrefs = nullptr;
+    new (&generator->fields) GeneratorObject::Fields{
+        {},
+        Ref::borrow(call.function),
+        Ref::borrow(call.globals),
+        Ref::borrow(call.closure),
+        arguments,
+        Call{call.function, call.globals, call.closure, &PyTuple_GET_ITEM(arguments.get(), 0)},
+        function_name(call.function),
+        function_qualname(call.function),
+    };
+    Ref result = Ref::steal(reinterpret_cast<PyObject*>(generator));
+    // The body's Call points at the objects this generator owns, so it outlives every resumption.
+    generator->fields.body = body(generator->fields.call).release();
+    PyObject_GC_Track(generator);
+    return result;
+}
+
+}  // namespace py

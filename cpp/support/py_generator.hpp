@@ -1,0 +1,76 @@
+// A generator type for the module's generator methods. The body is a C++20 coroutine of type
+// `Coroutine` that yields with `co_yield`; the generator object around it speaks the whole
+// Python generator protocol (next, send, throw, close), passes
+// isinstance(g, collections.abc.Generator), and runs nothing before the first next().
+#pragma once
+
+#include <coroutine>
+#include <utility>
+
+#include "support/py_function.hpp"
+
+namespace py {
+
+// The return type of a generator body. `co_yield value` hands `value` (a Ref) to the caller of
+// next() or send() and evaluates to what the next send() passes in (None for next()); an
+// exception thrown into the generator is raised from the co_yield as `Error`.
+class Coroutine {
+public:
+    struct promise_type;
+    using Handle = std::coroutine_handle<promise_type>;
+
+    struct YieldPoint {
+        promise_type& promise;
+        bool await_ready() const noexcept { return false; }
+        void await_suspend(Handle) const noexcept {}
+        Ref await_resume() const {
+            if (std::exchange(promise.throw_on_resume, false)) throw Error{};
+            return std::move(promise.sent);
+        }
+    };
+
+    struct promise_type {
+        Ref yielded;                   // what the last co_yield handed out
+        Ref sent;                      // what the resumption passed in
+        bool throw_on_resume = false;  // the Python error set by throw() is raised at co_yield
+        bool failed = false;           // the body ended with the Python error set
+
+        Coroutine get_return_object() { return Coroutine(Handle::from_promise(*this)); }
+        std::suspend_always initial_suspend() const noexcept { return {}; }
+        std::suspend_always final_suspend() const noexcept { return {}; }
+        void return_void() const noexcept {}
+        void unhandled_exception() noexcept;
+        YieldPoint yield_value(Ref value) noexcept {
+            yielded = std::move(value);
+            return YieldPoint{*this};
+        }
+    };
+
+    Coroutine(Coroutine&& other) noexcept : handle_(std::exchange(other.handle_, {})) {}
+    Coroutine(const Coroutine&) = delete;
+    Coroutine& operator=(const Coroutine&) = delete;
+    ~Coroutine() {
+        if (handle_) handle_.destroy();
+    }
+
+    // Gives the coroutine frame to its new owner, the generator object.
+    Handle release() noexcept { return std::exchange(handle_, {}); }
+
+private:
+    explicit Coroutine(Handle handle) noexcept : handle_(handle) {}
+    Handle handle_;
+};
+
+// The body of a generator method: it receives the call of the method, whose arguments the
+// generator object keeps alive for as long as the body can run.
+using GeneratorBody = Coroutine (*)(const Call&);
+
+// Makes the generator type ready and registers it as a collections.abc.Generator; called once
+// when the module executes.
+void ready_generator_type();
+
+// A new, not yet started generator that will run `body` with the arguments of `call`; its
+// __name__ and __qualname__ are those of the called function.
+Ref make_generator(const Call& call, std::size_t argument_count, GeneratorBody body);
+
+}  // namespace py

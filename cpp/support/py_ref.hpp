@@ -1,0 +1,317 @@
+// The reference layer: owned and borrowed references to Python objects, an exception that
+// carries a failed API call out of C++ code (the Python error stays set), and small helpers for
+// attribute access, calls, comparisons and truth tests. Everything else in the extension is
+// written on top of this file, so that the code reads like the algorithm it implements.
+#pragma once
+
+#define PY_SSIZE_T_CLEAN
+#include <Python.h>
+
+#include <array>
+#include <cstddef>
+#include <exception>
+#include <initializer_list>
+#include <new>
+#include <utility>
+#include <vector>
+
+namespace py {
+
+// Thrown when a Python API call fails. The Python error indicator is set and stays set until
+// the exception is turned back into a NULL return at an entry point (see `guard`).
+struct Error {};
+
+// Turns a NULL result into `Error`.
+inline PyObject* check(PyObject* result) {
+    if (result == nullptr) throw Error{};
+    return result;
+}
+
+// Turns a -1 status into `Error`.
+inline int check_status(int status) {
+    if (status < 0) throw Error{};
+    return status;
+}
+
+// Raises a Python exception of `type` with a printf-style message (the interpreter's format).
+template <class... Args>
+[[noreturn]] void raise(PyObject* type, const char* format, Args... args) {
+    PyErr_Format(type, format, args...);
+    throw Error{};
+}
+
+class Ref;
+
+// A borrowed reference: valid only while its owner keeps the object alive. Never null when it
+// comes from an API result; may be null only where a signature says so.
+class Handle {
+public:
+    Handle(PyObject* object) noexcept : object_(object) {}  // NOLINT: implicit by design
+    Handle(const Ref& ref) noexcept;                         // NOLINT: implicit by design
+
+    PyObject* get() const noexcept { return object_; }
+    bool is_none() const noexcept { return object_ == Py_None; }
+    bool is(Handle other) const noexcept { return object_ == other.object_; }
+
+private:
+    PyObject* object_;
+};
+
+// An owned reference: the only place in the extension that increments and decrements reference
+// counts. Empty (null) only when default-constructed, moved from, or returned by `next` at the
+// end of an iteration.
+class Ref {
+public:
+    Ref() noexcept = default;
+    Ref(const Ref& other) noexcept : object_(other.object_) { Py_XINCREF(object_); }
+    Ref(Ref&& other) noexcept : object_(std::exchange(other.object_, nullptr)) {}
+    ~Ref() { Py_XDECREF(object_); }
+
+    Ref& operator=(Ref other) noexcept {
+        std::swap(object_, other.object_);
+        return *this;
+    }
+
+    // Takes over a new reference from an API call; a NULL result throws `Error`.
+    static Ref steal(PyObject* object) { return Ref(check(object)); }
+    // Takes over a new reference that may be NULL without an error (for example a lookup miss).
+    static Ref steal_or_null(PyObject* object) noexcept { return Ref(object); }
+    // Takes a new reference to a borrowed object.
+    static Ref borrow(Handle object) noexcept {
+        Py_XINCREF(object.get());
+        return Ref(object.get());
+    }
+
+    static Ref none() noexcept { return borrow(Py_None); }
+    static Ref boolean(bool value) noexcept { return borrow(value ? Py_True : Py_False); }
+
+    PyObject* get() const noexcept { return object_; }
+    // Hands the reference to the caller (an entry point returning it to the interpreter).
+    PyObject* release() noexcept { return std::exchange(object_, nullptr); }
+
+    explicit operator bool() const noexcept { return object_ != nullptr; }
+    bool is_none() const noexcept { return object_ == Py_None; }
+    bool is(Handle other) const noexcept { return object_ == other.get(); }
+
+private:
+    explicit Ref(PyObject* object) noexcept : object_(object) {}
+    PyObject* object_ = nullptr;
+};
+
+inline Handle::Handle(const Ref& ref) noexcept : object_(ref.get()) {}
+
+// Runs `body` at an entry point called by the interpreter: a thrown `Error` becomes a NULL
+// return with the Python error set, and C++ failures become the matching Python errors.
+template <class Body>
+PyObject* guard(Body&& body) noexcept {
+    try {
+        return body().release();
+    } catch (const Error&) {
+        return nullptr;
+    } catch (const std::bad_alloc&) {
+        return PyErr_NoMemory();
+    } catch (const std::exception& failure) {
+        PyErr_SetString(PyExc_SystemError, failure.what());
+        return nullptr;
+    }
+}
+
+// Same for entry points that report failure with -1.
+template <class Body>
+int guard_status(Body&& body) noexcept {
+    try {
+        body();
+        return 0;
+    } catch (const Error&) {
+        return -1;
+    } catch (const std::bad_alloc&) {
+        PyErr_NoMemory();
+        return -1;
+    } catch (const std::exception& failure) {
+        PyErr_SetString(PyExc_SystemError, failure.what());
+        return -1;
+    }
+}
+
+// ---- objects ------------------------------------------------------------------------------
+
+inline Ref str(const char* text) { return Ref::steal(PyUnicode_FromString(text)); }
+inline Ref integer(long value) { return Ref::steal(PyLong_FromLong(value)); }
+inline Ref size(Py_ssize_t value) { return Ref::steal(PyLong_FromSsize_t(value)); }
+
+template <class... Items>
+Ref tuple(Items&&... items) {
+    Ref result = Ref::steal(PyTuple_New(sizeof...(Items)));
+    Py_ssize_t position = 0;
+    // PyTuple_SET_ITEM steals: hand it a reference of its own for each item.
+    ((PyTuple_SET_ITEM(result.get(), position++, Ref::borrow(Handle(items)).release())), ...);
+    return result;
+}
+
+inline Ref tuple_from(const std::vector<Ref>& items) {
+    Ref result = Ref::steal(PyTuple_New(static_cast<Py_ssize_t>(items.size())));
+    for (std::size_t i = 0; i < items.size(); ++i) {
+        PyTuple_SET_ITEM(result.get(), static_cast<Py_ssize_t>(i), Ref(items[i]).release());
+    }
+    return result;
+}
+
+// The tuple of an iterable: an exact tuple as it is, anything else walked into a new one.
+inline Ref as_tuple(Handle iterable) { return Ref::steal(PySequence_Tuple(iterable.get())); }
+
+inline Ref new_list() { return Ref::steal(PyList_New(0)); }
+inline void append(Handle list, Handle item) {
+    check_status(PyList_Append(list.get(), item.get()));
+}
+inline Ref new_dict() { return Ref::steal(PyDict_New()); }
+inline void set_item(Handle mapping, Handle key, Handle value) {
+    check_status(PyObject_SetItem(mapping.get(), key.get(), value.get()));
+}
+
+// ---- attributes and items -----------------------------------------------------------------
+
+inline Ref getattr(Handle object, Handle name) {
+    return Ref::steal(PyObject_GetAttr(object.get(), name.get()));
+}
+inline void setattr(Handle object, Handle name, Handle value) {
+    check_status(PyObject_SetAttr(object.get(), name.get(), value.get()));
+}
+inline Ref item(Handle object, Handle key) {
+    return Ref::steal(PyObject_GetItem(object.get(), key.get()));
+}
+inline Ref item(Handle sequence, Py_ssize_t index) {
+    return Ref::steal(PySequence_GetItem(sequence.get(), index));
+}
+inline Py_ssize_t length(Handle object) {
+    Py_ssize_t size = PyObject_Length(object.get());
+    if (size < 0) throw Error{};
+    return size;
+}
+
+// ---- truth and comparison -----------------------------------------------------------------
+
+inline bool truth(Handle object) { return check_status(PyObject_IsTrue(object.get())) != 0; }
+inline Ref compare(Handle left, Handle right, int op) {
+    return Ref::steal(PyObject_RichCompare(left.get(), right.get(), op));
+}
+// The truth of a comparison, as an `if a == b:` takes it.
+inline bool compare_truth(Handle left, Handle right, int op) {
+    return check_status(PyObject_RichCompareBool(left.get(), right.get(), op)) != 0;
+}
+
+// ---- numbers ------------------------------------------------------------------------------
+
+inline Ref add(Handle left, Handle right) {
+    return Ref::steal(PyNumber_Add(left.get(), right.get()));
+}
+inline Ref in_place_add(Handle left, Handle right) {
+    return Ref::steal(PyNumber_InPlaceAdd(left.get(), right.get()));
+}
+inline Ref subtract(Handle left, Handle right) {
+    return Ref::steal(PyNumber_Subtract(left.get(), right.get()));
+}
+inline Ref multiply(Handle left, Handle right) {
+    return Ref::steal(PyNumber_Multiply(left.get(), right.get()));
+}
+inline Ref floor_divide(Handle left, Handle right) {
+    return Ref::steal(PyNumber_FloorDivide(left.get(), right.get()));
+}
+inline Ref true_divide(Handle left, Handle right) {
+    return Ref::steal(PyNumber_TrueDivide(left.get(), right.get()));
+}
+inline Ref invert(Handle operand) { return Ref::steal(PyNumber_Invert(operand.get())); }
+
+// ---- calls --------------------------------------------------------------------------------
+
+// callable(*args), through the vectorcall protocol.
+template <class... Args>
+Ref call(Handle callable, Args&&... args) {
+    // One spare slot in front lets bound methods prepend `self` without copying.
+    std::array<PyObject*, sizeof...(Args) + 1> stack{nullptr, Handle(args).get()...};
+    return Ref::steal(PyObject_Vectorcall(callable.get(), stack.data() + 1,
+                                          sizeof...(Args) | PY_VECTORCALL_ARGUMENTS_OFFSET,
+                                          nullptr));
+}
+
+// callable(*positional, **dict(zip(keyword_names, keyword_values))); `keyword_names` is a tuple
+// of str made once, the values follow the positional arguments in `args`.
+template <class... Args>
+Ref call_keywords(Handle callable, std::size_t positional, Handle keyword_names, Args&&... args) {
+    std::array<PyObject*, sizeof...(Args) + 1> stack{nullptr, Handle(args).get()...};
+    return Ref::steal(PyObject_Vectorcall(callable.get(), stack.data() + 1,
+                                          positional | PY_VECTORCALL_ARGUMENTS_OFFSET,
+                                          keyword_names.get()));
+}
+
+// object.name(*args), looked up on the object as Python does (so overrides are honoured).
+template <class... Args>
+Ref call_method(Handle object, Handle name, Args&&... args) {
+    std::array<PyObject*, sizeof...(Args) + 1> stack{object.get(), Handle(args).get()...};
+    return Ref::steal(PyObject_VectorcallMethod(
+        name.get(), stack.data(), (sizeof...(Args) + 1) | PY_VECTORCALL_ARGUMENTS_OFFSET,
+        nullptr));
+}
+
+// object.name(*positional, **keywords), with the keyword names as a tuple made once.
+template <class... Args>
+Ref call_method_keywords(Handle object, Handle name, std::size_t positional, Handle keyword_names,
+                         Args&&... args) {
+    std::array<PyObject*, sizeof...(Args) + 1> stack{object.get(), Handle(args).get()...};
+    return Ref::steal(PyObject_VectorcallMethod(
+        name.get(), stack.data(), (positional + 1) | PY_VECTORCALL_ARGUMENTS_OFFSET,
+        keyword_names.get()));
+}
+
+// callable(*args) with the arguments in a vector.
+inline Ref call_vector(Handle callable, const std::vector<Ref>& args) {
+    std::vector<PyObject*> stack(args.size() + 1, nullptr);
+    for (std::size_t i = 0; i < args.size(); ++i) stack[i + 1] = args[i].get();
+    return Ref::steal(PyObject_Vectorcall(callable.get(), stack.data() + 1,
+                                          args.size() | PY_VECTORCALL_ARGUMENTS_OFFSET, nullptr));
+}
+
+// ---- iteration ----------------------------------------------------------------------------
+
+inline Ref iter(Handle iterable) { return Ref::steal(PyObject_GetIter(iterable.get())); }
+
+// The next item, or an empty Ref when the iterator is exhausted.
+inline Ref next(Handle iterator) {
+    PyObject* item = PyIter_Next(iterator.get());
+    if (item == nullptr && PyErr_Occurred()) throw Error{};
+    return Ref::steal_or_null(item);
+}
+
+// Unpacks exactly N values from an iterable into an array, with the messages of the interpreter
+// family this module follows: "too many values to unpack (expected N)" and
+// "need more than K value(s) to unpack".
+template <std::size_t N>
+std::array<Ref, N> unpack(Handle iterable) {
+    std::array<Ref, N> values;
+    auto too_many = [] {
+        raise(PyExc_ValueError, "too many values to unpack (expected %zd)",
+              static_cast<Py_ssize_t>(N));
+    };
+    auto need_more = [](Py_ssize_t got) {
+        raise(PyExc_ValueError, "need more than %zd value%.1s to unpack", got,
+              got == 1 ? "" : "s");
+    };
+    PyObject* object = iterable.get();
+    if (PyTuple_CheckExact(object) || PyList_CheckExact(object)) {
+        Py_ssize_t size = PySequence_Fast_GET_SIZE(object);
+        if (size > static_cast<Py_ssize_t>(N)) too_many();
+        if (size < static_cast<Py_ssize_t>(N)) need_more(size);
+        for (std::size_t i = 0; i < N; ++i) {
+            values[i] = Ref::borrow(PySequence_Fast_GET_ITEM(object, i));
+        }
+        return values;
+    }
+    Ref iterator = iter(iterable);
+    for (std::size_t i = 0; i < N; ++i) {
+        values[i] = next(iterator);
+        if (!values[i]) need_more(static_cast<Py_ssize_t>(i));
+    }
+    if (next(iterator)) too_many();
+    return values;
+}
+
+}  // namespace py
