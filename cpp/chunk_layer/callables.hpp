@@ -18,7 +18,4 @@ extern const py::FunctionSpec exclude_removed;
 extern const ClassSpec chunk_node_class;
 extern const ClassSpec chunk_layer_class;
 
-// The body of a method whose behaviour has not been built yet.
-py::Ref not_implemented(const py::Call& call);
-
 }  // namespace chunk_layer

@@ -18,6 +18,535 @@ using py::Default;
 using py::Handle;
 using py::Ref;
 
+const py::Str kGetRemoved{"get_removed"};
+const py::Str kUpdateBuildParams{"update_build_params"};
+const py::Str kGetByNodes{"get_by_nodes"};
+const py::Str kVerbose{"verbose"};
+const py::Str kNInstances{"n_instances"};
+const py::Str kNJobs{"n_jobs"};
+const py::Str kGet{"get"};
+const py::Str kTime{"time"};
+const py::Str kLocaltime{"localtime"};
+const py::Str kStrftime{"strftime"};
+const py::Str kIsSimpleChunkSize{"is_simple_chunk_size"};
+const py::Str kCoresetParams{"coreset_params"};
+const py::Str kAddToQueue{"add_to_queue"};
+const py::Str kHasRunningTasks{"has_running_tasks"};
+const py::Str kChain{"chain"};
+const py::Str kDtypeName{"dtype"};
+const py::Str kFloat32{"float32"};
+const py::Str kEmpty{""};
+const py::Str kTimeFormat{"%Y-%m-%d %H:%M:%S"};
+const py::Str kThreeDecimals{".3f"};
+const py::Str kCompleted{" Completed chunk #"};
+const py::Str kOutOf{" out of "};
+const py::Str kChunks{" chunks"};
+const py::Str kBuiltIn{", \033[33m(chunk was built in "};
+const py::Str kSecondsReset{" seconds)\033[00m"};
+const py::Str kNumberOfFeatures{"number_of_features"};
+const py::Str kNumberOfFeaturesOrig{"number_of_features_orig"};
+const py::Str kNumberOfSamples{"number_of_samples"};
+const py::Str kTargetsUniqueCount{"targets_unique_count"};
+const py::Str kSizeBytes{"size_bytes"};
+const py::Str kSizeMB{"size_MB"};
+const py::KeywordNames kNodeKeywords{"dset", "params", "node_id", "data_manager"};
+const py::KeywordNames kLeafIndexKeyword{"leaf_node_index"};
+const py::KeywordNames kWithPropsKeyword{"with_props"};
+const py::KeywordNames kBatchSizeKeywords{"n_features", "available", "dtype"};
+
+// ---- buffer ---------------------------------------------------------------------------------
+
+Ref rows_of(Handle dataset) {
+    return py::item(py::getattr(py::item(dataset, 1), name::shape), 0);
+}
+
+Ref init(const Call& call) {
+    // Both exact-type checks come before any attribute exists, chunk_size first.
+    py::require_exact_type(call[3], &PyLong_Type, "chunk_size", true);
+    py::require_exact_type(call[5], &PyLong_Type, "chunk_index", true);
+    Handle self = call[0];
+    py::setattr(self, name::build_params, Py_None);
+    py::setattr(self, name::chunk_corset_params, call[2]);
+    py::setattr(self, name::buffer, Py_None);
+    py::setattr(self, name::chunk_size, call[3]);
+    py::setattr(self, name::data_manager, call[1]);
+    py::setattr(self, name::parent, call[4]);
+    py::setattr(self, name::chunk_index, call[5].is_none() ? py::integer(0) : Ref::borrow(call[5]));
+    return Ref::none();
+}
+
+Ref has_buffer(const Call& call) {
+    Handle self = call[0];
+    if (py::getattr(self, name::buffer).is_none()) return Ref::boolean(false);
+    // Returned as the comparison gives it: a buffer whose X has no rows counts as none.
+    return py::compare(rows_of(py::getattr(self, name::buffer)), py::integer(0), Py_GT);
+}
+
+bool buffer_present(Handle self) { return py::truth(py::call_method(self, name::has_buffer)); }
+
+// exclude_removed(removed, buffer.ind, buffer), unpacked into (indices, dataset): the dataset.
+Ref buffer_without(const Call& call, Handle removed) {
+    Handle self = call[0];
+    Ref exclude = py::global(call, global::exclude_removed);
+    Ref buffer_ind = py::getattr(py::getattr(self, name::buffer), name::ind);
+    Ref result = py::call(exclude, removed, buffer_ind, py::getattr(self, name::buffer));
+    auto [indices, dataset] = py::unpack<2>(result);
+    return dataset;
+}
+
+Ref get_buffer(const Call& call) {
+    Handle self = call[0];
+    if (!buffer_present(self)) return Ref::none();
+    Ref removed_indices = py::call_method(py::getattr(self, name::data_manager), kGetRemoved);
+    return buffer_without(call, removed_indices);
+}
+
+Ref set_buffer(const Call& call) {
+    Handle self = call[0];
+    Handle buffer = call[1];
+    if (buffer.is_none()) {
+        py::setattr(self, name::buffer, Py_None);
+    } else {
+        Ref dataset_type = py::global(call, global::Dataset);
+        py::setattr(self, name::buffer, py::call_tuple(dataset_type, py::as_tuple(buffer)));
+    }
+    return Ref::none();
+}
+
+Ref add_to_buffer(const Call& call) {
+    Handle self = call[0];
+    Handle dataset = call[1];
+    if (buffer_present(self)) {
+        // Field by field, stopping at the shorter record; an incoming None keeps the buffered
+        // field, anything else is appended after the buffered rows.
+        Ref buffered_fields = py::iter(py::getattr(self, name::buffer));
+        Ref incoming_fields = py::iter(dataset);
+        Ref concatenate;
+        std::vector<Ref> joined;
+        while (true) {
+            Ref buffered = py::next(buffered_fields);
+            if (!buffered) break;
+            Ref incoming = py::next(incoming_fields);
+            if (!incoming) break;
+            if (incoming.is_none()) {
+                joined.push_back(buffered);
+                continue;
+            }
+            if (!concatenate) {
+                concatenate = py::getattr(py::global(call, global::np), name::concatenate);
+            }
+            joined.push_back(py::call(concatenate, py::tuple(buffered, incoming)));
+        }
+        py::setattr(self, name::buffer, py::tuple_from(joined));
+    } else {
+        py::setattr(self, name::buffer, py::as_tuple(dataset));
+    }
+    Ref dataset_type = py::global(call, global::Dataset);
+    py::setattr(self, name::buffer,
+                py::call_tuple(dataset_type, py::as_tuple(py::getattr(self, name::buffer))));
+    py::call_method(py::getattr(self, name::parent), kUpdateBuildParams);
+    return Ref::none();
+}
+
+Ref remove_from_buffer(const Call& call) {
+    Handle self = call[0];
+    if (!buffer_present(self)) return Ref::none();
+    Ref dataset = buffer_without(call, call[1]);
+    // Re-wrapped as a new record even when nothing was dropped.
+    py::call_method(self, name::set_buffer, dataset);
+    return Ref::none();
+}
+
+Ref get_buffer_size(const Call& call) {
+    Handle self = call[0];
+    if (!buffer_present(self)) return py::integer(0);
+    // Every buffered row counts, including rows the data manager reports as removed.
+    return rows_of(py::getattr(self, name::buffer));
+}
+
+Ref update_buffer(const Call& call) {
+    Handle self = call[0];
+    if (!buffer_present(self)) return Ref::none();
+    Ref align = py::global(call, global::align_arrays_by_key);
+    Ref keys = py::tuple(py::getattr(py::getattr(self, name::buffer), name::ind));
+    Ref aligned = py::call(align, keys, py::tuple(call[1], call[2], call[3]));
+    auto [unused_keys, arrays] = py::unpack<2>(aligned);
+    auto [indices, X, y] = py::unpack<3>(arrays);
+    Ref in1d = py::getattr(py::global(call, global::np), name::in1d);
+    Ref mask = py::call(in1d, py::getattr(py::getattr(self, name::buffer), name::ind), indices);
+    // In place, through the mask: y first, then X.
+    if (!y.is_none()) {
+        py::set_item(py::getattr(py::getattr(self, name::buffer), name::y), mask, y);
+    }
+    if (!X.is_none()) {
+        py::set_item(py::getattr(py::getattr(self, name::buffer), name::X), mask, X);
+    }
+    return Ref::none();
+}
+
+// ---- node creation and progress ---------------------------------------------------------------
+
+// ChunkNode(dset=..., params=self.chunk_corset_params, node_id=..., data_manager=...).build()
+Ref build_node(const Call& call, Handle dset, Handle node_id) {
+    Handle self = call[0];
+    Ref node_type = py::global(call, global::ChunkNode);
+    Ref node = py::call_keywords(node_type, 0, kNodeKeywords, dset,
+                                 py::getattr(self, name::chunk_corset_params), node_id,
+                                 py::getattr(self, name::data_manager));
+    return py::call_method(node, name::build);
+}
+
+Ref now(const Call& call) {
+    return py::call_method(py::global(call, global::time), kTime);
+}
+
+Ref rebuild_node(const Call& call) { return build_node(call, call[1], call[2]); }
+
+Ref create_node(const Call& call) {
+    Handle self = call[0];
+    Handle leaf_node_index = call[3];
+    Ref started = now(call);
+    Ref chunk_node = build_node(call, call[1], call[2]);
+    Ref chunk_build_time = py::subtract(now(call), started);
+    Ref verbose = py::getattr(py::getattr(self, name::data_manager), kVerbose);
+    if (py::compare_truth(verbose, py::integer(0), Py_GT) && !leaf_node_index.is_none()) {
+        py::call_method(self, name::_print_progress, chunk_build_time, leaf_node_index);
+    }
+    return chunk_node;
+}
+
+// n_instances // build_params["chunk_size"], read afresh each time.
+Ref expected_chunks(Handle self) {
+    Ref n_instances = py::getattr(py::getattr(self, name::data_manager), kNInstances);
+    Ref chunk_size = py::item(py::getattr(self, name::build_params), name::chunk_size);
+    return py::floor_divide(n_instances, chunk_size);
+}
+
+Ref print_progress(const Call& call) {
+    Handle self = call[0];
+    Handle chunk_build_time = call[1];
+    Handle leaf_node_index = call[2];
+    Ref one = py::integer(1);
+    Ref zero = py::integer(0);
+
+    Ref chunks = Ref::borrow(kEmpty);
+    if (!py::getattr(py::getattr(self, name::data_manager), kNInstances).is_none() &&
+        py::compare_truth(py::call_method(py::getattr(self, name::build_params), kGet,
+                                          name::chunk_size, zero),
+                          zero, Py_GT)) {
+        // The trailing partial chunk lies beyond the expected count and shows no total.
+        if (py::compare_truth(py::add(leaf_node_index, one), expected_chunks(self), Py_LE)) {
+            Ref count = Ref::steal(PyObject_Format(expected_chunks(self).get(), kEmpty.get()));
+            chunks = Ref::steal(PyUnicode_Concat(kOutOf.get(), count.get()));
+            chunks = Ref::steal(PyUnicode_Concat(chunks.get(), kChunks.get()));
+        }
+    }
+    Ref time_module = py::global(call, global::time);
+    Ref local_time = py::call_method(time_module, kLocaltime);
+    Ref ct = py::call_method(time_module, kStrftime, kTimeFormat, local_time);
+
+    Ref number = py::add(leaf_node_index, one);
+    Ref pieces = py::tuple(Ref::steal(PyObject_Format(ct.get(), kEmpty.get())), kCompleted,
+                           Ref::steal(PyObject_Format(number.get(), kEmpty.get())), chunks,
+                           kBuiltIn,
+                           Ref::steal(PyObject_Format(chunk_build_time.get(), kThreeDecimals.get())),
+                           kSecondsReset);
+    Ref line = Ref::steal(PyUnicode_Join(kEmpty.get(), pieces.get()));
+    py::call(py::global(call, global::print), line);
+    return Ref::none();
+}
+
+Ref create_buffer_node(const Call& call) {
+    Handle self = call[0];
+    Handle callback = call[1];
+    if (!buffer_present(self)) return Ref::none();
+    Ref dataset_type = py::global(call, global::Dataset);
+    Ref dset = py::call_tuple(dataset_type, py::as_tuple(py::getattr(self, name::buffer)));
+    Ref node = py::call_method(self, name::_create_node, dset,
+                               py::global(call, global::BUFFER_NODE_ID));
+    // The buffer node's callback never gets a leaf index.
+    if (py::truth(callback)) py::call(callback, node, Py_None);
+    return node;
+}
+
+// ---- draining -----------------------------------------------------------------------------
+
+// The inner functions of the drain capture the layer, the callback and the element type.
+enum Captured { kSelf, kCallback, kDtype };
+
+Ref create_leaf_node(const Call& call) {
+    Handle self = PyTuple_GET_ITEM(call.closure, kSelf);
+    Handle callback = PyTuple_GET_ITEM(call.closure, kCallback);
+    Handle leaf_node_index = call[1];
+    Ref create = py::getattr(self, name::_create_node);
+    Ref chunk_node = py::call_keywords(create, 1, kLeafIndexKeyword, call[0], leaf_node_index);
+    if (!callback.is_none()) py::call(callback, chunk_node, leaf_node_index);
+    return Ref::none();
+}
+
+Ref check_memory_available(const Call& call) {
+    Handle dtype = PyTuple_GET_ITEM(call.closure, kDtype);
+    Handle buff = call[0];
+    Ref evaluate = py::global(call, global::evaluate_max_batch_size);
+    Ref n_features = py::item(py::getattr(py::getattr(buff, name::X), name::shape), 1);
+    Ref max_batch_size =
+        py::call_keywords(evaluate, 0, kBatchSizeKeywords, n_features, Py_True, dtype);
+    Ref rows = py::item(py::getattr(py::getattr(buff, name::X), name::shape), 0);
+    // A chunk that does not fit waits only while other builds are running.
+    if (py::compare_truth(max_batch_size, rows, Py_LT)) {
+        Ref pool = py::call(py::global(call, global::ThreadPoolManager));
+        if (py::truth(py::call_method(pool, kHasRunningTasks))) return Ref::boolean(false);
+    }
+    return Ref::boolean(true);
+}
+
+constexpr py::Parameter kLeafParameters[] = {{"buff"}, {"leaf_node_index"}};
+const py::FunctionSpec kCreateLeafNode{
+    "_create_leaf_node", "ChunkLayer._get_from_buffer.<locals>._create_leaf_node", nullptr,
+    kLeafParameters,     nullptr,
+    create_leaf_node};
+const py::FunctionSpec kCheckMemoryAvailable{
+    "_check_memory_available", "ChunkLayer._get_from_buffer.<locals>._check_memory_available",
+    nullptr,                   kLeafParameters,
+    nullptr,                   check_memory_available};
+
+// The element type named by the first parameter record, "float32" when there is none.
+Ref chunk_dtype(Handle self) {
+    try {
+        Ref first = py::next(py::iter(py::getattr(self, name::chunk_corset_params)));
+        if (!first) py::raise(PyExc_StopIteration, "no parameter records");
+        Ref coreset_params = py::getattr(first, kCoresetParams);
+        return py::call_method(coreset_params, kGet, kDtypeName, kFloat32);
+    } catch (const py::Error&) {
+        if (!PyErr_ExceptionMatches(PyExc_Exception)) throw;
+        PyErr_Clear();
+        return Ref::borrow(kFloat32);
+    }
+}
+
+// Dataset(*(a[start:stop] if a is not None else None for a in buffer)), the bounds read afresh
+// for every field.
+Ref slice_buffer(const Call& call, Handle buffer, bool head) {
+    Handle self = call[0];
+    Ref dataset_type = py::global(call, global::Dataset);
+    std::vector<Ref> fields;
+    Ref field_iterator = py::iter(buffer);
+    while (Ref field = py::next(field_iterator)) {
+        if (field.is_none()) {
+            fields.push_back(field);
+            continue;
+        }
+        Ref bound = py::getattr(self, name::chunk_size);
+        Ref range = Ref::steal(head ? PySlice_New(nullptr, bound.get(), nullptr)
+                                    : PySlice_New(bound.get(), nullptr, nullptr));
+        fields.push_back(py::item(field, range));
+    }
+    return py::call_vector(dataset_type, fields);
+}
+
+bool parallel_mode(Handle self) {
+    if (py::getattr(py::getattr(self, name::data_manager), kNJobs).is_none()) return false;
+    Ref n_jobs = py::getattr(py::getattr(self, name::data_manager), kNJobs);
+    return py::compare_truth(n_jobs, py::integer(1), Py_GT);
+}
+
+void increment_chunk_index(Handle self) {
+    Ref next_index = py::in_place_add(py::getattr(self, name::chunk_index), py::integer(1));
+    py::setattr(self, name::chunk_index, next_index);
+}
+
+py::Coroutine get_from_buffer_body(const Call& call) {
+    Handle self = call[0];
+    Handle callback = call[1];
+
+    Ref utils = py::global(call, global::utils);
+    if (!py::truth(py::call_method(utils, kIsSimpleChunkSize,
+                                   py::getattr(self, name::chunk_size))) &&
+        !py::compare_truth(py::getattr(self, name::chunk_size), py::integer(0), Py_EQ)) {
+        co_return;  // not a row count: everything waits for the buffer node
+    }
+    const Ref ignore_chunk_size =
+        py::compare(py::getattr(self, name::chunk_size), py::integer(0), Py_EQ);
+    const Ref dtype = chunk_dtype(self);
+
+    while (buffer_present(self) &&
+           (py::truth(ignore_chunk_size) ||
+            py::compare_truth(rows_of(py::getattr(self, name::buffer)),
+                              py::getattr(self, name::chunk_size), Py_GE))) {
+        Ref buffer;
+        if (py::truth(ignore_chunk_size)) {
+            buffer = py::getattr(self, name::buffer);
+            py::setattr(self, name::buffer, Py_None);
+        } else {
+            buffer = slice_buffer(call, py::getattr(self, name::buffer), true);
+            py::setattr(self, name::buffer,
+                        slice_buffer(call, py::getattr(self, name::buffer), false));
+        }
+
+        if (parallel_mode(self)) {
+            Ref captured = py::tuple(self, callback, dtype);
+            Ref create = py::make_function(kCreateLeafNode, module_name, call.globals, captured);
+            Ref check =
+                py::make_function(kCheckMemoryAvailable, module_name, call.globals, captured);
+            Ref pool = py::call(py::global(call, global::ThreadPoolManager));
+            py::call_method(pool, kAddToQueue, create, check, py::integer(0), buffer,
+                            py::getattr(self, name::chunk_index));
+            increment_chunk_index(self);
+            co_yield Ref::none();
+        } else {
+            Ref create = py::getattr(self, name::_create_node);
+            Ref node = py::call_keywords(create, 1, kLeafIndexKeyword, buffer,
+                                         py::getattr(self, name::chunk_index));
+            // Sequential mode hands the callback no leaf index.
+            if (!callback.is_none()) py::call(callback, node, Py_None);
+            increment_chunk_index(self);
+            py::truth(py::getattr(self, name::build_params));
+            co_yield std::move(node);
+        }
+    }
+}
+
+Ref get_from_buffer(const Call& call) {
+    return py::make_generator(call, 2, get_from_buffer_body);
+}
+
+// ---- processing ---------------------------------------------------------------------------
+
+Ref byte_size(Handle dset) {
+    Ref total = py::integer(0);
+    Ref field_iterator = py::iter(dset);
+    while (Ref field = py::next(field_iterator)) {
+        if (field.is_none()) continue;
+        total = py::add(total, py::multiply(py::getattr(field, name::size),
+                                            py::getattr(field, name::itemsize)));
+    }
+    return total;
+}
+
+py::Coroutine process_body(const Call& call) {
+    Handle self = call[0];
+    Handle dsets = call[1];
+    Handle create_buffer = call[2];
+    Handle is_classification = call[3];
+    Handle callback = call[4];
+
+    Ref size_bytes = py::integer(0);
+    Ref number_of_features_orig = py::integer(0);
+    Ref number_of_samples = py::integer(0);
+    Ref targets_unique = py::call_method(py::global(call, global::np), name::array, py::new_list());
+
+    Ref items = py::iter(dsets);
+    while (Ref item = py::next(items)) {
+        Ref dset = py::call_tuple(py::global(call, global::Dataset), py::as_tuple(item));
+        if (!py::getattr(dset, name::y).is_none() && py::truth(is_classification)) {
+            Ref np = py::global(call, global::np);
+            Ref pair = py::new_list();
+            py::append(pair, targets_unique);
+            py::append(pair, py::getattr(dset, name::y));
+            Ref conc = py::call_method(np, name::concatenate, pair);
+            Ref present = py::call(py::global(call, global::filter_missing_and_inf), conc);
+            targets_unique = py::call_method(py::global(call, global::np), name::unique, present);
+        }
+        size_bytes = py::in_place_add(size_bytes, byte_size(dset));
+        Ref number_of_features = py::item(py::getattr(py::getattr(dset, name::X), name::shape), 1);
+        if (!py::getattr(dset, name::orig).is_none()) {
+            number_of_features_orig =
+                py::item(py::getattr(py::getattr(dset, name::orig), name::shape), 1);
+        }
+        number_of_samples = py::in_place_add(
+            number_of_samples, py::size(py::length(py::getattr(dset, name::ind))));
+        py::call_method(self, name::_add_to_buffer, dset);
+
+        Ref build_params = py::new_dict();
+        py::set_item(build_params, kNumberOfFeatures, number_of_features);
+        py::set_item(build_params, kNumberOfFeaturesOrig, number_of_features_orig);
+        py::set_item(build_params, kNumberOfSamples, number_of_samples);
+        py::set_item(build_params, name::chunk_size, py::getattr(self, name::chunk_size));
+        py::set_item(build_params, kTargetsUniqueCount, py::size(py::length(targets_unique)));
+        py::set_item(build_params, kSizeBytes, size_bytes);
+        Ref megabytes = py::true_divide(size_bytes, py::integer(1048576));
+        py::set_item(build_params, kSizeMB, Ref::steal(PyObject_Str(megabytes.get())));
+        py::setattr(self, name::build_params, build_params);
+
+        // A plain loop over a new drain: values sent or thrown into process stay here.
+        Ref drain = py::iter(py::call_method(self, name::_get_from_buffer, callback));
+        while (Ref node = py::next(drain)) co_yield std::move(node);
+    }
+    if (py::truth(create_buffer) && buffer_present(self)) {
+        co_yield py::call_method(self, name::create_buffer_node, callback);
+    }
+}
+
+Ref process(const Call& call) { return py::make_generator(call, 5, process_body); }
+
+// ---- rebuild and filtering ----------------------------------------------------------------
+
+py::Coroutine rebuild_body(const Call& call) {
+    Handle self = call[0];
+    // A list iterator reads by position at every step, so later changes to the list are seen.
+    Ref chunk_ids = py::iter(call[1]);
+    while (Ref chunk_id = py::next(chunk_ids)) {
+        Ref dset;
+        if (py::compare_truth(chunk_id, py::global(call, global::BUFFER_NODE_ID), Py_EQ)) {
+            dset = py::call_method(self, name::get_buffer);
+        } else {
+            Ref ids = py::new_list();
+            py::append(ids, chunk_id);
+            dset = py::call_method(py::getattr(self, name::data_manager), kGetByNodes, ids);
+        }
+        co_yield py::call_method(self, name::_rebuild_node, dset, chunk_id);
+    }
+}
+
+Ref rebuild(const Call& call) {
+    // Checked by the call itself, before any generator exists.
+    py::require_exact_type(call[1], &PyList_Type, "chunk_ids", false);
+    return py::make_generator(call, 2, rebuild_body);
+}
+
+// lambda node_id: self.data_manager.get_by_nodes([node_id], with_props=True)
+Ref fetch_with_props(const Call& call) {
+    Handle self = call.closure;
+    Ref get_by_nodes = py::getattr(py::getattr(self, name::data_manager), kGetByNodes);
+    Ref ids = py::new_list();
+    py::append(ids, call[0]);
+    return py::call_keywords(get_by_nodes, 1, kWithPropsKeyword, ids, Py_True);
+}
+
+constexpr py::Parameter kNodeIdParameters[] = {{"node_id"}};
+const py::FunctionSpec kFetchWithProps{
+    "<lambda>", "ChunkLayer.filter_out_samples.<locals>.<lambda>", nullptr, kNodeIdParameters,
+    nullptr,    fetch_with_props};
+
+Ref filter_out_samples(const Call& call) {
+    Handle self = call[0];
+    Handle filter_function = call[1];
+    Ref np = py::global(call, global::np);
+    Ref indexes_for_remove = py::call_method(np, name::array, py::new_list());
+
+    Ref fetch = py::make_function(kFetchWithProps, module_name, call.globals, self);
+    Ref datasets = py::call(py::global(call, global::map), fetch, call[2]);
+    if (py::truth(call[3]) && buffer_present(self)) {
+        Ref last = py::new_list();
+        py::append(last, py::getattr(self, name::buffer));
+        datasets = py::call_method(py::global(call, global::itertools), kChain, datasets, last);
+    }
+    Ref dataset_iterator = py::iter(datasets);
+    while (Ref dset = py::next(dataset_iterator)) {
+        Ref filtered_ind =
+            py::call(filter_function, py::getattr(dset, name::ind), py::getattr(dset, name::X),
+                     py::getattr(dset, name::y), py::getattr(dset, name::props));
+        if (py::length(filtered_ind) > 0) {
+            Ref pair = py::new_list();
+            py::append(pair, indexes_for_remove);
+            py::append(pair, filtered_ind);
+            indexes_for_remove =
+                py::call_method(py::global(call, global::np), name::concatenate, pair);
+        }
+    }
+    return indexes_for_remove;
+}
+
 constexpr py::Parameter kInitParameters[] = {
     {"self"},
     {"data_manager", Default::required, "DataManagerT"},
@@ -51,52 +580,52 @@ constexpr py::Parameter kFilterOutSamplesParameters[] = {
     {"self"}, {"filter_function"}, {"node_ids"}, {"with_buffer", Default::true_value}};
 
 const py::FunctionSpec kInit{"__init__", "ChunkLayer.__init__", nullptr, kInitParameters, nullptr,
-                             not_implemented};
+                             init};
 const py::FunctionSpec kHasBuffer{"has_buffer", "ChunkLayer.has_buffer",
                                   docs::kChunkLayerHasBuffer, kSelfParameters, nullptr,
-                                  not_implemented};
+                                  has_buffer};
 const py::FunctionSpec kGetBuffer{"get_buffer",          "ChunkLayer.get_buffer",
                                   docs::kChunkLayerGetBuffer, kSelfParameters,
-                                  "Union[Dataset, None]", not_implemented};
+                                  "Union[Dataset, None]", get_buffer};
 const py::FunctionSpec kSetBuffer{"set_buffer", "ChunkLayer.set_buffer",
                                   docs::kChunkLayerSetBuffer, kSetBufferParameters, nullptr,
-                                  not_implemented};
+                                  set_buffer};
 const py::FunctionSpec kAddToBuffer{"_add_to_buffer", "ChunkLayer._add_to_buffer",
                                     docs::kChunkLayerAddToBuffer, kAddToBufferParameters, nullptr,
-                                    not_implemented};
+                                    add_to_buffer};
 const py::FunctionSpec kRemoveFromBuffer{"remove_from_buffer", "ChunkLayer.remove_from_buffer",
                                          nullptr, kRemoveFromBufferParameters, nullptr,
-                                         not_implemented};
+                                         remove_from_buffer};
 const py::FunctionSpec kRebuildNode{"_rebuild_node", "ChunkLayer._rebuild_node", nullptr,
-                                    kRebuildNodeParameters, nullptr, not_implemented};
+                                    kRebuildNodeParameters, nullptr, rebuild_node};
 const py::FunctionSpec kCreateNode{"_create_node",         "ChunkLayer._create_node",
                                    docs::kChunkLayerCreateNode, kCreateNodeParameters,
-                                   "ChunkNode",            not_implemented};
+                                   "ChunkNode",            create_node};
 const py::FunctionSpec kPrintProgress{"_print_progress", "ChunkLayer._print_progress",
                                       docs::kChunkLayerPrintProgress, kPrintProgressParameters,
-                                      nullptr, not_implemented};
+                                      nullptr, print_progress};
 const py::FunctionSpec kGetBufferSize{"get_buffer_size", "ChunkLayer.get_buffer_size",
                                       docs::kChunkLayerGetBufferSize, kSelfParameters, nullptr,
-                                      not_implemented};
+                                      get_buffer_size};
 const py::FunctionSpec kCreateBufferNode{"create_buffer_node", "ChunkLayer.create_buffer_node",
                                          docs::kChunkLayerCreateBufferNode, kCallbackParameters,
-                                         nullptr, not_implemented};
+                                         nullptr, create_buffer_node};
 const py::FunctionSpec kGetFromBuffer{"_get_from_buffer",
                                       "ChunkLayer._get_from_buffer",
                                       docs::kChunkLayerGetFromBuffer,
                                       kCallbackParameters,
                                       nullptr,
-                                      not_implemented,
+                                      get_from_buffer,
                                       true};
 const py::FunctionSpec kProcess{"process", "ChunkLayer.process", docs::kChunkLayerProcess,
-                                kProcessParameters, nullptr, not_implemented, true};
+                                kProcessParameters, nullptr, process, true};
 const py::FunctionSpec kUpdateBuffer{"update_buffer", "ChunkLayer.update_buffer", nullptr,
-                                     kUpdateBufferParameters, nullptr, not_implemented};
+                                     kUpdateBufferParameters, nullptr, update_buffer};
 const py::FunctionSpec kRebuild{"rebuild", "ChunkLayer.rebuild", nullptr, kRebuildParameters,
-                                nullptr, not_implemented, true};
+                                nullptr, rebuild, true};
 const py::FunctionSpec kFilterOutSamples{"filter_out_samples", "ChunkLayer.filter_out_samples",
                                          nullptr, kFilterOutSamplesParameters, nullptr,
-                                         not_implemented};
+                                         filter_out_samples};
 
 const py::FunctionSpec* const kMethods[] = {
     &kInit,          &kHasBuffer,   &kGetBuffer,         &kSetBuffer,        &kAddToBuffer,
@@ -106,11 +635,6 @@ const py::FunctionSpec* const kMethods[] = {
 
 }  // namespace
 
-py::Ref not_implemented(const py::Call& call) {
-    PyErr_Format(PyExc_NotImplementedError, "%U is not built yet",
-                 py::function_qualname(call.function).get());
-    throw py::Error{};
-}
 
 const ClassSpec chunk_layer_class{"ChunkLayer", docs::kChunkLayer, kMethods};
 

@@ -8,6 +8,7 @@
 namespace chunk_layer {
 
 inline constexpr char kModuleName[] = "quillmarsh.core.tree.chunk_layer";
+inline const py::Str module_name{kModuleName};
 
 // Module-level names, looked up in the module's namespace when a method runs.
 namespace global {

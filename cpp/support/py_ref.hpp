@@ -270,6 +270,11 @@ inline Ref call_vector(Handle callable, const std::vector<Ref>& args) {
                                           args.size() | PY_VECTORCALL_ARGUMENTS_OFFSET, nullptr));
 }
 
+// callable(*arguments) with the arguments in a tuple.
+inline Ref call_tuple(Handle callable, Handle arguments) {
+    return Ref::steal(PyObject_Call(callable.get(), arguments.get(), nullptr));
+}
+
 // ---- iteration ----------------------------------------------------------------------------
 
 inline Ref iter(Handle iterable) { return Ref::steal(PyObject_GetIter(iterable.get())); }
