@@ -1,0 +1,97 @@
+"""Helpers shared by the chunk layer's tests: datasets, and recording stand-ins for the objects the
+layer and its nodes call (data manager, parent, node class)."""
+
+from __future__ import annotations
+
+from typing import Any, List, Optional, Tuple
+
+import numpy as np
+
+from quillmarsh.core.tree import chunk_layer
+from quillmarsh.data.common import Dataset
+
+
+def make_dataset(rows: int, start: int = 0, features: int = 3, *, y: bool = True, props: bool = False,
+                 orig: bool = False) -> Dataset:
+    """A dataset whose sample indices run from `start`; every value of row i encodes its index."""
+    ind = np.arange(start, start + rows)
+    X = np.repeat(ind[:, None], features, axis=1).astype(float)
+    return Dataset(
+        ind,
+        X,
+        ind * 10.0 if y else None,
+        None,
+        ind * 100 if props else None,
+        X * 2 if orig else None,
+    )
+
+
+class RecordingParent:
+    """Stands in for the tree: counts `update_build_params()` calls."""
+
+    def __init__(self) -> None:
+        self.calls = 0
+
+    def update_build_params(self) -> None:
+        self.calls += 1
+
+
+class RecordingDataManager:
+    """Stands in for the data manager and records every call made on it, in order."""
+
+    def __init__(self, removed=None, verbose: int = 0, n_instances=None, n_jobs=None, chunks=None) -> None:
+        self.removed = removed
+        self.verbose = verbose
+        self.n_instances = n_instances
+        self.n_jobs = n_jobs
+        self.chunks = dict(chunks or {})
+        self.calls: List[Tuple[str, tuple, dict]] = []
+
+    def get_removed(self):
+        self.calls.append(("get_removed", (), {}))
+        return self.removed
+
+    def get_by_nodes(self, node_ids, **kwargs):
+        self.calls.append(("get_by_nodes", (list(node_ids),), kwargs))
+        return self.chunks[node_ids[0]]
+
+    def save_selected_samples_async(self, *args, **kwargs):
+        self.calls.append(("save_selected_samples_async", args, kwargs))
+
+
+class FakeNode:
+    """Stands in for `ChunkNode` (patched into the module): records its construction and build."""
+
+    instances: List["FakeNode"] = []
+
+    def __init__(self, dset=None, params=None, node_id=None, data_manager=None, **extra: Any) -> None:
+        self.dset = dset
+        self.params = params
+        self.node_id = node_id
+        self.data_manager = data_manager
+        self.extra = extra
+        self.built = 0
+        FakeNode.instances.append(self)
+
+    def build(self) -> "FakeNode":
+        self.built += 1
+        return self
+
+
+def patch_node_class(monkeypatch) -> type:
+    """Replaces the module's `ChunkNode` by a fresh recording `FakeNode` class."""
+
+    class Node(FakeNode):
+        instances: List[FakeNode] = []
+
+        def __init__(self, *args: Any, **kwargs: Any) -> None:
+            super().__init__(*args, **kwargs)
+            Node.instances.append(self)
+
+    monkeypatch.setattr(chunk_layer, "ChunkNode", Node)
+    return Node
+
+
+def rows_of(dataset: Optional[Dataset]) -> List[int]:
+    """The sample indices held by a dataset (empty for None)."""
+    return [] if dataset is None else [int(i) for i in dataset.ind]

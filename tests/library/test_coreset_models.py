@@ -1,0 +1,112 @@
+"""Tests of quillmarsh.core.coreset.models: the k-means and linear-regression coresets."""
+
+from __future__ import annotations
+
+import numpy as np
+import pytest
+
+from quillmarsh.core.coreset import CoresetKMeans, CoresetLinearRegression
+
+
+@pytest.fixture
+def blobs() -> np.ndarray:
+    rng = np.random.default_rng(0)
+    centres = np.array([[0.0, 0.0], [10.0, 0.0], [0.0, 10.0]])
+    return np.vstack([c + rng.normal(size=(300, 2)) for c in centres])
+
+
+@pytest.mark.parametrize("dtype", ["float32", "float64"])
+def test_kmeans_sensitivities(blobs: np.ndarray, dtype: str) -> None:
+    c = CoresetKMeans(k=3, dtype=dtype, random_state=0)
+    s = c.compute_sensitivities(X=blobs, y=None)
+    assert s.shape == (len(blobs),) and s.dtype == np.dtype(dtype)
+    assert (s > 0).all()
+    # Each cluster's 1/|cluster| terms add up to 1, and the cost shares to 1: the total is k + 1.
+    assert s.sum(dtype=np.float64) == pytest.approx(4.0, rel=1e-3)
+
+
+def test_kmeans_outlier_gets_high_sensitivity(blobs: np.ndarray) -> None:
+    X = np.vstack([blobs, [[200.0, 200.0]]])
+    s = CoresetKMeans(k=3, random_state=1).compute_sensitivities(X=X)
+    assert s[-1] == s.max() and s[-1] > 20 * np.median(s)
+
+
+def test_kmeans_identical_points() -> None:
+    s = CoresetKMeans(k=4, random_state=0).compute_sensitivities(X=np.ones((10, 3)))
+    np.testing.assert_allclose(s, 0.1)
+
+
+def test_kmeans_reproducible(blobs: np.ndarray) -> None:
+    a = CoresetKMeans(k=5, random_state=3).compute_sensitivities(X=blobs)
+    b = CoresetKMeans(k=5, random_state=3).compute_sensitivities(X=blobs)
+    np.testing.assert_array_equal(a, b)
+
+
+def test_kmeans_needs_k_rows() -> None:
+    c = CoresetKMeans(k=8)
+    with pytest.raises(ValueError, match="fewer than the 8"):
+        c.compute_sensitivities(X=np.zeros((5, 2)))
+    c.safe_mode = True
+    assert c.compute_sensitivities(X=np.random.default_rng(0).random((5, 2))).tolist() == [1.0] * 5
+
+
+def test_kmeans_parameters() -> None:
+    with pytest.raises(ValueError):
+        CoresetKMeans(k=0)
+    assert CoresetKMeans().k == 8
+
+
+def test_kmeans_coreset_weights(blobs: np.ndarray) -> None:
+    c = CoresetKMeans(k=3, random_state=0, coreset_size=200)
+    c.compute_sensitivities(X=blobs)
+    d = c.to_dict()
+    assert d["weights"].sum() == pytest.approx(len(blobs), rel=0.2)
+
+
+def test_linear_regression_leverage() -> None:
+    rng = np.random.default_rng(0)
+    X = rng.normal(size=(500, 4))
+    y = X @ np.array([1.0, -2.0, 0.5, 3.0]) + rng.normal(size=500)
+    c = CoresetLinearRegression(dtype="float64")
+    s = c.compute_sensitivities(X=X, y=y)
+    assert s.shape == (500,) and (s > 0).all() and s.dtype == np.float64
+    # Leverage scores sum to the rank of [X, y] (5); the uniform terms add 1.
+    assert s.sum() == pytest.approx(6.0, rel=1e-6)
+    without_y = c.compute_sensitivities(X=X)
+    assert without_y.sum() == pytest.approx(5.0, rel=1e-6)
+
+
+def test_linear_regression_outlier_and_float32() -> None:
+    rng = np.random.default_rng(1)
+    X = rng.normal(size=(1000, 3)).astype(np.float32)
+    X[17] = [40.0, -40.0, 40.0]
+    y = X.sum(axis=1)
+    s = CoresetLinearRegression().compute_sensitivities(X=X, y=y)
+    assert s.dtype == np.float32
+    assert s.argmax() == 17 and s[17] > 0.5
+
+
+def test_linear_regression_rank_deficient() -> None:
+    X = np.zeros((20, 3))
+    X[:, 0] = np.arange(20)
+    s = CoresetLinearRegression(dtype="float64").compute_sensitivities(X=X)
+    assert s.sum() == pytest.approx(2.0)  # rank 1, plus the uniform term
+
+
+def test_linear_regression_too_few_rows() -> None:
+    c = CoresetLinearRegression()
+    with pytest.raises(ValueError, match="fewer than the 4"):
+        c.compute_sensitivities(X=np.ones((3, 3)), y=np.ones(3))
+    c.safe_mode = True
+    assert c.compute_sensitivities(X=np.ones((3, 3)), y=np.ones(3)).tolist() == [1.0] * 3
+
+
+def test_linear_regression_sample_reproducible() -> None:
+    X = np.random.default_rng(2).normal(size=(400, 2))
+    dicts = []
+    for _ in range(2):
+        c = CoresetLinearRegression(random_state=5, coreset_size=50)
+        c.compute_sensitivities(X=X, y=X[:, 0])
+        dicts.append(c.to_dict(with_important=True))
+    np.testing.assert_array_equal(dicts[0]["idxs"], dicts[1]["idxs"])
+    assert {"sensitivities", "important_idxs"} <= set(dicts[0])
