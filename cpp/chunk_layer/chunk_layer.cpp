@@ -10,7 +10,6 @@
 
 namespace chunk_layer {
 
-
 namespace {
 
 using py::Call;
@@ -82,7 +81,9 @@ Ref has_buffer(const Call& call) {
     return py::compare(rows_of(py::getattr(self, name::buffer)), py::integer(0), Py_GT);
 }
 
-bool buffer_present(Handle self) { return py::truth(py::call_method(self, name::has_buffer)); }
+bool buffer_present(Handle self) {
+    return py::truth(py::call_method(self, name::has_buffer));
+}
 
 // exclude_removed(removed, buffer.ind, buffer), unpacked into (indices, dataset): the dataset.
 Ref buffer_without(const Call& call, Handle removed) {
@@ -200,7 +201,9 @@ Ref now(const Call& call) {
     return py::call_method(py::global(call, global::time), kTime);
 }
 
-Ref rebuild_node(const Call& call) { return build_node(call, call[1], call[2]); }
+Ref rebuild_node(const Call& call) {
+    return build_node(call, call[1], call[2]);
+}
 
 Ref create_node(const Call& call) {
     Handle self = call[0];
@@ -231,9 +234,9 @@ Ref print_progress(const Call& call) {
 
     Ref chunks = Ref::borrow(kEmpty);
     if (!py::getattr(py::getattr(self, name::data_manager), kNInstances).is_none() &&
-        py::compare_truth(py::call_method(py::getattr(self, name::build_params), kGet,
-                                          name::chunk_size, zero),
-                          zero, Py_GT)) {
+        py::compare_truth(
+            py::call_method(py::getattr(self, name::build_params), kGet, name::chunk_size, zero),
+            zero, Py_GT)) {
         // The trailing partial chunk lies beyond the expected count and shows no total.
         if (py::compare_truth(py::add(leaf_node_index, one), expected_chunks(self), Py_LE)) {
             Ref count = Ref::steal(PyObject_Format(expected_chunks(self).get(), kEmpty.get()));
@@ -246,11 +249,10 @@ Ref print_progress(const Call& call) {
     Ref ct = py::call_method(time_module, kStrftime, kTimeFormat, local_time);
 
     Ref number = py::add(leaf_node_index, one);
-    Ref pieces = py::tuple(Ref::steal(PyObject_Format(ct.get(), kEmpty.get())), kCompleted,
-                           Ref::steal(PyObject_Format(number.get(), kEmpty.get())), chunks,
-                           kBuiltIn,
-                           Ref::steal(PyObject_Format(chunk_build_time.get(), kThreeDecimals.get())),
-                           kSecondsReset);
+    Ref pieces = py::tuple(
+        Ref::steal(PyObject_Format(ct.get(), kEmpty.get())), kCompleted,
+        Ref::steal(PyObject_Format(number.get(), kEmpty.get())), chunks, kBuiltIn,
+        Ref::steal(PyObject_Format(chunk_build_time.get(), kThreeDecimals.get())), kSecondsReset);
     Ref line = Ref::steal(PyUnicode_Join(kEmpty.get(), pieces.get()));
     py::call(py::global(call, global::print), line);
     return Ref::none();
@@ -262,8 +264,8 @@ Ref create_buffer_node(const Call& call) {
     if (!buffer_present(self)) return Ref::none();
     Ref dataset_type = py::global(call, global::Dataset);
     Ref dset = py::call_tuple(dataset_type, py::as_tuple(py::getattr(self, name::buffer)));
-    Ref node = py::call_method(self, name::_create_node, dset,
-                               py::global(call, global::BUFFER_NODE_ID));
+    Ref node =
+        py::call_method(self, name::_create_node, dset, py::global(call, global::BUFFER_NODE_ID));
     // The buffer node's callback never gets a leaf index.
     if (py::truth(callback)) py::call(callback, node, Py_None);
     return node;
@@ -301,14 +303,19 @@ Ref check_memory_available(const Call& call) {
 }
 
 constexpr py::Parameter kLeafParameters[] = {{"buff"}, {"leaf_node_index"}};
-const py::FunctionSpec kCreateLeafNode{
-    "_create_leaf_node", "ChunkLayer._get_from_buffer.<locals>._create_leaf_node", nullptr,
-    kLeafParameters,     nullptr,
-    create_leaf_node};
+const py::FunctionSpec kCreateLeafNode{"_create_leaf_node",
+                                       "ChunkLayer._get_from_buffer.<locals>._create_leaf_node",
+                                       nullptr,
+                                       kLeafParameters,
+                                       nullptr,
+                                       create_leaf_node};
 const py::FunctionSpec kCheckMemoryAvailable{
-    "_check_memory_available", "ChunkLayer._get_from_buffer.<locals>._check_memory_available",
-    nullptr,                   kLeafParameters,
-    nullptr,                   check_memory_available};
+    "_check_memory_available",
+    "ChunkLayer._get_from_buffer.<locals>._check_memory_available",
+    nullptr,
+    kLeafParameters,
+    nullptr,
+    check_memory_available};
 
 // The element type named by the first parameter record, "float32" when there is none.
 Ref chunk_dtype(Handle self) {
@@ -360,8 +367,8 @@ py::Coroutine get_from_buffer_body(const Call& call) {
     Handle callback = call[1];
 
     Ref utils = py::global(call, global::utils);
-    if (!py::truth(py::call_method(utils, kIsSimpleChunkSize,
-                                   py::getattr(self, name::chunk_size))) &&
+    if (!py::truth(
+            py::call_method(utils, kIsSimpleChunkSize, py::getattr(self, name::chunk_size))) &&
         !py::compare_truth(py::getattr(self, name::chunk_size), py::integer(0), Py_EQ)) {
         co_return;  // not a row count: everything waits for the buffer node
     }
@@ -453,8 +460,8 @@ py::Coroutine process_body(const Call& call) {
             number_of_features_orig =
                 py::item(py::getattr(py::getattr(dset, name::orig), name::shape), 1);
         }
-        number_of_samples = py::in_place_add(
-            number_of_samples, py::size(py::length(py::getattr(dset, name::ind))));
+        number_of_samples =
+            py::in_place_add(number_of_samples, py::size(py::length(py::getattr(dset, name::ind))));
         py::call_method(self, name::_add_to_buffer, dset);
 
         Ref build_params = py::new_dict();
@@ -477,7 +484,9 @@ py::Coroutine process_body(const Call& call) {
     }
 }
 
-Ref process(const Call& call) { return py::make_generator(call, 5, process_body); }
+Ref process(const Call& call) {
+    return py::make_generator(call, 5, process_body);
+}
 
 // ---- rebuild and filtering ----------------------------------------------------------------
 
@@ -515,7 +524,8 @@ Ref fetch_with_props(const Call& call) {
 
 constexpr py::Parameter kNodeIdParameters[] = {{"node_id"}};
 const py::FunctionSpec kFetchWithProps{
-    "<lambda>", "ChunkLayer.filter_out_samples.<locals>.<lambda>", nullptr, kNodeIdParameters,
+    "<lambda>", "ChunkLayer.filter_out_samples.<locals>.<lambda>",
+    nullptr,    kNodeIdParameters,
     nullptr,    fetch_with_props};
 
 Ref filter_out_samples(const Call& call) {
@@ -565,8 +575,8 @@ constexpr py::Parameter kCreateNodeParameters[] = {
     {"self"}, {"dset"}, {"node_id", Default::none}, {"leaf_node_index", Default::none}};
 constexpr py::Parameter kPrintProgressParameters[] = {
     {"self"}, {"chunk_build_time"}, {"leaf_node_index"}};
-constexpr py::Parameter kCallbackParameters[] = {
-    {"self"}, {"after_create_leaf_node", Default::none}};
+constexpr py::Parameter kCallbackParameters[] = {{"self"},
+                                                 {"after_create_leaf_node", Default::none}};
 constexpr py::Parameter kProcessParameters[] = {{"self"},
                                                 {"dsets", Default::none, "Iterator"},
                                                 {"create_buffer", Default::true_value},
@@ -574,42 +584,64 @@ constexpr py::Parameter kProcessParameters[] = {{"self"},
                                                 {"after_create_leaf_node", Default::none}};
 constexpr py::Parameter kUpdateBufferParameters[] = {
     {"self"}, {"indices"}, {"X", Default::none}, {"y", Default::none}};
-constexpr py::Parameter kRebuildParameters[] = {
-    {"self"}, {"chunk_ids", Default::required, "List[str]"}};
+constexpr py::Parameter kRebuildParameters[] = {{"self"},
+                                                {"chunk_ids", Default::required, "List[str]"}};
 constexpr py::Parameter kFilterOutSamplesParameters[] = {
     {"self"}, {"filter_function"}, {"node_ids"}, {"with_buffer", Default::true_value}};
 
 const py::FunctionSpec kInit{"__init__", "ChunkLayer.__init__", nullptr, kInitParameters, nullptr,
                              init};
-const py::FunctionSpec kHasBuffer{"has_buffer", "ChunkLayer.has_buffer",
-                                  docs::kChunkLayerHasBuffer, kSelfParameters, nullptr,
-                                  has_buffer};
-const py::FunctionSpec kGetBuffer{"get_buffer",          "ChunkLayer.get_buffer",
-                                  docs::kChunkLayerGetBuffer, kSelfParameters,
-                                  "Union[Dataset, None]", get_buffer};
-const py::FunctionSpec kSetBuffer{"set_buffer", "ChunkLayer.set_buffer",
-                                  docs::kChunkLayerSetBuffer, kSetBufferParameters, nullptr,
+const py::FunctionSpec kHasBuffer{
+    "has_buffer", "ChunkLayer.has_buffer", docs::kChunkLayerHasBuffer, kSelfParameters, nullptr,
+    has_buffer};
+const py::FunctionSpec kGetBuffer{
+    "get_buffer",    "ChunkLayer.get_buffer", docs::kChunkLayerGetBuffer,
+    kSelfParameters, "Union[Dataset, None]",  get_buffer};
+const py::FunctionSpec kSetBuffer{"set_buffer",
+                                  "ChunkLayer.set_buffer",
+                                  docs::kChunkLayerSetBuffer,
+                                  kSetBufferParameters,
+                                  nullptr,
                                   set_buffer};
-const py::FunctionSpec kAddToBuffer{"_add_to_buffer", "ChunkLayer._add_to_buffer",
-                                    docs::kChunkLayerAddToBuffer, kAddToBufferParameters, nullptr,
+const py::FunctionSpec kAddToBuffer{"_add_to_buffer",
+                                    "ChunkLayer._add_to_buffer",
+                                    docs::kChunkLayerAddToBuffer,
+                                    kAddToBufferParameters,
+                                    nullptr,
                                     add_to_buffer};
-const py::FunctionSpec kRemoveFromBuffer{"remove_from_buffer", "ChunkLayer.remove_from_buffer",
-                                         nullptr, kRemoveFromBufferParameters, nullptr,
+const py::FunctionSpec kRemoveFromBuffer{"remove_from_buffer",
+                                         "ChunkLayer.remove_from_buffer",
+                                         nullptr,
+                                         kRemoveFromBufferParameters,
+                                         nullptr,
                                          remove_from_buffer};
-const py::FunctionSpec kRebuildNode{"_rebuild_node", "ChunkLayer._rebuild_node", nullptr,
-                                    kRebuildNodeParameters, nullptr, rebuild_node};
-const py::FunctionSpec kCreateNode{"_create_node",         "ChunkLayer._create_node",
-                                   docs::kChunkLayerCreateNode, kCreateNodeParameters,
-                                   "ChunkNode",            create_node};
-const py::FunctionSpec kPrintProgress{"_print_progress", "ChunkLayer._print_progress",
-                                      docs::kChunkLayerPrintProgress, kPrintProgressParameters,
-                                      nullptr, print_progress};
-const py::FunctionSpec kGetBufferSize{"get_buffer_size", "ChunkLayer.get_buffer_size",
-                                      docs::kChunkLayerGetBufferSize, kSelfParameters, nullptr,
+const py::FunctionSpec kRebuildNode{"_rebuild_node", "ChunkLayer._rebuild_node",
+                                    nullptr,         kRebuildNodeParameters,
+                                    nullptr,         rebuild_node};
+const py::FunctionSpec kCreateNode{"_create_node",
+                                   "ChunkLayer._create_node",
+                                   docs::kChunkLayerCreateNode,
+                                   kCreateNodeParameters,
+                                   "ChunkNode",
+                                   create_node};
+const py::FunctionSpec kPrintProgress{"_print_progress",
+                                      "ChunkLayer._print_progress",
+                                      docs::kChunkLayerPrintProgress,
+                                      kPrintProgressParameters,
+                                      nullptr,
+                                      print_progress};
+const py::FunctionSpec kGetBufferSize{"get_buffer_size",
+                                      "ChunkLayer.get_buffer_size",
+                                      docs::kChunkLayerGetBufferSize,
+                                      kSelfParameters,
+                                      nullptr,
                                       get_buffer_size};
-const py::FunctionSpec kCreateBufferNode{"create_buffer_node", "ChunkLayer.create_buffer_node",
-                                         docs::kChunkLayerCreateBufferNode, kCallbackParameters,
-                                         nullptr, create_buffer_node};
+const py::FunctionSpec kCreateBufferNode{"create_buffer_node",
+                                         "ChunkLayer.create_buffer_node",
+                                         docs::kChunkLayerCreateBufferNode,
+                                         kCallbackParameters,
+                                         nullptr,
+                                         create_buffer_node};
 const py::FunctionSpec kGetFromBuffer{"_get_from_buffer",
                                       "ChunkLayer._get_from_buffer",
                                       docs::kChunkLayerGetFromBuffer,
@@ -617,24 +649,28 @@ const py::FunctionSpec kGetFromBuffer{"_get_from_buffer",
                                       nullptr,
                                       get_from_buffer,
                                       true};
-const py::FunctionSpec kProcess{"process", "ChunkLayer.process", docs::kChunkLayerProcess,
-                                kProcessParameters, nullptr, process, true};
-const py::FunctionSpec kUpdateBuffer{"update_buffer", "ChunkLayer.update_buffer", nullptr,
-                                     kUpdateBufferParameters, nullptr, update_buffer};
-const py::FunctionSpec kRebuild{"rebuild", "ChunkLayer.rebuild", nullptr, kRebuildParameters,
-                                nullptr, rebuild, true};
-const py::FunctionSpec kFilterOutSamples{"filter_out_samples", "ChunkLayer.filter_out_samples",
-                                         nullptr, kFilterOutSamplesParameters, nullptr,
+const py::FunctionSpec kProcess{
+    "process", "ChunkLayer.process", docs::kChunkLayerProcess, kProcessParameters, nullptr, process,
+    true};
+const py::FunctionSpec kUpdateBuffer{"update_buffer", "ChunkLayer.update_buffer",
+                                     nullptr,         kUpdateBufferParameters,
+                                     nullptr,         update_buffer};
+const py::FunctionSpec kRebuild{
+    "rebuild", "ChunkLayer.rebuild", nullptr, kRebuildParameters, nullptr, rebuild, true};
+const py::FunctionSpec kFilterOutSamples{"filter_out_samples",
+                                         "ChunkLayer.filter_out_samples",
+                                         nullptr,
+                                         kFilterOutSamplesParameters,
+                                         nullptr,
                                          filter_out_samples};
 
 const py::FunctionSpec* const kMethods[] = {
-    &kInit,          &kHasBuffer,   &kGetBuffer,         &kSetBuffer,        &kAddToBuffer,
-    &kRemoveFromBuffer, &kRebuildNode, &kCreateNode,     &kPrintProgress,    &kGetBufferSize,
-    &kCreateBufferNode, &kGetFromBuffer, &kProcess,      &kUpdateBuffer,     &kRebuild,
-    &kFilterOutSamples};
+    &kInit,          &kHasBuffer,        &kGetBuffer,        &kSetBuffer,
+    &kAddToBuffer,   &kRemoveFromBuffer, &kRebuildNode,      &kCreateNode,
+    &kPrintProgress, &kGetBufferSize,    &kCreateBufferNode, &kGetFromBuffer,
+    &kProcess,       &kUpdateBuffer,     &kRebuild,          &kFilterOutSamples};
 
 }  // namespace
-
 
 const ClassSpec chunk_layer_class{"ChunkLayer", docs::kChunkLayer, kMethods};
 

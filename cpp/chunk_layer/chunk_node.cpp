@@ -37,9 +37,16 @@ const py::Str kAppend{"append"};
 const py::Str kSaveSelectedSamplesAsync{"save_selected_samples_async"};
 const py::KeywordNames kDtypeKeyword{"dtype"};
 const py::KeywordNames kSparseThresholdKeyword{"sparse_threshold"};
-const py::KeywordNames kProcessorKeywords{
-    "X", "y", "ind", "props", "categorical_features", "feature_names", "cat_encoding_config",
-    "missing_replacement", "drop_rows_below", "drop_cols_above"};
+const py::KeywordNames kProcessorKeywords{"X",
+                                          "y",
+                                          "ind",
+                                          "props",
+                                          "categorical_features",
+                                          "feature_names",
+                                          "cat_encoding_config",
+                                          "missing_replacement",
+                                          "drop_rows_below",
+                                          "drop_cols_above"};
 const py::KeywordNames kReplaceKeywords{"X", "y", "ind", "props"};
 const py::KeywordNames kSensitivitiesKeywords{"X", "y"};
 const py::KeywordNames kToDictKeywords{"with_important", "use_keep_selected_only"};
@@ -86,7 +93,8 @@ Ref init(const Call& call) {
     if (py::truth(node_id)) {
         py::setattr(self, name::node_id, node_id);
     } else {
-        py::setattr(self, name::node_id, py::getattr(py::call(py::global(call, global::uuid4)), kHex));
+        py::setattr(self, name::node_id,
+                    py::getattr(py::call(py::global(call, global::uuid4)), kHex));
     }
     py::setattr(self, name::tree_build_params, call[4]);
     Ref array = py::getattr(py::global(call, global::np), name::array);
@@ -127,9 +135,9 @@ Ref instantiate_coreset(const Call& call) {
 
 Ref build_one(const Call& call, Handle cor_params) {
     Handle self = call[0];
-    Ref coreset = py::call_method(self, name::_instantiate_coreset,
-                                  py::getattr(cor_params, kCoresetCls),
-                                  py::getattr(cor_params, kCoresetParams));
+    Ref coreset =
+        py::call_method(self, name::_instantiate_coreset, py::getattr(cor_params, kCoresetCls),
+                        py::getattr(cor_params, kCoresetParams));
     Ref cat_encoding_config =
         py::call_method(py::getattr(self, name::data_manager), kCatEncodingConfigClear);
 
@@ -139,19 +147,19 @@ Ref build_one(const Call& call, Handle cor_params) {
     Ref y = py::getattr(py::getattr(self, name::dset), name::y);
     Ref ind = py::getattr(py::getattr(self, name::dset), name::ind);
     Ref props = py::getattr(py::getattr(self, name::dset), name::props);
-    Ref categorical_features = py::getattr(
-        py::getattr(py::getattr(self, name::data_manager), kDataParamsInternal),
-        kCategoricalFeatures);
+    Ref categorical_features =
+        py::getattr(py::getattr(py::getattr(self, name::data_manager), kDataParamsInternal),
+                    kCategoricalFeatures);
     Ref feature_names = py::new_list();
-    Ref features = py::getattr(py::getattr(py::getattr(self, name::data_manager), kDataParams),
-                               kFeatures);
+    Ref features =
+        py::getattr(py::getattr(py::getattr(self, name::data_manager), kDataParams), kFeatures);
     Ref feature_iterator = py::iter(features);
     while (Ref feature = py::next(feature_iterator)) {
         py::append(feature_names, py::getattr(feature, kName));
     }
-    Ref missing_replacement = py::getattr(
-        py::getattr(py::getattr(self, name::data_manager), kDataParamsInternal),
-        kAggregatedMissingReplacements);
+    Ref missing_replacement =
+        py::getattr(py::getattr(py::getattr(self, name::data_manager), kDataParamsInternal),
+                    kAggregatedMissingReplacements);
     Ref drop_rows_below = py::getattr(
         py::getattr(py::getattr(self, name::data_manager), kDataParams), kDropRowsBelow);
     Ref drop_cols_above = py::getattr(
@@ -161,15 +169,15 @@ Ref build_one(const Call& call, Handle cor_params) {
                                       missing_replacement, drop_rows_below, drop_cols_above);
 
     Ref zero = py::integer(0);
-    Ref X_processed = py::call_method_keywords(processor, kHandleMissing, 0,
-                                               kSparseThresholdKeyword, zero);
+    Ref X_processed =
+        py::call_method_keywords(processor, kHandleMissing, 0, kSparseThresholdKeyword, zero);
 
     Ref replace = py::getattr(py::getattr(self, name::dset), name::_replace);
-    py::setattr(self, name::dset,
-                py::call_keywords(replace, 0, kReplaceKeywords, py::getattr(processor, name::X),
-                                  py::getattr(processor, name::y),
-                                  py::getattr(processor, name::ind),
-                                  py::getattr(processor, name::props)));
+    py::setattr(
+        self, name::dset,
+        py::call_keywords(replace, 0, kReplaceKeywords, py::getattr(processor, name::X),
+                          py::getattr(processor, name::y), py::getattr(processor, name::ind),
+                          py::getattr(processor, name::props)));
 
     auto [y_processed, unused_second, unused_third] =
         py::unpack<3>(py::call_method(processor, kGetProcessedArrays));
@@ -234,22 +242,31 @@ constexpr py::Parameter kInitParameters[] = {
 constexpr py::Parameter kSelfParameters[] = {{"self"}};
 constexpr py::Parameter kInstantiateCoresetParameters[] = {
     {"self"}, {"coreset_cls"}, {"coreset_params"}};
-constexpr py::Parameter kSaveParameters[] = {
-    {"self"}, {"data_manager", Default::required, "DataManagerT"}, {"save_all", Default::false_value}};
+constexpr py::Parameter kSaveParameters[] = {{"self"},
+                                             {"data_manager", Default::required, "DataManagerT"},
+                                             {"save_all", Default::false_value}};
 constexpr py::Parameter kAddIndicesParameters[] = {{"self"}, {"indices"}};
 
-const py::FunctionSpec kInit{"__init__", "ChunkNode.__init__", nullptr, kInitParameters, nullptr, init};
-const py::FunctionSpec kIsBuffer{"is_buffer", "ChunkNode.is_buffer", docs::kChunkNodeIsBuffer,
-                                 kSelfParameters, nullptr, is_buffer};
-const py::FunctionSpec kInstantiateCoreset{
-    "_instantiate_coreset", "ChunkNode._instantiate_coreset", docs::kChunkNodeInstantiateCoreset,
-    kInstantiateCoresetParameters, "CoresetBase", instantiate_coreset};
-const py::FunctionSpec kBuild{"build", "ChunkNode.build", docs::kChunkNodeBuild, kSelfParameters,
-                              nullptr, build};
-const py::FunctionSpec kSave{"save", "ChunkNode.save", docs::kChunkNodeSave, kSaveParameters,
-                             nullptr, save};
-const py::FunctionSpec kAddIndices{"add_indices", "ChunkNode.add_indices",
-                                   docs::kChunkNodeAddIndices, kAddIndicesParameters, nullptr,
+const py::FunctionSpec kInit{"__init__", "ChunkNode.__init__", nullptr, kInitParameters, nullptr,
+                             init};
+const py::FunctionSpec kIsBuffer{
+    "is_buffer", "ChunkNode.is_buffer", docs::kChunkNodeIsBuffer, kSelfParameters, nullptr,
+    is_buffer};
+const py::FunctionSpec kInstantiateCoreset{"_instantiate_coreset",
+                                           "ChunkNode._instantiate_coreset",
+                                           docs::kChunkNodeInstantiateCoreset,
+                                           kInstantiateCoresetParameters,
+                                           "CoresetBase",
+                                           instantiate_coreset};
+const py::FunctionSpec kBuild{"build",         "ChunkNode.build", docs::kChunkNodeBuild,
+                              kSelfParameters, nullptr,           build};
+const py::FunctionSpec kSave{"save",          "ChunkNode.save", docs::kChunkNodeSave,
+                             kSaveParameters, nullptr,          save};
+const py::FunctionSpec kAddIndices{"add_indices",
+                                   "ChunkNode.add_indices",
+                                   docs::kChunkNodeAddIndices,
+                                   kAddIndicesParameters,
+                                   nullptr,
                                    add_indices};
 
 const py::FunctionSpec* const kMethods[] = {&kInit,  &kIsBuffer, &kInstantiateCoreset,
@@ -258,8 +275,8 @@ const py::FunctionSpec* const kMethods[] = {&kInit,  &kIsBuffer, &kInstantiateCo
 }  // namespace
 
 const py::FunctionSpec exclude_removed{
-    "exclude_removed", "exclude_removed",       docs::kExcludeRemoved, kExcludeRemovedParameters,
-    nullptr,           exclude_removed_body};
+    "exclude_removed",         "exclude_removed", docs::kExcludeRemoved,
+    kExcludeRemovedParameters, nullptr,           exclude_removed_body};
 
 const ClassSpec chunk_node_class{"ChunkNode", docs::kChunkNode, kMethods};
 

@@ -71,8 +71,8 @@ Ref import_name(Handle from, Handle name) {
         PyErr_Clear();
         location = py::str("unknown location");
     }
-    Ref message = Ref::steal(PyUnicode_FromFormat("cannot import name %R from %R (%S)",
-                                                  name.get(), package.get(), location.get()));
+    Ref message = Ref::steal(PyUnicode_FromFormat("cannot import name %R from %R (%S)", name.get(),
+                                                  package.get(), location.get()));
     PyErr_SetImportError(message.get(), package.get(), location.get());
     throw py::Error{};
 }
@@ -172,7 +172,8 @@ void warn_on_version_mismatch() {
     std::snprintf(runtime_version, sizeof runtime_version, "%.*s", static_cast<int>(length),
                   runtime);
     py::check_status(PyErr_WarnFormat(
-        PyExc_RuntimeWarning, 1, "compile time version %s of module '%.100s' does not match runtime version %s",
+        PyExc_RuntimeWarning, 1,
+        "compile time version %s of module '%.100s' does not match runtime version %s",
         compile_time, kModuleName, runtime_version));
 }
 
@@ -267,7 +268,8 @@ int exec_module(PyObject* module) {
     const int status = py::guard_status([&] { load(module); });
     if (status < 0) {
         // A failed load leaves nothing behind: the next import starts from a fresh module.
-        if (module == loaded_module) Ref dropped = Ref::steal_or_null(std::exchange(loaded_module, nullptr));
+        if (module == loaded_module)
+            Ref dropped = Ref::steal_or_null(std::exchange(loaded_module, nullptr));
         if (!PyErr_Occurred()) {
             PyErr_SetString(PyExc_ImportError, "init quillmarsh.core.tree.chunk_layer");
         }
@@ -284,15 +286,8 @@ PyModuleDef_Slot module_slots[] = {
 };
 
 PyModuleDef module_def = {
-    PyModuleDef_HEAD_INIT,
-    "chunk_layer",
-    nullptr,
-    0,
-    nullptr,
-    module_slots,
-    nullptr,
-    nullptr,
-    nullptr,
+    PyModuleDef_HEAD_INIT, "chunk_layer", nullptr, 0,       nullptr,
+    module_slots,          nullptr,       nullptr, nullptr,
 };
 
 }  // namespace

@@ -12,7 +12,7 @@
 namespace py {
 
 class Constant {
-public:
+  public:
     Constant(const Constant&) = delete;
     Constant& operator=(const Constant&) = delete;
 
@@ -22,12 +22,12 @@ public:
     // Makes every constant declared anywhere in the extension; throws `Error` on failure.
     static void make_all();
 
-protected:
+  protected:
     Constant() noexcept : next_(head_) { head_ = this; }
     ~Constant() = default;
     virtual Ref make() const = 0;
 
-private:
+  private:
     PyObject* object_ = nullptr;
     Constant* next_;
     static inline constinit Constant* head_ = nullptr;
@@ -35,21 +35,21 @@ private:
 
 // An interned str.
 class Str final : public Constant {
-public:
+  public:
     explicit Str(const char* text) noexcept : text_(text) {}
     const char* text() const noexcept { return text_; }
 
-private:
+  private:
     Ref make() const override { return Ref::steal(PyUnicode_InternFromString(text_)); }
     const char* text_;
 };
 
 // A tuple of interned str: the keyword names of a vectorcall.
 class KeywordNames final : public Constant {
-public:
+  public:
     KeywordNames(std::initializer_list<const char*> names) : names_(names) {}
 
-private:
+  private:
     Ref make() const override;
     std::vector<const char*> names_;  // string literals, so the pointers stay valid
 };

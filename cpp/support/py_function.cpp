@@ -17,8 +17,7 @@ const KeywordNames kCodeFields{"co_argcount", "co_nlocals", "co_varnames", "co_f
 const Str kReplace{"replace"};
 
 struct FunctionObject {
-    PyObject_HEAD
-    vectorcallfunc vectorcall;
+    PyObject_HEAD vectorcallfunc vectorcall;
     PyObject* weakrefs;
     // The C++ part, constructed in place after allocation and destroyed before the memory goes.
     struct Fields {
@@ -32,17 +31,22 @@ struct FunctionObject {
         Ref defaults;     // tuple or None
         Ref kwdefaults;   // dict or None
         Ref annotations;  // made on first read
-        Ref dict;         // the attribute dictionary, managed by the interpreter through tp_dictoffset
+        Ref dict;  // the attribute dictionary, managed by the interpreter through tp_dictoffset
     } fields;
 };
 
-FunctionObject* as_function(PyObject* object) { return reinterpret_cast<FunctionObject*>(object); }
+FunctionObject* as_function(PyObject* object) {
+    return reinterpret_cast<FunctionObject*>(object);
+}
 
 PyObject* default_object(Default value) {
     switch (value) {
-        case Default::true_value: return Py_True;
-        case Default::false_value: return Py_False;
-        default: return Py_None;
+        case Default::true_value:
+            return Py_True;
+        case Default::false_value:
+            return Py_False;
+        default:
+            return Py_None;
     }
 }
 
@@ -76,8 +80,8 @@ void make_spec_objects(const FunctionSpec& spec) {
     const bool exact = required == total;
     const Py_ssize_t expected = given < required ? required : total;
     const char* more_or_less = exact ? "exactly" : given < required ? "at least" : "at most";
-    raise(PyExc_TypeError, "%.200s() takes %.8s %zd positional argument%.1s (%zd given)",
-          spec.name, more_or_less, expected, expected == 1 ? "" : "s", given);
+    raise(PyExc_TypeError, "%.200s() takes %.8s %zd positional argument%.1s (%zd given)", spec.name,
+          more_or_less, expected, expected == 1 ? "" : "s", given);
 }
 
 // The keyword arguments of one call, as parallel arrays of names and values.
@@ -142,8 +146,7 @@ void bind(const FunctionObject& function, PyObject* const* positional, Py_ssize_
                 raise(PyExc_TypeError, "%s() got multiple values for keyword argument '%U'",
                       spec.name, key);
             }
-            raise(PyExc_TypeError, "%s() got an unexpected keyword argument '%U'", spec.name,
-                  key);
+            raise(PyExc_TypeError, "%s() got an unexpected keyword argument '%U'", spec.name, key);
         }
     }
 }
@@ -198,9 +201,9 @@ PyObject* function_descr_get(PyObject* self, PyObject* instance, PyObject*) {
 
 int function_traverse(PyObject* self, visitproc visit, void* arg) {
     auto& fields = as_function(self)->fields;
-    for (const Ref* ref : {&fields.globals, &fields.closure, &fields.module, &fields.name,
-                           &fields.qualname, &fields.doc, &fields.defaults, &fields.kwdefaults,
-                           &fields.annotations, &fields.dict}) {
+    for (const Ref* ref :
+         {&fields.globals, &fields.closure, &fields.module, &fields.name, &fields.qualname,
+          &fields.doc, &fields.defaults, &fields.kwdefaults, &fields.annotations, &fields.dict}) {
         Py_VISIT(ref->get());
     }
     return 0;
@@ -208,9 +211,9 @@ int function_traverse(PyObject* self, visitproc visit, void* arg) {
 
 int function_clear(PyObject* self) {
     auto& fields = as_function(self)->fields;
-    for (Ref* ref : {&fields.globals, &fields.closure, &fields.module, &fields.name,
-                     &fields.qualname, &fields.doc, &fields.defaults, &fields.kwdefaults,
-                     &fields.annotations, &fields.dict}) {
+    for (Ref* ref :
+         {&fields.globals, &fields.closure, &fields.module, &fields.name, &fields.qualname,
+          &fields.doc, &fields.defaults, &fields.kwdefaults, &fields.annotations, &fields.dict}) {
         *ref = Ref();
     }
     return 0;
@@ -249,7 +252,9 @@ int set_string_field(Ref& field, PyObject* value, const char* message) {
     return 0;
 }
 
-PyObject* get_name(PyObject* self, void*) { return Ref(as_function(self)->fields.name).release(); }
+PyObject* get_name(PyObject* self, void*) {
+    return Ref(as_function(self)->fields.name).release();
+}
 int set_name(PyObject* self, PyObject* value, void*) {
     return set_string_field(as_function(self)->fields.name, value,
                             "__name__ must be set to a string object");
@@ -261,7 +266,9 @@ int set_qualname(PyObject* self, PyObject* value, void*) {
     return set_string_field(as_function(self)->fields.qualname, value,
                             "__qualname__ must be set to a string object");
 }
-PyObject* get_doc(PyObject* self, void*) { return Ref(as_function(self)->fields.doc).release(); }
+PyObject* get_doc(PyObject* self, void*) {
+    return Ref(as_function(self)->fields.doc).release();
+}
 int set_doc(PyObject* self, PyObject* value, void*) {
     as_function(self)->fields.doc = value ? Ref::borrow(value) : Ref::none();
     return 0;
@@ -285,8 +292,8 @@ int set_defaults(PyObject* self, PyObject* value, void*) {
         PyErr_SetString(PyExc_TypeError, "__defaults__ must be set to a tuple object");
         return -1;
     }
-    if (PyTuple_GET_SIZE(value) > static_cast<Py_ssize_t>(
-                                      as_function(self)->fields.spec->parameters.size())) {
+    if (PyTuple_GET_SIZE(value) >
+        static_cast<Py_ssize_t>(as_function(self)->fields.spec->parameters.size())) {
         PyErr_SetString(PyExc_ValueError, "__defaults__ has more values than the parameters");
         return -1;
     }
@@ -341,8 +348,8 @@ PyObject* get_code(PyObject* self, void*) {
     return guard([&] {
         const FunctionSpec& spec = *as_function(self)->fields.spec;
         if (spec.code == nullptr) {
-            Ref empty = Ref::steal(reinterpret_cast<PyObject*>(
-                PyCode_NewEmpty("chunk_layer", spec.name, 0)));
+            Ref empty = Ref::steal(
+                reinterpret_cast<PyObject*>(PyCode_NewEmpty("chunk_layer", spec.name, 0)));
             Ref count = size(static_cast<Py_ssize_t>(spec.parameters.size()));
             Ref flags = integer(CO_OPTIMIZED | CO_NEWLOCALS | (spec.generator ? CO_GENERATOR : 0));
             spec.code = call_method_keywords(empty, kReplace, 0, kCodeFields, count, count,
@@ -393,7 +400,9 @@ PyTypeObject function_type = [] {
 
 }  // namespace
 
-void ready_function_type() { check_status(PyType_Ready(&function_type)); }
+void ready_function_type() {
+    check_status(PyType_Ready(&function_type));
+}
 
 Ref make_function(const FunctionSpec& spec, Handle module_name, Handle globals, Handle closure) {
     make_spec_objects(spec);
@@ -419,8 +428,12 @@ Ref make_function(const FunctionSpec& spec, Handle module_name, Handle globals, 
     return result;
 }
 
-Ref function_name(Handle function) { return as_function(function.get())->fields.name; }
-Ref function_qualname(Handle function) { return as_function(function.get())->fields.qualname; }
+Ref function_name(Handle function) {
+    return as_function(function.get())->fields.name;
+}
+Ref function_qualname(Handle function) {
+    return as_function(function.get())->fields.qualname;
+}
 
 Ref global(Handle globals, const Str& name) {
     PyObject* value = PyDict_GetItemWithError(globals.get(), name.get());
@@ -434,8 +447,7 @@ Ref global(Handle globals, const Str& name) {
     return Ref::borrow(value);
 }
 
-void require_exact_type(Handle value, PyTypeObject* type, const char* argument,
-                        bool none_allowed) {
+void require_exact_type(Handle value, PyTypeObject* type, const char* argument, bool none_allowed) {
     if (Py_TYPE(value.get()) == type || (none_allowed && value.is_none())) return;
     raise(PyExc_TypeError, "Argument '%.200s' has incorrect type (expected %.200s, got %.200s)",
           argument, type->tp_name, Py_TYPE(value.get())->tp_name);

@@ -68,7 +68,9 @@ Ref function_qualname(Handle function);
 // A module-level name, looked up at call time in the function's namespace and then among the
 // builtins; a missing one raises NameError "name '%U' is not defined".
 Ref global(Handle globals, const Str& name);
-inline Ref global(const Call& call, const Str& name) { return global(call.globals, name); }
+inline Ref global(const Call& call, const Str& name) {
+    return global(call.globals, name);
+}
 
 // The exact-type check of an argument: raises TypeError "Argument '%.200s' has incorrect type
 // (expected %.200s, got %.200s)" unless `value` is of exactly `type` (or None where allowed).

@@ -29,8 +29,7 @@ const Str kGenerator{"Generator"};
 const Str kRegister{"register"};
 
 struct GeneratorObject {
-    PyObject_HEAD
-    PyObject* weakrefs;
+    PyObject_HEAD PyObject* weakrefs;
     // The C++ part, constructed in place after allocation and destroyed before the memory goes.
     struct Fields {
         Coroutine::Handle body;  // null once the generator has finished

@@ -15,7 +15,7 @@ namespace py {
 // next() or send() and evaluates to what the next send() passes in (None for next()); an
 // exception thrown into the generator is raised from the co_yield as `Error`.
 class Coroutine {
-public:
+  public:
     struct promise_type;
     using Handle = std::coroutine_handle<promise_type>;
 
@@ -56,7 +56,7 @@ public:
     // Gives the coroutine frame to its new owner, the generator object.
     Handle release() noexcept { return std::exchange(handle_, {}); }
 
-private:
+  private:
     explicit Coroutine(Handle handle) noexcept : handle_(handle) {}
     Handle handle_;
 };

@@ -45,15 +45,15 @@ class Ref;
 // A borrowed reference: valid only while its owner keeps the object alive. Never null when it
 // comes from an API result; may be null only where a signature says so.
 class Handle {
-public:
+  public:
     Handle(PyObject* object) noexcept : object_(object) {}  // NOLINT: implicit by design
-    Handle(const Ref& ref) noexcept;                         // NOLINT: implicit by design
+    Handle(const Ref& ref) noexcept;                        // NOLINT: implicit by design
 
     PyObject* get() const noexcept { return object_; }
     bool is_none() const noexcept { return object_ == Py_None; }
     bool is(Handle other) const noexcept { return object_ == other.object_; }
 
-private:
+  private:
     PyObject* object_;
 };
 
@@ -61,7 +61,7 @@ private:
 // counts. Empty (null) only when default-constructed, moved from, or returned by `next` at the
 // end of an iteration.
 class Ref {
-public:
+  public:
     Ref() noexcept = default;
     Ref(const Ref& other) noexcept : object_(other.object_) { Py_XINCREF(object_); }
     Ref(Ref&& other) noexcept : object_(std::exchange(other.object_, nullptr)) {}
@@ -93,7 +93,7 @@ public:
     bool is_none() const noexcept { return object_ == Py_None; }
     bool is(Handle other) const noexcept { return object_ == other.get(); }
 
-private:
+  private:
     explicit Ref(PyObject* object) noexcept : object_(object) {}
     PyObject* object_ = nullptr;
 };
@@ -135,9 +135,15 @@ int guard_status(Body&& body) noexcept {
 
 // ---- objects ------------------------------------------------------------------------------
 
-inline Ref str(const char* text) { return Ref::steal(PyUnicode_FromString(text)); }
-inline Ref integer(long value) { return Ref::steal(PyLong_FromLong(value)); }
-inline Ref size(Py_ssize_t value) { return Ref::steal(PyLong_FromSsize_t(value)); }
+inline Ref str(const char* text) {
+    return Ref::steal(PyUnicode_FromString(text));
+}
+inline Ref integer(long value) {
+    return Ref::steal(PyLong_FromLong(value));
+}
+inline Ref size(Py_ssize_t value) {
+    return Ref::steal(PyLong_FromSsize_t(value));
+}
 
 template <class... Items>
 Ref tuple(Items&&... items) {
@@ -157,13 +163,19 @@ inline Ref tuple_from(const std::vector<Ref>& items) {
 }
 
 // The tuple of an iterable: an exact tuple as it is, anything else walked into a new one.
-inline Ref as_tuple(Handle iterable) { return Ref::steal(PySequence_Tuple(iterable.get())); }
+inline Ref as_tuple(Handle iterable) {
+    return Ref::steal(PySequence_Tuple(iterable.get()));
+}
 
-inline Ref new_list() { return Ref::steal(PyList_New(0)); }
+inline Ref new_list() {
+    return Ref::steal(PyList_New(0));
+}
 inline void append(Handle list, Handle item) {
     check_status(PyList_Append(list.get(), item.get()));
 }
-inline Ref new_dict() { return Ref::steal(PyDict_New()); }
+inline Ref new_dict() {
+    return Ref::steal(PyDict_New());
+}
 inline void set_item(Handle mapping, Handle key, Handle value) {
     check_status(PyObject_SetItem(mapping.get(), key.get(), value.get()));
 }
@@ -190,7 +202,9 @@ inline Py_ssize_t length(Handle object) {
 
 // ---- truth and comparison -----------------------------------------------------------------
 
-inline bool truth(Handle object) { return check_status(PyObject_IsTrue(object.get())) != 0; }
+inline bool truth(Handle object) {
+    return check_status(PyObject_IsTrue(object.get())) != 0;
+}
 inline Ref compare(Handle left, Handle right, int op) {
     return Ref::steal(PyObject_RichCompare(left.get(), right.get(), op));
 }
@@ -219,7 +233,9 @@ inline Ref floor_divide(Handle left, Handle right) {
 inline Ref true_divide(Handle left, Handle right) {
     return Ref::steal(PyNumber_TrueDivide(left.get(), right.get()));
 }
-inline Ref invert(Handle operand) { return Ref::steal(PyNumber_Invert(operand.get())); }
+inline Ref invert(Handle operand) {
+    return Ref::steal(PyNumber_Invert(operand.get()));
+}
 
 // ---- calls --------------------------------------------------------------------------------
 
@@ -248,8 +264,7 @@ template <class... Args>
 Ref call_method(Handle object, Handle name, Args&&... args) {
     std::array<PyObject*, sizeof...(Args) + 1> stack{object.get(), Handle(args).get()...};
     return Ref::steal(PyObject_VectorcallMethod(
-        name.get(), stack.data(), (sizeof...(Args) + 1) | PY_VECTORCALL_ARGUMENTS_OFFSET,
-        nullptr));
+        name.get(), stack.data(), (sizeof...(Args) + 1) | PY_VECTORCALL_ARGUMENTS_OFFSET, nullptr));
 }
 
 // object.name(*positional, **keywords), with the keyword names as a tuple made once.
@@ -257,9 +272,9 @@ template <class... Args>
 Ref call_method_keywords(Handle object, Handle name, std::size_t positional, Handle keyword_names,
                          Args&&... args) {
     std::array<PyObject*, sizeof...(Args) + 1> stack{object.get(), Handle(args).get()...};
-    return Ref::steal(PyObject_VectorcallMethod(
-        name.get(), stack.data(), (positional + 1) | PY_VECTORCALL_ARGUMENTS_OFFSET,
-        keyword_names.get()));
+    return Ref::steal(PyObject_VectorcallMethod(name.get(), stack.data(),
+                                                (positional + 1) | PY_VECTORCALL_ARGUMENTS_OFFSET,
+                                                keyword_names.get()));
 }
 
 // callable(*args) with the arguments in a vector.
@@ -277,7 +292,9 @@ inline Ref call_tuple(Handle callable, Handle arguments) {
 
 // ---- iteration ----------------------------------------------------------------------------
 
-inline Ref iter(Handle iterable) { return Ref::steal(PyObject_GetIter(iterable.get())); }
+inline Ref iter(Handle iterable) {
+    return Ref::steal(PyObject_GetIter(iterable.get()));
+}
 
 // The next item, or an empty Ref when the iterator is exhausted.
 inline Ref next(Handle iterator) {
@@ -297,8 +314,7 @@ std::array<Ref, N> unpack(Handle iterable) {
               static_cast<Py_ssize_t>(N));
     };
     auto need_more = [](Py_ssize_t got) {
-        raise(PyExc_ValueError, "need more than %zd value%.1s to unpack", got,
-              got == 1 ? "" : "s");
+        raise(PyExc_ValueError, "need more than %zd value%.1s to unpack", got, got == 1 ? "" : "s");
     };
     PyObject* object = iterable.get();
     if (PyTuple_CheckExact(object) || PyList_CheckExact(object)) {
