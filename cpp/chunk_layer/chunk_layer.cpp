@@ -28,7 +28,6 @@ const py::Str kTime{"time"};
 const py::Str kLocaltime{"localtime"};
 const py::Str kStrftime{"strftime"};
 const py::Str kIsSimpleChunkSize{"is_simple_chunk_size"};
-const py::Str kCoresetParams{"coreset_params"};
 const py::Str kAddToQueue{"add_to_queue"};
 const py::Str kHasRunningTasks{"has_running_tasks"};
 const py::Str kChain{"chain"};
@@ -191,9 +190,9 @@ Ref update_buffer(const Call& call) {
 Ref build_node(const Call& call, Handle dset, Handle node_id) {
     Handle self = call[0];
     Ref node_type = py::global(call, global::ChunkNode);
-    Ref node = py::call_keywords(node_type, 0, kNodeKeywords, dset,
-                                 py::getattr(self, name::chunk_corset_params), node_id,
-                                 py::getattr(self, name::data_manager));
+    Ref params = py::getattr(self, name::chunk_corset_params);
+    Ref data_manager = py::getattr(self, name::data_manager);
+    Ref node = py::call_keywords(node_type, 0, kNodeKeywords, dset, params, node_id, data_manager);
     return py::call_method(node, name::build);
 }
 
@@ -238,7 +237,8 @@ Ref print_progress(const Call& call) {
             py::call_method(py::getattr(self, name::build_params), kGet, name::chunk_size, zero),
             zero, Py_GT)) {
         // The trailing partial chunk lies beyond the expected count and shows no total.
-        if (py::compare_truth(py::add(leaf_node_index, one), expected_chunks(self), Py_LE)) {
+        Ref number = py::add(leaf_node_index, one);
+        if (py::compare_truth(number, expected_chunks(self), Py_LE)) {
             Ref count = Ref::steal(PyObject_Format(expected_chunks(self).get(), kEmpty.get()));
             chunks = Ref::steal(PyUnicode_Concat(kOutOf.get(), count.get()));
             chunks = Ref::steal(PyUnicode_Concat(chunks.get(), kChunks.get()));
@@ -249,10 +249,11 @@ Ref print_progress(const Call& call) {
     Ref ct = py::call_method(time_module, kStrftime, kTimeFormat, local_time);
 
     Ref number = py::add(leaf_node_index, one);
-    Ref pieces = py::tuple(
-        Ref::steal(PyObject_Format(ct.get(), kEmpty.get())), kCompleted,
-        Ref::steal(PyObject_Format(number.get(), kEmpty.get())), chunks, kBuiltIn,
-        Ref::steal(PyObject_Format(chunk_build_time.get(), kThreeDecimals.get())), kSecondsReset);
+    Ref time_text = Ref::steal(PyObject_Format(ct.get(), kEmpty.get()));
+    Ref number_text = Ref::steal(PyObject_Format(number.get(), kEmpty.get()));
+    Ref build_time = Ref::steal(PyObject_Format(chunk_build_time.get(), kThreeDecimals.get()));
+    Ref pieces =
+        py::tuple(time_text, kCompleted, number_text, chunks, kBuiltIn, build_time, kSecondsReset);
     Ref line = Ref::steal(PyUnicode_Join(kEmpty.get(), pieces.get()));
     py::call(py::global(call, global::print), line);
     return Ref::none();
@@ -322,7 +323,7 @@ Ref chunk_dtype(Handle self) {
     try {
         Ref first = py::next(py::iter(py::getattr(self, name::chunk_corset_params)));
         if (!first) py::raise(PyExc_StopIteration, "no parameter records");
-        Ref coreset_params = py::getattr(first, kCoresetParams);
+        Ref coreset_params = py::getattr(first, name::coreset_params);
         return py::call_method(coreset_params, kGet, kDtypeName, kFloat32);
     } catch (const py::Error&) {
         if (!PyErr_ExceptionMatches(PyExc_Exception)) throw;
@@ -351,6 +352,12 @@ Ref slice_buffer(const Call& call, Handle buffer, bool head) {
     return py::call_vector(dataset_type, fields);
 }
 
+// self.buffer[1].shape[0] >= self.chunk_size, the left side read first.
+bool holds_a_chunk(Handle self) {
+    Ref rows = rows_of(py::getattr(self, name::buffer));
+    return py::compare_truth(rows, py::getattr(self, name::chunk_size), Py_GE);
+}
+
 bool parallel_mode(Handle self) {
     if (py::getattr(py::getattr(self, name::data_manager), kNJobs).is_none()) return false;
     Ref n_jobs = py::getattr(py::getattr(self, name::data_manager), kNJobs);
@@ -376,10 +383,7 @@ py::Coroutine get_from_buffer_body(const Call& call) {
         py::compare(py::getattr(self, name::chunk_size), py::integer(0), Py_EQ);
     const Ref dtype = chunk_dtype(self);
 
-    while (buffer_present(self) &&
-           (py::truth(ignore_chunk_size) ||
-            py::compare_truth(rows_of(py::getattr(self, name::buffer)),
-                              py::getattr(self, name::chunk_size), Py_GE))) {
+    while (buffer_present(self) && (py::truth(ignore_chunk_size) || holds_a_chunk(self))) {
         Ref buffer;
         if (py::truth(ignore_chunk_size)) {
             buffer = py::getattr(self, name::buffer);
@@ -424,8 +428,9 @@ Ref byte_size(Handle dset) {
     Ref field_iterator = py::iter(dset);
     while (Ref field = py::next(field_iterator)) {
         if (field.is_none()) continue;
-        total = py::add(total, py::multiply(py::getattr(field, name::size),
-                                            py::getattr(field, name::itemsize)));
+        Ref elements = py::getattr(field, name::size);
+        Ref element_bytes = py::getattr(field, name::itemsize);
+        total = py::add(total, py::multiply(elements, element_bytes));
     }
     return total;
 }
@@ -444,7 +449,8 @@ py::Coroutine process_body(const Call& call) {
 
     Ref items = py::iter(dsets);
     while (Ref item = py::next(items)) {
-        Ref dset = py::call_tuple(py::global(call, global::Dataset), py::as_tuple(item));
+        Ref dataset_type = py::global(call, global::Dataset);
+        Ref dset = py::call_tuple(dataset_type, py::as_tuple(item));
         if (!py::getattr(dset, name::y).is_none() && py::truth(is_classification)) {
             Ref np = py::global(call, global::np);
             Ref pair = py::new_list();
@@ -543,9 +549,11 @@ Ref filter_out_samples(const Call& call) {
     }
     Ref dataset_iterator = py::iter(datasets);
     while (Ref dset = py::next(dataset_iterator)) {
-        Ref filtered_ind =
-            py::call(filter_function, py::getattr(dset, name::ind), py::getattr(dset, name::X),
-                     py::getattr(dset, name::y), py::getattr(dset, name::props));
+        Ref ind = py::getattr(dset, name::ind);
+        Ref X = py::getattr(dset, name::X);
+        Ref y = py::getattr(dset, name::y);
+        Ref props = py::getattr(dset, name::props);
+        Ref filtered_ind = py::call(filter_function, ind, X, y, props);
         if (py::length(filtered_ind) > 0) {
             Ref pair = py::new_list();
             py::append(pair, indexes_for_remove);

@@ -17,7 +17,6 @@ using py::Ref;
 const py::Str kHex{"hex"};
 const py::Str kSafeMode{"safe_mode"};
 const py::Str kCoresetCls{"coreset_cls"};
-const py::Str kCoresetParams{"coreset_params"};
 const py::Str kCatEncodingConfigClear{"cat_encoding_config_clear"};
 const py::Str kDataParams{"data_params"};
 const py::Str kDataParamsInternal{"data_params_internal"};
@@ -135,9 +134,11 @@ Ref instantiate_coreset(const Call& call) {
 
 Ref build_one(const Call& call, Handle cor_params) {
     Handle self = call[0];
-    Ref coreset =
-        py::call_method(self, name::_instantiate_coreset, py::getattr(cor_params, kCoresetCls),
-                        py::getattr(cor_params, kCoresetParams));
+    // Arguments are read into locals first: C++ leaves the order of call arguments open, and
+    // collaborators must see their attributes read in Python's left-to-right order.
+    Ref coreset_cls = py::getattr(cor_params, kCoresetCls);
+    Ref coreset_params = py::getattr(cor_params, name::coreset_params);
+    Ref coreset = py::call_method(self, name::_instantiate_coreset, coreset_cls, coreset_params);
     Ref cat_encoding_config =
         py::call_method(py::getattr(self, name::data_manager), kCatEncodingConfigClear);
 
@@ -173,11 +174,13 @@ Ref build_one(const Call& call, Handle cor_params) {
         py::call_method_keywords(processor, kHandleMissing, 0, kSparseThresholdKeyword, zero);
 
     Ref replace = py::getattr(py::getattr(self, name::dset), name::_replace);
-    py::setattr(
-        self, name::dset,
-        py::call_keywords(replace, 0, kReplaceKeywords, py::getattr(processor, name::X),
-                          py::getattr(processor, name::y), py::getattr(processor, name::ind),
-                          py::getattr(processor, name::props)));
+    Ref processed_X = py::getattr(processor, name::X);
+    Ref processed_y = py::getattr(processor, name::y);
+    Ref processed_ind = py::getattr(processor, name::ind);
+    Ref processed_props = py::getattr(processor, name::props);
+    py::setattr(self, name::dset,
+                py::call_keywords(replace, 0, kReplaceKeywords, processed_X, processed_y,
+                                  processed_ind, processed_props));
 
     auto [y_processed, unused_second, unused_third] =
         py::unpack<3>(py::call_method(processor, kGetProcessedArrays));
@@ -210,8 +213,9 @@ Ref save(const Call& call) {
     Ref dset = py::getattr(self, name::dset);
     Ref indices = py::truth(call[2]) ? Ref::none() : py::getattr(self, name::indices);
     Ref node_id = py::getattr(self, name::node_id);
-    Ref is_buffer_node = py::compare(py::getattr(self, name::node_id),
-                                     py::global(call, global::BUFFER_NODE_ID), Py_EQ);
+    Ref node_id_again = py::getattr(self, name::node_id);
+    Ref is_buffer_node =
+        py::compare(node_id_again, py::global(call, global::BUFFER_NODE_ID), Py_EQ);
     py::call_keywords(save_async, 3, kIsBufferKeyword, dset, indices, node_id, is_buffer_node);
     return Ref::none();
 }

@@ -77,6 +77,8 @@ inline const py::Str coresets{"coresets"};
 inline const py::Str is_buffer{"is_buffer"};
 inline const py::Str build{"build"};
 inline const py::Str _instantiate_coreset{"_instantiate_coreset"};
+// parameter records
+inline const py::Str coreset_params{"coreset_params"};
 }  // namespace name
 
 }  // namespace chunk_layer

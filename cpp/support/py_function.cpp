@@ -243,28 +243,19 @@ PyMethodDef function_methods[] = {
 };
 
 // Setters mirror the checks of Python's own function attributes.
-int set_string_field(Ref& field, PyObject* value, const char* message) {
-    if (value == nullptr || !PyUnicode_Check(value)) {
-        PyErr_SetString(PyExc_TypeError, message);
-        return -1;
-    }
-    field = Ref::borrow(value);
-    return 0;
-}
-
 PyObject* get_name(PyObject* self, void*) {
     return Ref(as_function(self)->fields.name).release();
 }
 int set_name(PyObject* self, PyObject* value, void*) {
-    return set_string_field(as_function(self)->fields.name, value,
-                            "__name__ must be set to a string object");
+    return assign_str(as_function(self)->fields.name, value,
+                      "__name__ must be set to a string object");
 }
 PyObject* get_qualname(PyObject* self, void*) {
     return Ref(as_function(self)->fields.qualname).release();
 }
 int set_qualname(PyObject* self, PyObject* value, void*) {
-    return set_string_field(as_function(self)->fields.qualname, value,
-                            "__qualname__ must be set to a string object");
+    return assign_str(as_function(self)->fields.qualname, value,
+                      "__qualname__ must be set to a string object");
 }
 PyObject* get_doc(PyObject* self, void*) {
     return Ref(as_function(self)->fields.doc).release();

@@ -252,23 +252,15 @@ PyObject* get_name(PyObject* self, void*) {
     return Ref(as_generator(self)->fields.name).release();
 }
 int set_name(PyObject* self, PyObject* value, void*) {
-    if (value == nullptr || !PyUnicode_Check(value)) {
-        PyErr_SetString(PyExc_TypeError, "__name__ must be set to a string object");
-        return -1;
-    }
-    as_generator(self)->fields.name = Ref::borrow(value);
-    return 0;
+    return assign_str(as_generator(self)->fields.name, value,
+                      "__name__ must be set to a string object");
 }
 PyObject* get_qualname(PyObject* self, void*) {
     return Ref(as_generator(self)->fields.qualname).release();
 }
 int set_qualname(PyObject* self, PyObject* value, void*) {
-    if (value == nullptr || !PyUnicode_Check(value)) {
-        PyErr_SetString(PyExc_TypeError, "__qualname__ must be set to a string object");
-        return -1;
-    }
-    as_generator(self)->fields.qualname = Ref::borrow(value);
-    return 0;
+    return assign_str(as_generator(self)->fields.qualname, value,
+                      "__qualname__ must be set to a string object");
 }
 PyObject* get_running(PyObject* self, void*) {
     return Ref::boolean(as_generator(self)->fields.running).release();

@@ -180,6 +180,16 @@ inline void set_item(Handle mapping, Handle key, Handle value) {
     check_status(PyObject_SetItem(mapping.get(), key.get(), value.get()));
 }
 
+// The setter of a str attribute such as __name__: refuses anything but a str with `message`.
+inline int assign_str(Ref& field, PyObject* value, const char* message) noexcept {
+    if (value == nullptr || !PyUnicode_Check(value)) {
+        PyErr_SetString(PyExc_TypeError, message);
+        return -1;
+    }
+    field = Ref::borrow(value);
+    return 0;
+}
+
 // ---- attributes and items -----------------------------------------------------------------
 
 inline Ref getattr(Handle object, Handle name) {

@@ -62,7 +62,7 @@ class RecordingDataManager:
 class FakeNode:
     """Stands in for `ChunkNode` (patched into the module): records its construction and build."""
 
-    instances: List["FakeNode"] = []
+    instances: List[FakeNode] = []
 
     def __init__(self, dset=None, params=None, node_id=None, data_manager=None, **extra: Any) -> None:
         self.dset = dset
@@ -73,7 +73,7 @@ class FakeNode:
         self.built = 0
         FakeNode.instances.append(self)
 
-    def build(self) -> "FakeNode":
+    def build(self) -> FakeNode:
         self.built += 1
         return self
 
