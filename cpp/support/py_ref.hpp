@@ -201,8 +201,20 @@ inline void setattr(Handle object, Handle name, Handle value) {
 inline Ref item(Handle object, Handle key) {
     return Ref::steal(PyObject_GetItem(object.get(), key.get()));
 }
+// sequence[index] with a constant index, as Python's subscript takes it. A tuple, or a subclass
+// that keeps tuple's own subscript (a named record), is read directly: for such subclasses the
+// generic sequence slot would go through a Python-level __getitem__ call.
 inline Ref item(Handle sequence, Py_ssize_t index) {
-    return Ref::steal(PySequence_GetItem(sequence.get(), index));
+    PyObject* object = sequence.get();
+    if (PyTuple_Check(object) &&
+        Py_TYPE(object)->tp_as_mapping->mp_subscript == PyTuple_Type.tp_as_mapping->mp_subscript) {
+        if (index < 0 || index >= PyTuple_GET_SIZE(object)) {
+            raise(PyExc_IndexError, "tuple index out of range");
+        }
+        return Ref::borrow(PyTuple_GET_ITEM(object, index));
+    }
+    Ref key = Ref::steal(PyLong_FromSsize_t(index));
+    return Ref::steal(PyObject_GetItem(object, key.get()));
 }
 inline Py_ssize_t length(Handle object) {
     Py_ssize_t size = PyObject_Length(object.get());
