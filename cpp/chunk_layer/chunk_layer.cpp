@@ -1,8 +1,6 @@
 // The chunk layer: its buffer of samples that do not fill a chunk yet, the cutting of incoming
 // datasets into chunk nodes (in order, or on the shared task pool), the buffer node, and the
 // work on chunks already built (rebuild by id, filtering with a caller's predicate).
-#include <vector>
-
 #include "chunk_layer/callables.hpp"
 #include "chunk_layer/docstrings.hpp"
 #include "chunk_layer/names.hpp"
@@ -122,22 +120,22 @@ Ref add_to_buffer(const Call& call) {
         Ref buffered_fields = py::iter(py::getattr(self, name::buffer));
         Ref incoming_fields = py::iter(dataset);
         Ref concatenate;
-        std::vector<Ref> joined;
+        Ref joined = py::new_list();
         while (true) {
             Ref buffered = py::next(buffered_fields);
             if (!buffered) break;
             Ref incoming = py::next(incoming_fields);
             if (!incoming) break;
             if (incoming.is_none()) {
-                joined.push_back(buffered);
+                py::append(joined, buffered);
                 continue;
             }
             if (!concatenate) {
                 concatenate = py::getattr(py::global(call, global::np), name::concatenate);
             }
-            joined.push_back(py::call(concatenate, py::tuple(buffered, incoming)));
+            py::append(joined, py::call(concatenate, py::tuple(buffered, incoming)));
         }
-        py::setattr(self, name::buffer, py::tuple_from(joined));
+        py::setattr(self, name::buffer, py::as_tuple(joined));
     } else {
         py::setattr(self, name::buffer, py::as_tuple(dataset));
     }
@@ -318,18 +316,34 @@ const py::FunctionSpec kCheckMemoryAvailable{
     nullptr,
     check_memory_available};
 
-// The element type named by the first parameter record, "float32" when there is none.
+// The element type named by the first parameter record, "float32" when there is none. Any
+// error of the Exception family in the lookup gives "float32"; it is an ordinary outcome (no
+// parameter records at all), so it is handled without throwing.
 Ref chunk_dtype(Handle self) {
-    try {
-        Ref first = py::next(py::iter(py::getattr(self, name::chunk_corset_params)));
-        if (!first) py::raise(PyExc_StopIteration, "no parameter records");
-        Ref coreset_params = py::getattr(first, name::coreset_params);
-        return py::call_method(coreset_params, kGet, kDtypeName, kFloat32);
-    } catch (const py::Error&) {
-        if (!PyErr_ExceptionMatches(PyExc_Exception)) throw;
-        PyErr_Clear();
-        return Ref::borrow(kFloat32);
-    }
+    auto looked_up = [&]() -> Ref {
+        Ref params =
+            Ref::steal_or_null(PyObject_GetAttr(self.get(), name::chunk_corset_params.get()));
+        if (!params) return params;
+        Ref iterator = Ref::steal_or_null(PyObject_GetIter(params.get()));
+        if (!iterator) return iterator;
+        Ref first = Ref::steal_or_null(PyIter_Next(iterator.get()));
+        if (!first) {
+            if (!PyErr_Occurred()) PyErr_SetNone(PyExc_StopIteration);
+            return first;
+        }
+        Ref coreset_params =
+            Ref::steal_or_null(PyObject_GetAttr(first.get(), name::coreset_params.get()));
+        if (!coreset_params) return coreset_params;
+        Ref get = Ref::steal_or_null(PyObject_GetAttr(coreset_params.get(), kGet.get()));
+        if (!get) return get;
+        return Ref::steal_or_null(
+            PyObject_CallFunctionObjArgs(get.get(), kDtypeName.get(), kFloat32.get(), nullptr));
+    };
+    Ref dtype = looked_up();
+    if (dtype) return dtype;
+    if (!PyErr_ExceptionMatches(PyExc_Exception)) throw py::Error{};
+    PyErr_Clear();
+    return Ref::borrow(kFloat32);
 }
 
 // Dataset(*(a[start:stop] if a is not None else None for a in buffer)), the bounds read afresh
@@ -337,19 +351,19 @@ Ref chunk_dtype(Handle self) {
 Ref slice_buffer(const Call& call, Handle buffer, bool head) {
     Handle self = call[0];
     Ref dataset_type = py::global(call, global::Dataset);
-    std::vector<Ref> fields;
+    Ref fields = py::new_list();
     Ref field_iterator = py::iter(buffer);
     while (Ref field = py::next(field_iterator)) {
         if (field.is_none()) {
-            fields.push_back(field);
+            py::append(fields, field);
             continue;
         }
         Ref bound = py::getattr(self, name::chunk_size);
         Ref range = Ref::steal(head ? PySlice_New(nullptr, bound.get(), nullptr)
                                     : PySlice_New(bound.get(), nullptr, nullptr));
-        fields.push_back(py::item(field, range));
+        py::append(fields, py::item(field, range));
     }
-    return py::call_vector(dataset_type, fields);
+    return py::call_tuple(dataset_type, py::as_tuple(fields));
 }
 
 // self.buffer[1].shape[0] >= self.chunk_size, the left side read first.

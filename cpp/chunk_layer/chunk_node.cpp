@@ -1,7 +1,5 @@
 // The chunk node: one chunk of samples and the coresets built on it, and the module-level
 // function exclude_removed that drops removed samples from an index array and its dataset.
-#include <vector>
-
 #include "chunk_layer/callables.hpp"
 #include "chunk_layer/docstrings.hpp"
 #include "chunk_layer/names.hpp"
@@ -71,12 +69,12 @@ Ref exclude_removed_body(const Call& call) {
     if (!mask) return py::tuple(indices, dataset);
 
     Ref dataset_type = py::global(call, global::Dataset);
-    std::vector<Ref> fields;
+    Ref fields = py::new_list();
     Ref field_iterator = py::iter(dataset);
     while (Ref field = py::next(field_iterator)) {
-        fields.push_back(field.is_none() ? field : py::item(field, mask));
+        py::append(fields, field.is_none() ? field : py::item(field, mask));
     }
-    return py::tuple(indices, py::call_vector(dataset_type, fields));
+    return py::tuple(indices, py::call_tuple(dataset_type, py::as_tuple(fields)));
 }
 
 constexpr py::Parameter kExcludeRemovedParameters[] = {

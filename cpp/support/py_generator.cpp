@@ -333,6 +333,10 @@ Ref make_generator(const Call& call, std::size_t argument_count, GeneratorBody b
     Ref result = Ref::steal(reinterpret_cast<PyObject*>(generator));
     // The body's Call points at the objects this generator owns, so it outlives every resumption.
     generator->fields.body = body(generator->fields.call).release();
+    if (!generator->fields.body) {
+        PyErr_NoMemory();
+        throw Error{};
+    }
     PyObject_GC_Track(generator);
     return result;
 }

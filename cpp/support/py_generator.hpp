@@ -36,6 +36,13 @@ class Coroutine {
         bool failed = false;           // the body ended with the Python error set
 
         Coroutine get_return_object() { return Coroutine(Handle::from_promise(*this)); }
+        // Frames come from Python's allocator (always called with the interpreter lock held):
+        // one frame per generator, small and short-lived.
+        static void* operator new(std::size_t size) noexcept { return PyMem_Malloc(size); }
+        static void operator delete(void* frame) noexcept { PyMem_Free(frame); }
+        static Coroutine get_return_object_on_allocation_failure() noexcept {
+            return Coroutine(Handle{});
+        }
         std::suspend_always initial_suspend() const noexcept { return {}; }
         std::suspend_always final_suspend() const noexcept { return {}; }
         void return_void() const noexcept {}

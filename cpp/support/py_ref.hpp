@@ -299,14 +299,6 @@ Ref call_method_keywords(Handle object, Handle name, std::size_t positional, Han
                                                 keyword_names.get()));
 }
 
-// callable(*args) with the arguments in a vector.
-inline Ref call_vector(Handle callable, const std::vector<Ref>& args) {
-    std::vector<PyObject*> stack(args.size() + 1, nullptr);
-    for (std::size_t i = 0; i < args.size(); ++i) stack[i + 1] = args[i].get();
-    return Ref::steal(PyObject_Vectorcall(callable.get(), stack.data() + 1,
-                                          args.size() | PY_VECTORCALL_ARGUMENTS_OFFSET, nullptr));
-}
-
 // callable(*arguments) with the arguments in a tuple.
 inline Ref call_tuple(Handle callable, Handle arguments) {
     return Ref::steal(PyObject_Call(callable.get(), arguments.get(), nullptr));
