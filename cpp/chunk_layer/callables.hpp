@@ -8,14 +8,14 @@
 
 namespace chunk_layer {
 
-struct ClassSpec {
+struct ClassDef {
     const char* name;
     const char* doc;
-    std::span<const py::FunctionSpec* const> methods;  // in the order of the class body
+    std::span<const py::FunctionDef* const> methods;  // in the order of the class body
 };
 
-extern const py::FunctionSpec exclude_removed;
-extern const ClassSpec chunk_node_class;
-extern const ClassSpec chunk_layer_class;
+extern const py::FunctionDef exclude_removed;
+extern const ClassDef chunk_node_class;
+extern const ClassDef chunk_layer_class;
 
 }  // namespace chunk_layer

@@ -302,13 +302,13 @@ Ref check_memory_available(const Call& call) {
 }
 
 constexpr py::Parameter kLeafParameters[] = {{"buff"}, {"leaf_node_index"}};
-const py::FunctionSpec kCreateLeafNode{"_create_leaf_node",
-                                       "ChunkLayer._get_from_buffer.<locals>._create_leaf_node",
-                                       nullptr,
-                                       kLeafParameters,
-                                       nullptr,
-                                       create_leaf_node};
-const py::FunctionSpec kCheckMemoryAvailable{
+const py::FunctionDef kCreateLeafNode{"_create_leaf_node",
+                                      "ChunkLayer._get_from_buffer.<locals>._create_leaf_node",
+                                      nullptr,
+                                      kLeafParameters,
+                                      nullptr,
+                                      create_leaf_node};
+const py::FunctionDef kCheckMemoryAvailable{
     "_check_memory_available",
     "ChunkLayer._get_from_buffer.<locals>._check_memory_available",
     nullptr,
@@ -543,10 +543,9 @@ Ref fetch_with_props(const Call& call) {
 }
 
 constexpr py::Parameter kNodeIdParameters[] = {{"node_id"}};
-const py::FunctionSpec kFetchWithProps{
-    "<lambda>", "ChunkLayer.filter_out_samples.<locals>.<lambda>",
-    nullptr,    kNodeIdParameters,
-    nullptr,    fetch_with_props};
+const py::FunctionDef kFetchWithProps{"<lambda>", "ChunkLayer.filter_out_samples.<locals>.<lambda>",
+                                      nullptr,    kNodeIdParameters,
+                                      nullptr,    fetch_with_props};
 
 Ref filter_out_samples(const Call& call) {
     Handle self = call[0];
@@ -611,82 +610,82 @@ constexpr py::Parameter kRebuildParameters[] = {{"self"},
 constexpr py::Parameter kFilterOutSamplesParameters[] = {
     {"self"}, {"filter_function"}, {"node_ids"}, {"with_buffer", Default::true_value}};
 
-const py::FunctionSpec kInit{"__init__", "ChunkLayer.__init__", nullptr, kInitParameters, nullptr,
-                             init};
-const py::FunctionSpec kHasBuffer{
+const py::FunctionDef kInit{"__init__", "ChunkLayer.__init__", nullptr, kInitParameters, nullptr,
+                            init};
+const py::FunctionDef kHasBuffer{
     "has_buffer", "ChunkLayer.has_buffer", docs::kChunkLayerHasBuffer, kSelfParameters, nullptr,
     has_buffer};
-const py::FunctionSpec kGetBuffer{
+const py::FunctionDef kGetBuffer{
     "get_buffer",    "ChunkLayer.get_buffer", docs::kChunkLayerGetBuffer,
     kSelfParameters, "Union[Dataset, None]",  get_buffer};
-const py::FunctionSpec kSetBuffer{"set_buffer",
-                                  "ChunkLayer.set_buffer",
-                                  docs::kChunkLayerSetBuffer,
-                                  kSetBufferParameters,
-                                  nullptr,
-                                  set_buffer};
-const py::FunctionSpec kAddToBuffer{"_add_to_buffer",
-                                    "ChunkLayer._add_to_buffer",
-                                    docs::kChunkLayerAddToBuffer,
-                                    kAddToBufferParameters,
-                                    nullptr,
-                                    add_to_buffer};
-const py::FunctionSpec kRemoveFromBuffer{"remove_from_buffer",
-                                         "ChunkLayer.remove_from_buffer",
-                                         nullptr,
-                                         kRemoveFromBufferParameters,
-                                         nullptr,
-                                         remove_from_buffer};
-const py::FunctionSpec kRebuildNode{"_rebuild_node", "ChunkLayer._rebuild_node",
-                                    nullptr,         kRebuildNodeParameters,
-                                    nullptr,         rebuild_node};
-const py::FunctionSpec kCreateNode{"_create_node",
-                                   "ChunkLayer._create_node",
-                                   docs::kChunkLayerCreateNode,
-                                   kCreateNodeParameters,
-                                   "ChunkNode",
-                                   create_node};
-const py::FunctionSpec kPrintProgress{"_print_progress",
-                                      "ChunkLayer._print_progress",
-                                      docs::kChunkLayerPrintProgress,
-                                      kPrintProgressParameters,
-                                      nullptr,
-                                      print_progress};
-const py::FunctionSpec kGetBufferSize{"get_buffer_size",
-                                      "ChunkLayer.get_buffer_size",
-                                      docs::kChunkLayerGetBufferSize,
-                                      kSelfParameters,
-                                      nullptr,
-                                      get_buffer_size};
-const py::FunctionSpec kCreateBufferNode{"create_buffer_node",
-                                         "ChunkLayer.create_buffer_node",
-                                         docs::kChunkLayerCreateBufferNode,
-                                         kCallbackParameters,
-                                         nullptr,
-                                         create_buffer_node};
-const py::FunctionSpec kGetFromBuffer{"_get_from_buffer",
-                                      "ChunkLayer._get_from_buffer",
-                                      docs::kChunkLayerGetFromBuffer,
-                                      kCallbackParameters,
-                                      nullptr,
-                                      get_from_buffer,
-                                      true};
-const py::FunctionSpec kProcess{
+const py::FunctionDef kSetBuffer{"set_buffer",
+                                 "ChunkLayer.set_buffer",
+                                 docs::kChunkLayerSetBuffer,
+                                 kSetBufferParameters,
+                                 nullptr,
+                                 set_buffer};
+const py::FunctionDef kAddToBuffer{"_add_to_buffer",
+                                   "ChunkLayer._add_to_buffer",
+                                   docs::kChunkLayerAddToBuffer,
+                                   kAddToBufferParameters,
+                                   nullptr,
+                                   add_to_buffer};
+const py::FunctionDef kRemoveFromBuffer{"remove_from_buffer",
+                                        "ChunkLayer.remove_from_buffer",
+                                        nullptr,
+                                        kRemoveFromBufferParameters,
+                                        nullptr,
+                                        remove_from_buffer};
+const py::FunctionDef kRebuildNode{"_rebuild_node", "ChunkLayer._rebuild_node",
+                                   nullptr,         kRebuildNodeParameters,
+                                   nullptr,         rebuild_node};
+const py::FunctionDef kCreateNode{"_create_node",
+                                  "ChunkLayer._create_node",
+                                  docs::kChunkLayerCreateNode,
+                                  kCreateNodeParameters,
+                                  "ChunkNode",
+                                  create_node};
+const py::FunctionDef kPrintProgress{"_print_progress",
+                                     "ChunkLayer._print_progress",
+                                     docs::kChunkLayerPrintProgress,
+                                     kPrintProgressParameters,
+                                     nullptr,
+                                     print_progress};
+const py::FunctionDef kGetBufferSize{"get_buffer_size",
+                                     "ChunkLayer.get_buffer_size",
+                                     docs::kChunkLayerGetBufferSize,
+                                     kSelfParameters,
+                                     nullptr,
+                                     get_buffer_size};
+const py::FunctionDef kCreateBufferNode{"create_buffer_node",
+                                        "ChunkLayer.create_buffer_node",
+                                        docs::kChunkLayerCreateBufferNode,
+                                        kCallbackParameters,
+                                        nullptr,
+                                        create_buffer_node};
+const py::FunctionDef kGetFromBuffer{"_get_from_buffer",
+                                     "ChunkLayer._get_from_buffer",
+                                     docs::kChunkLayerGetFromBuffer,
+                                     kCallbackParameters,
+                                     nullptr,
+                                     get_from_buffer,
+                                     true};
+const py::FunctionDef kProcess{
     "process", "ChunkLayer.process", docs::kChunkLayerProcess, kProcessParameters, nullptr, process,
     true};
-const py::FunctionSpec kUpdateBuffer{"update_buffer", "ChunkLayer.update_buffer",
-                                     nullptr,         kUpdateBufferParameters,
-                                     nullptr,         update_buffer};
-const py::FunctionSpec kRebuild{
+const py::FunctionDef kUpdateBuffer{"update_buffer", "ChunkLayer.update_buffer",
+                                    nullptr,         kUpdateBufferParameters,
+                                    nullptr,         update_buffer};
+const py::FunctionDef kRebuild{
     "rebuild", "ChunkLayer.rebuild", nullptr, kRebuildParameters, nullptr, rebuild, true};
-const py::FunctionSpec kFilterOutSamples{"filter_out_samples",
-                                         "ChunkLayer.filter_out_samples",
-                                         nullptr,
-                                         kFilterOutSamplesParameters,
-                                         nullptr,
-                                         filter_out_samples};
+const py::FunctionDef kFilterOutSamples{"filter_out_samples",
+                                        "ChunkLayer.filter_out_samples",
+                                        nullptr,
+                                        kFilterOutSamplesParameters,
+                                        nullptr,
+                                        filter_out_samples};
 
-const py::FunctionSpec* const kMethods[] = {
+const py::FunctionDef* const kMethods[] = {
     &kInit,          &kHasBuffer,        &kGetBuffer,        &kSetBuffer,
     &kAddToBuffer,   &kRemoveFromBuffer, &kRebuildNode,      &kCreateNode,
     &kPrintProgress, &kGetBufferSize,    &kCreateBufferNode, &kGetFromBuffer,
@@ -694,6 +693,6 @@ const py::FunctionSpec* const kMethods[] = {
 
 }  // namespace
 
-const ClassSpec chunk_layer_class{"ChunkLayer", docs::kChunkLayer, kMethods};
+const ClassDef chunk_layer_class{"ChunkLayer", docs::kChunkLayer, kMethods};
 
 }  // namespace chunk_layer

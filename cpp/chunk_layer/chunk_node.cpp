@@ -249,37 +249,37 @@ constexpr py::Parameter kSaveParameters[] = {{"self"},
                                              {"save_all", Default::false_value}};
 constexpr py::Parameter kAddIndicesParameters[] = {{"self"}, {"indices"}};
 
-const py::FunctionSpec kInit{"__init__", "ChunkNode.__init__", nullptr, kInitParameters, nullptr,
-                             init};
-const py::FunctionSpec kIsBuffer{
+const py::FunctionDef kInit{"__init__", "ChunkNode.__init__", nullptr, kInitParameters, nullptr,
+                            init};
+const py::FunctionDef kIsBuffer{
     "is_buffer", "ChunkNode.is_buffer", docs::kChunkNodeIsBuffer, kSelfParameters, nullptr,
     is_buffer};
-const py::FunctionSpec kInstantiateCoreset{"_instantiate_coreset",
-                                           "ChunkNode._instantiate_coreset",
-                                           docs::kChunkNodeInstantiateCoreset,
-                                           kInstantiateCoresetParameters,
-                                           "CoresetBase",
-                                           instantiate_coreset};
-const py::FunctionSpec kBuild{"build",         "ChunkNode.build", docs::kChunkNodeBuild,
-                              kSelfParameters, nullptr,           build};
-const py::FunctionSpec kSave{"save",          "ChunkNode.save", docs::kChunkNodeSave,
-                             kSaveParameters, nullptr,          save};
-const py::FunctionSpec kAddIndices{"add_indices",
-                                   "ChunkNode.add_indices",
-                                   docs::kChunkNodeAddIndices,
-                                   kAddIndicesParameters,
-                                   nullptr,
-                                   add_indices};
+const py::FunctionDef kInstantiateCoreset{"_instantiate_coreset",
+                                          "ChunkNode._instantiate_coreset",
+                                          docs::kChunkNodeInstantiateCoreset,
+                                          kInstantiateCoresetParameters,
+                                          "CoresetBase",
+                                          instantiate_coreset};
+const py::FunctionDef kBuild{"build",         "ChunkNode.build", docs::kChunkNodeBuild,
+                             kSelfParameters, nullptr,           build};
+const py::FunctionDef kSave{"save",          "ChunkNode.save", docs::kChunkNodeSave,
+                            kSaveParameters, nullptr,          save};
+const py::FunctionDef kAddIndices{"add_indices",
+                                  "ChunkNode.add_indices",
+                                  docs::kChunkNodeAddIndices,
+                                  kAddIndicesParameters,
+                                  nullptr,
+                                  add_indices};
 
-const py::FunctionSpec* const kMethods[] = {&kInit,  &kIsBuffer, &kInstantiateCoreset,
-                                            &kBuild, &kSave,     &kAddIndices};
+const py::FunctionDef* const kMethods[] = {&kInit,  &kIsBuffer, &kInstantiateCoreset,
+                                           &kBuild, &kSave,     &kAddIndices};
 
 }  // namespace
 
-const py::FunctionSpec exclude_removed{
+const py::FunctionDef exclude_removed{
     "exclude_removed",         "exclude_removed", docs::kExcludeRemoved,
     kExcludeRemovedParameters, nullptr,           exclude_removed_body};
 
-const ClassSpec chunk_node_class{"ChunkNode", docs::kChunkNode, kMethods};
+const ClassDef chunk_node_class{"ChunkNode", docs::kChunkNode, kMethods};
 
 }  // namespace chunk_layer

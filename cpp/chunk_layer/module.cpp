@@ -143,13 +143,13 @@ void declare_record(Handle module_name, Handle globals, const char* name,
 }
 
 // A plain class built with type(): its docstring, then its methods in order.
-void build_class(Handle module_name, Handle globals, const ClassSpec& spec) {
-    Ref class_name = py::str(spec.name);
+void build_class(Handle module_name, Handle globals, const ClassDef& definition) {
+    Ref class_name = py::str(definition.name);
     Ref body = py::new_dict();
     py::set_item(body, kModule, module_name);
     py::set_item(body, kQualname, class_name);
-    py::set_item(body, kDoc, py::str(spec.doc));
-    for (const py::FunctionSpec* method : spec.methods) {
+    py::set_item(body, kDoc, py::str(definition.doc));
+    for (const py::FunctionDef* method : definition.methods) {
         Ref function = py::make_function(*method, module_name, globals);
         py::set_item(body, py::str(method->name), function);
     }
@@ -222,7 +222,7 @@ void load(Handle module) {
 }
 
 // Py_mod_create: one interpreter per process, and one module object for it.
-PyObject* create_module(PyObject* spec, PyModuleDef*) {
+PyObject* create_module(PyObject* module_spec, PyModuleDef*) {
     return py::guard([&]() -> Ref {
         const int64_t interpreter = PyInterpreterState_GetID(PyInterpreterState_Get());
         if (interpreter < 0) throw py::Error{};
@@ -235,7 +235,7 @@ PyObject* create_module(PyObject* spec, PyModuleDef*) {
         if (loaded_module != nullptr) return Ref::borrow(loaded_module);
         py::Constant::make_all();
 
-        Ref module = Ref::steal(PyModule_NewObject(py::getattr(spec, kSpecName).get()));
+        Ref module = Ref::steal(PyModule_NewObject(py::getattr(module_spec, kSpecName).get()));
         Ref globals = Ref::borrow(PyModule_GetDict(module.get()));
         struct Copy {
             const py::Str& from;
@@ -243,7 +243,7 @@ PyObject* create_module(PyObject* spec, PyModuleDef*) {
         };
         for (const Copy& copy : {Copy{kSpecLoader, kLoader}, Copy{kSpecOrigin, kFile},
                                  Copy{kSpecParent, kPackage}, Copy{kSpecSearchLocations, kPath}}) {
-            Ref value = Ref::steal_or_null(PyObject_GetAttr(spec, copy.from.get()));
+            Ref value = Ref::steal_or_null(PyObject_GetAttr(module_spec, copy.from.get()));
             if (!value) {
                 if (!PyErr_ExceptionMatches(PyExc_AttributeError)) throw py::Error{};
                 PyErr_Clear();

@@ -21,7 +21,7 @@ struct FunctionObject {
     PyObject* weakrefs;
     // The C++ part, constructed in place after allocation and destroyed before the memory goes.
     struct Fields {
-        const FunctionSpec* spec;
+        const FunctionDef* definition;
         Ref globals;
         Ref closure;
         Ref module;
@@ -50,38 +50,39 @@ PyObject* default_object(Default value) {
     }
 }
 
-// The objects of a spec that never change: made once, then shared by every function object.
-void make_spec_objects(const FunctionSpec& spec) {
-    if (spec.names != nullptr) return;
+// The objects of a definition that never change: made once, then shared by every function object.
+void make_shared_objects(const FunctionDef& definition) {
+    if (definition.names != nullptr) return;
     std::vector<Ref> names;
     std::vector<Ref> defaults;
-    for (const Parameter& parameter : spec.parameters) {
+    for (const Parameter& parameter : definition.parameters) {
         names.push_back(Ref::steal(PyUnicode_InternFromString(parameter.name)));
         if (parameter.default_value != Default::required) {
             defaults.push_back(Ref::borrow(default_object(parameter.default_value)));
         }
     }
-    Ref name = Ref::steal(PyUnicode_InternFromString(spec.name));
-    Ref qualname = Ref::steal(PyUnicode_FromString(spec.qualname));
-    Ref doc = spec.doc ? Ref::steal(PyUnicode_FromString(spec.doc)) : Ref::none();
+    Ref name = Ref::steal(PyUnicode_InternFromString(definition.name));
+    Ref qualname = Ref::steal(PyUnicode_FromString(definition.qualname));
+    Ref doc = definition.doc ? Ref::steal(PyUnicode_FromString(definition.doc)) : Ref::none();
     Ref defaults_tuple = defaults.empty() ? Ref::none() : tuple_from(defaults);
     // Kept for the life of the process, like the module's code.
-    spec.names = tuple_from(names).release();
-    spec.name_object = name.release();
-    spec.qualname_object = qualname.release();
-    spec.doc_object = doc.release();
-    spec.defaults = defaults_tuple.release();
+    definition.names = tuple_from(names).release();
+    definition.name_object = name.release();
+    definition.qualname_object = qualname.release();
+    definition.doc_object = doc.release();
+    definition.defaults = defaults_tuple.release();
 }
 
 // ---- argument binding ---------------------------------------------------------------------
 
-[[noreturn]] void raise_count(const FunctionSpec& spec, Py_ssize_t required, Py_ssize_t given) {
-    const auto total = static_cast<Py_ssize_t>(spec.parameters.size());
+[[noreturn]] void raise_count(const FunctionDef& definition, Py_ssize_t required,
+                              Py_ssize_t given) {
+    const auto total = static_cast<Py_ssize_t>(definition.parameters.size());
     const bool exact = required == total;
     const Py_ssize_t expected = given < required ? required : total;
     const char* more_or_less = exact ? "exactly" : given < required ? "at least" : "at most";
-    raise(PyExc_TypeError, "%.200s() takes %.8s %zd positional argument%.1s (%zd given)", spec.name,
-          more_or_less, expected, expected == 1 ? "" : "s", given);
+    raise(PyExc_TypeError, "%.200s() takes %.8s %zd positional argument%.1s (%zd given)",
+          definition.name, more_or_less, expected, expected == 1 ? "" : "s", given);
 }
 
 // The keyword arguments of one call, as parallel arrays of names and values.
@@ -108,18 +109,18 @@ Py_ssize_t parameter_index(PyObject* names, PyObject* key) {
 // the keywords that matched nothing or a parameter given twice.
 void bind(const FunctionObject& function, PyObject* const* positional, Py_ssize_t given,
           const Keywords& keywords, std::array<PyObject*, kMaxParameters>& values) {
-    const FunctionSpec& spec = *function.fields.spec;
+    const FunctionDef& definition = *function.fields.definition;
     PyObject* defaults = function.fields.defaults.get();
-    const auto total = static_cast<Py_ssize_t>(spec.parameters.size());
+    const auto total = static_cast<Py_ssize_t>(definition.parameters.size());
     const Py_ssize_t default_count = PyTuple_Check(defaults) ? PyTuple_GET_SIZE(defaults) : 0;
     const Py_ssize_t required = total > default_count ? total - default_count : 0;
 
-    if (given > total) raise_count(spec, required, given);
+    if (given > total) raise_count(definition, required, given);
     for (Py_ssize_t i = 0; i < given; ++i) values[i] = positional[i];
 
     Py_ssize_t unused_keywords = keywords.count;
     for (Py_ssize_t i = given; i < total; ++i) {
-        PyObject* name = PyTuple_GET_ITEM(spec.names, i);
+        PyObject* name = PyTuple_GET_ITEM(definition.names, i);
         values[i] = nullptr;
         for (Py_ssize_t k = 0; k < keywords.count && values[i] == nullptr; ++k) {
             PyObject* key = keywords.names[k];
@@ -129,7 +130,7 @@ void bind(const FunctionObject& function, PyObject* const* positional, Py_ssize_
             }
         }
         if (values[i] == nullptr) {
-            if (i < required) raise_count(spec, required, i);
+            if (i < required) raise_count(definition, required, i);
             values[i] = PyTuple_GET_ITEM(defaults, i - required);
         }
     }
@@ -138,15 +139,16 @@ void bind(const FunctionObject& function, PyObject* const* positional, Py_ssize_
         for (Py_ssize_t k = 0; k < keywords.count; ++k) {
             PyObject* key = keywords.names[k];
             if (!PyUnicode_Check(key)) {
-                raise(PyExc_TypeError, "%.200s() keywords must be strings", spec.name);
+                raise(PyExc_TypeError, "%.200s() keywords must be strings", definition.name);
             }
-            const Py_ssize_t index = parameter_index(spec.names, key);
+            const Py_ssize_t index = parameter_index(definition.names, key);
             if (index >= given) continue;
             if (index >= 0) {
                 raise(PyExc_TypeError, "%s() got multiple values for keyword argument '%U'",
-                      spec.name, key);
+                      definition.name, key);
             }
-            raise(PyExc_TypeError, "%s() got an unexpected keyword argument '%U'", spec.name, key);
+            raise(PyExc_TypeError, "%s() got an unexpected keyword argument '%U'", definition.name,
+                  key);
         }
     }
 }
@@ -161,7 +163,7 @@ PyObject* run(PyObject* self, PyObject* const* positional, Py_ssize_t given,
         bind(function, positional, given, keywords, values);
         Call call{self, function.fields.globals.get(), function.fields.closure.get(),
                   values.data()};
-        return function.fields.spec->body(call);
+        return function.fields.definition->body(call);
     });
 }
 
@@ -284,7 +286,7 @@ int set_defaults(PyObject* self, PyObject* value, void*) {
         return -1;
     }
     if (PyTuple_GET_SIZE(value) >
-        static_cast<Py_ssize_t>(as_function(self)->fields.spec->parameters.size())) {
+        static_cast<Py_ssize_t>(as_function(self)->fields.definition->parameters.size())) {
         PyErr_SetString(PyExc_ValueError, "__defaults__ has more values than the parameters");
         return -1;
     }
@@ -307,13 +309,13 @@ PyObject* get_annotations(PyObject* self, void*) {
         auto& fields = as_function(self)->fields;
         if (!fields.annotations) {
             Ref annotations = new_dict();
-            for (const Parameter& parameter : fields.spec->parameters) {
+            for (const Parameter& parameter : fields.definition->parameters) {
                 if (parameter.annotation != nullptr) {
                     set_item(annotations, str(parameter.name), str(parameter.annotation));
                 }
             }
-            if (fields.spec->return_annotation != nullptr) {
-                set_item(annotations, str("return"), str(fields.spec->return_annotation));
+            if (fields.definition->return_annotation != nullptr) {
+                set_item(annotations, str("return"), str(fields.definition->return_annotation));
             }
             fields.annotations = annotations;
         }
@@ -337,17 +339,18 @@ PyObject* get_globals(PyObject* self, void*) {
 // A code object with the parameters' names and count, which is what inspect reads.
 PyObject* get_code(PyObject* self, void*) {
     return guard([&] {
-        const FunctionSpec& spec = *as_function(self)->fields.spec;
-        if (spec.code == nullptr) {
+        const FunctionDef& definition = *as_function(self)->fields.definition;
+        if (definition.code == nullptr) {
             Ref empty = Ref::steal(
-                reinterpret_cast<PyObject*>(PyCode_NewEmpty("chunk_layer", spec.name, 0)));
-            Ref count = size(static_cast<Py_ssize_t>(spec.parameters.size()));
-            Ref flags = integer(CO_OPTIMIZED | CO_NEWLOCALS | (spec.generator ? CO_GENERATOR : 0));
-            spec.code = call_method_keywords(empty, kReplace, 0, kCodeFields, count, count,
-                                             Handle(spec.names), flags)
-                            .release();
+                reinterpret_cast<PyObject*>(PyCode_NewEmpty("chunk_layer", definition.name, 0)));
+            Ref count = size(static_cast<Py_ssize_t>(definition.parameters.size()));
+            Ref flags =
+                integer(CO_OPTIMIZED | CO_NEWLOCALS | (definition.generator ? CO_GENERATOR : 0));
+            definition.code = call_method_keywords(empty, kReplace, 0, kCodeFields, count, count,
+                                                   Handle(definition.names), flags)
+                                  .release();
         }
-        return Ref::borrow(spec.code);
+        return Ref::borrow(definition.code);
     });
 }
 
@@ -395,21 +398,22 @@ void ready_function_type() {
     check_status(PyType_Ready(&function_type));
 }
 
-Ref make_function(const FunctionSpec& spec, Handle module_name, Handle globals, Handle closure) {
-    make_spec_objects(spec);
+Ref make_function(const FunctionDef& definition, Handle module_name, Handle globals,
+                  Handle closure) {
+    make_shared_objects(definition);
     FunctionObject* function = PyObject_GC_New(FunctionObject, &function_type);
     check(reinterpret_cast<PyObject*>(function));
     function->vectorcall = function_vectorcall;
     function->weakrefs = nullptr;
     new (&function->fields) FunctionObject::Fields{
-        &spec,
+        &definition,
         Ref::borrow(globals),
         Ref::borrow(closure),
         Ref::borrow(module_name),
-        Ref::borrow(spec.name_object),
-        Ref::borrow(spec.qualname_object),
-        Ref::borrow(spec.doc_object),
-        Ref::borrow(spec.defaults),
+        Ref::borrow(definition.name_object),
+        Ref::borrow(definition.qualname_object),
+        Ref::borrow(definition.doc_object),
+        Ref::borrow(definition.defaults),
         Ref::none(),
         Ref(),
         Ref(),

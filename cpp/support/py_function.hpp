@@ -35,7 +35,7 @@ struct Call {
 using Body = Ref (*)(const Call&);
 
 // The static description of one function: everything but the objects made at run time.
-struct FunctionSpec {
+struct FunctionDef {
     const char* name;
     const char* qualname;
     const char* doc;  // null: the function has no docstring
@@ -56,9 +56,9 @@ struct FunctionSpec {
 // Makes the function type ready; called once when the module executes.
 void ready_function_type();
 
-// A new function object for `spec`, defined in the module named `module_name` whose namespace
+// A new function object for `definition`, defined in the module named `module_name` whose namespace
 // is `globals`; `closure` (may be null) is what an inner function captures.
-Ref make_function(const FunctionSpec& spec, Handle module_name, Handle globals,
+Ref make_function(const FunctionDef& definition, Handle module_name, Handle globals,
                   Handle closure = nullptr);
 
 // The current __name__ and __qualname__ of a function object (for the generators it makes).
