@@ -50,6 +50,37 @@ const py::KeywordNames kLeafIndexKeyword{"leaf_node_index"};
 const py::KeywordNames kWithPropsKeyword{"with_props"};
 const py::KeywordNames kBatchSizeKeywords{"n_features", "available", "dtype"};
 
+// ---- the layer's own attributes ------------------------------------------------------------
+
+BuiltClass built_chunk_layer;
+
+// The seven attributes a layer's constructor sets live in its instance dict, and the module's
+// class defines nothing that could take precedence over them. So for an instance of exactly that
+// class, while the class is unchanged, the dict is read and written directly, skipping the look-up
+// through the type. Anything else (a subclass, a patched class, an attribute not in the dict) goes
+// through the interpreter's attribute protocol.
+PyObject* own_dict(Handle self) noexcept {
+    if (!built_chunk_layer.is_unchanged_class_of(self.get())) return nullptr;
+    PyObject** dict = _PyObject_GetDictPtr(self.get());
+    return dict != nullptr ? *dict : nullptr;
+}
+
+Ref attribute(Handle self, const py::Str& name) {
+    if (PyObject* dict = own_dict(self)) {
+        if (PyObject* value = PyDict_GetItemWithError(dict, name.get())) return Ref::borrow(value);
+        if (PyErr_Occurred()) throw py::Error{};
+    }
+    return py::getattr(self, name);
+}
+
+void set_attribute(Handle self, const py::Str& name, Handle value) {
+    if (PyObject* dict = own_dict(self)) {
+        py::check_status(PyDict_SetItem(dict, name.get(), value.get()));
+        return;
+    }
+    py::setattr(self, name, value);
+}
+
 // ---- buffer ---------------------------------------------------------------------------------
 
 Ref rows_of(Handle dataset) {
@@ -73,9 +104,9 @@ Ref init(const Call& call) {
 
 Ref has_buffer(const Call& call) {
     Handle self = call[0];
-    if (py::getattr(self, name::buffer).is_none()) return Ref::boolean(false);
+    if (attribute(self, name::buffer).is_none()) return Ref::boolean(false);
     // Returned as the comparison gives it: a buffer whose X has no rows counts as none.
-    return py::compare(rows_of(py::getattr(self, name::buffer)), py::integer(0), Py_GT);
+    return py::compare(rows_of(attribute(self, name::buffer)), py::integer(0), Py_GT);
 }
 
 bool buffer_present(Handle self) {
@@ -86,8 +117,8 @@ bool buffer_present(Handle self) {
 Ref buffer_without(const Call& call, Handle removed) {
     Handle self = call[0];
     Ref exclude = py::global(call, global::exclude_removed);
-    Ref buffer_ind = py::getattr(py::getattr(self, name::buffer), name::ind);
-    Ref result = py::call(exclude, removed, buffer_ind, py::getattr(self, name::buffer));
+    Ref buffer_ind = py::getattr(attribute(self, name::buffer), name::ind);
+    Ref result = py::call(exclude, removed, buffer_ind, attribute(self, name::buffer));
     auto [indices, dataset] = py::unpack<2>(result);
     return dataset;
 }
@@ -95,7 +126,7 @@ Ref buffer_without(const Call& call, Handle removed) {
 Ref get_buffer(const Call& call) {
     Handle self = call[0];
     if (!buffer_present(self)) return Ref::none();
-    Ref removed_indices = py::call_method(py::getattr(self, name::data_manager), kGetRemoved);
+    Ref removed_indices = py::call_method(attribute(self, name::data_manager), kGetRemoved);
     return buffer_without(call, removed_indices);
 }
 
@@ -103,10 +134,10 @@ Ref set_buffer(const Call& call) {
     Handle self = call[0];
     Handle buffer = call[1];
     if (buffer.is_none()) {
-        py::setattr(self, name::buffer, Py_None);
+        set_attribute(self, name::buffer, Py_None);
     } else {
         Ref dataset_type = py::global(call, global::Dataset);
-        py::setattr(self, name::buffer, py::call_tuple(dataset_type, py::as_tuple(buffer)));
+        set_attribute(self, name::buffer, py::call_tuple(dataset_type, py::as_tuple(buffer)));
     }
     return Ref::none();
 }
@@ -117,7 +148,7 @@ Ref add_to_buffer(const Call& call) {
     if (buffer_present(self)) {
         // Field by field, stopping at the shorter record; an incoming None keeps the buffered
         // field, anything else is appended after the buffered rows.
-        Ref buffered_fields = py::iter(py::getattr(self, name::buffer));
+        Ref buffered_fields = py::iter(attribute(self, name::buffer));
         Ref incoming_fields = py::iter(dataset);
         Ref concatenate;
         Ref joined = py::new_list();
@@ -135,14 +166,14 @@ Ref add_to_buffer(const Call& call) {
             }
             py::append(joined, py::call(concatenate, py::tuple(buffered, incoming)));
         }
-        py::setattr(self, name::buffer, py::as_tuple(joined));
+        set_attribute(self, name::buffer, py::as_tuple(joined));
     } else {
-        py::setattr(self, name::buffer, py::as_tuple(dataset));
+        set_attribute(self, name::buffer, py::as_tuple(dataset));
     }
     Ref dataset_type = py::global(call, global::Dataset);
-    py::setattr(self, name::buffer,
-                py::call_tuple(dataset_type, py::as_tuple(py::getattr(self, name::buffer))));
-    py::call_method(py::getattr(self, name::parent), kUpdateBuildParams);
+    set_attribute(self, name::buffer,
+                  py::call_tuple(dataset_type, py::as_tuple(attribute(self, name::buffer))));
+    py::call_method(attribute(self, name::parent), kUpdateBuildParams);
     return Ref::none();
 }
 
@@ -159,25 +190,25 @@ Ref get_buffer_size(const Call& call) {
     Handle self = call[0];
     if (!buffer_present(self)) return py::integer(0);
     // Every buffered row counts, including rows the data manager reports as removed.
-    return rows_of(py::getattr(self, name::buffer));
+    return rows_of(attribute(self, name::buffer));
 }
 
 Ref update_buffer(const Call& call) {
     Handle self = call[0];
     if (!buffer_present(self)) return Ref::none();
     Ref align = py::global(call, global::align_arrays_by_key);
-    Ref keys = py::tuple(py::getattr(py::getattr(self, name::buffer), name::ind));
+    Ref keys = py::tuple(py::getattr(attribute(self, name::buffer), name::ind));
     Ref aligned = py::call(align, keys, py::tuple(call[1], call[2], call[3]));
     auto [unused_keys, arrays] = py::unpack<2>(aligned);
     auto [indices, X, y] = py::unpack<3>(arrays);
     Ref in1d = py::getattr(py::global(call, global::np), name::in1d);
-    Ref mask = py::call(in1d, py::getattr(py::getattr(self, name::buffer), name::ind), indices);
+    Ref mask = py::call(in1d, py::getattr(attribute(self, name::buffer), name::ind), indices);
     // In place, through the mask: y first, then X.
     if (!y.is_none()) {
-        py::set_item(py::getattr(py::getattr(self, name::buffer), name::y), mask, y);
+        py::set_item(py::getattr(attribute(self, name::buffer), name::y), mask, y);
     }
     if (!X.is_none()) {
-        py::set_item(py::getattr(py::getattr(self, name::buffer), name::X), mask, X);
+        py::set_item(py::getattr(attribute(self, name::buffer), name::X), mask, X);
     }
     return Ref::none();
 }
@@ -188,8 +219,8 @@ Ref update_buffer(const Call& call) {
 Ref build_node(const Call& call, Handle dset, Handle node_id) {
     Handle self = call[0];
     Ref node_type = py::global(call, global::ChunkNode);
-    Ref params = py::getattr(self, name::chunk_corset_params);
-    Ref data_manager = py::getattr(self, name::data_manager);
+    Ref params = attribute(self, name::chunk_corset_params);
+    Ref data_manager = attribute(self, name::data_manager);
     Ref node = py::call_keywords(node_type, 0, kNodeKeywords, dset, params, node_id, data_manager);
     return py::call_method(node, name::build);
 }
@@ -208,7 +239,7 @@ Ref create_node(const Call& call) {
     Ref started = now(call);
     Ref chunk_node = build_node(call, call[1], call[2]);
     Ref chunk_build_time = py::subtract(now(call), started);
-    Ref verbose = py::getattr(py::getattr(self, name::data_manager), kVerbose);
+    Ref verbose = py::getattr(attribute(self, name::data_manager), kVerbose);
     if (py::compare_truth(verbose, py::integer(0), Py_GT) && !leaf_node_index.is_none()) {
         py::call_method(self, name::_print_progress, chunk_build_time, leaf_node_index);
     }
@@ -217,8 +248,8 @@ Ref create_node(const Call& call) {
 
 // n_instances // build_params["chunk_size"], read afresh each time.
 Ref expected_chunks(Handle self) {
-    Ref n_instances = py::getattr(py::getattr(self, name::data_manager), kNInstances);
-    Ref chunk_size = py::item(py::getattr(self, name::build_params), name::chunk_size);
+    Ref n_instances = py::getattr(attribute(self, name::data_manager), kNInstances);
+    Ref chunk_size = py::item(attribute(self, name::build_params), name::chunk_size);
     return py::floor_divide(n_instances, chunk_size);
 }
 
@@ -230,9 +261,9 @@ Ref print_progress(const Call& call) {
     Ref zero = py::integer(0);
 
     Ref chunks = Ref::borrow(kEmpty);
-    if (!py::getattr(py::getattr(self, name::data_manager), kNInstances).is_none() &&
+    if (!py::getattr(attribute(self, name::data_manager), kNInstances).is_none() &&
         py::compare_truth(
-            py::call_method(py::getattr(self, name::build_params), kGet, name::chunk_size, zero),
+            py::call_method(attribute(self, name::build_params), kGet, name::chunk_size, zero),
             zero, Py_GT)) {
         // The trailing partial chunk lies beyond the expected count and shows no total.
         Ref number = py::add(leaf_node_index, one);
@@ -262,7 +293,7 @@ Ref create_buffer_node(const Call& call) {
     Handle callback = call[1];
     if (!buffer_present(self)) return Ref::none();
     Ref dataset_type = py::global(call, global::Dataset);
-    Ref dset = py::call_tuple(dataset_type, py::as_tuple(py::getattr(self, name::buffer)));
+    Ref dset = py::call_tuple(dataset_type, py::as_tuple(attribute(self, name::buffer)));
     Ref node =
         py::call_method(self, name::_create_node, dset, py::global(call, global::BUFFER_NODE_ID));
     // The buffer node's callback never gets a leaf index.
@@ -358,7 +389,7 @@ Ref slice_buffer(const Call& call, Handle buffer, bool head) {
             py::append(fields, field);
             continue;
         }
-        Ref bound = py::getattr(self, name::chunk_size);
+        Ref bound = attribute(self, name::chunk_size);
         Ref range = Ref::steal(head ? PySlice_New(nullptr, bound.get(), nullptr)
                                     : PySlice_New(bound.get(), nullptr, nullptr));
         py::append(fields, py::item(field, range));
@@ -368,19 +399,19 @@ Ref slice_buffer(const Call& call, Handle buffer, bool head) {
 
 // self.buffer[1].shape[0] >= self.chunk_size, the left side read first.
 bool holds_a_chunk(Handle self) {
-    Ref rows = rows_of(py::getattr(self, name::buffer));
-    return py::compare_truth(rows, py::getattr(self, name::chunk_size), Py_GE);
+    Ref rows = rows_of(attribute(self, name::buffer));
+    return py::compare_truth(rows, attribute(self, name::chunk_size), Py_GE);
 }
 
 bool parallel_mode(Handle self) {
-    if (py::getattr(py::getattr(self, name::data_manager), kNJobs).is_none()) return false;
-    Ref n_jobs = py::getattr(py::getattr(self, name::data_manager), kNJobs);
+    if (py::getattr(attribute(self, name::data_manager), kNJobs).is_none()) return false;
+    Ref n_jobs = py::getattr(attribute(self, name::data_manager), kNJobs);
     return py::compare_truth(n_jobs, py::integer(1), Py_GT);
 }
 
 void increment_chunk_index(Handle self) {
-    Ref next_index = py::in_place_add(py::getattr(self, name::chunk_index), py::integer(1));
-    py::setattr(self, name::chunk_index, next_index);
+    Ref next_index = py::in_place_add(attribute(self, name::chunk_index), py::integer(1));
+    set_attribute(self, name::chunk_index, next_index);
 }
 
 py::Coroutine get_from_buffer_body(const Call& call) {
@@ -388,24 +419,23 @@ py::Coroutine get_from_buffer_body(const Call& call) {
     Handle callback = call[1];
 
     Ref utils = py::global(call, global::utils);
-    if (!py::truth(
-            py::call_method(utils, kIsSimpleChunkSize, py::getattr(self, name::chunk_size))) &&
-        !py::compare_truth(py::getattr(self, name::chunk_size), py::integer(0), Py_EQ)) {
+    if (!py::truth(py::call_method(utils, kIsSimpleChunkSize, attribute(self, name::chunk_size))) &&
+        !py::compare_truth(attribute(self, name::chunk_size), py::integer(0), Py_EQ)) {
         co_return;  // not a row count: everything waits for the buffer node
     }
     const Ref ignore_chunk_size =
-        py::compare(py::getattr(self, name::chunk_size), py::integer(0), Py_EQ);
+        py::compare(attribute(self, name::chunk_size), py::integer(0), Py_EQ);
     const Ref dtype = chunk_dtype(self);
 
     while (buffer_present(self) && (py::truth(ignore_chunk_size) || holds_a_chunk(self))) {
         Ref buffer;
         if (py::truth(ignore_chunk_size)) {
-            buffer = py::getattr(self, name::buffer);
-            py::setattr(self, name::buffer, Py_None);
+            buffer = attribute(self, name::buffer);
+            set_attribute(self, name::buffer, Py_None);
         } else {
-            buffer = slice_buffer(call, py::getattr(self, name::buffer), true);
-            py::setattr(self, name::buffer,
-                        slice_buffer(call, py::getattr(self, name::buffer), false));
+            buffer = slice_buffer(call, attribute(self, name::buffer), true);
+            set_attribute(self, name::buffer,
+                          slice_buffer(call, attribute(self, name::buffer), false));
         }
 
         if (parallel_mode(self)) {
@@ -415,17 +445,17 @@ py::Coroutine get_from_buffer_body(const Call& call) {
                 py::make_function(kCheckMemoryAvailable, module_name, call.globals, captured);
             Ref pool = py::call(py::global(call, global::ThreadPoolManager));
             py::call_method(pool, kAddToQueue, create, check, py::integer(0), buffer,
-                            py::getattr(self, name::chunk_index));
+                            attribute(self, name::chunk_index));
             increment_chunk_index(self);
             co_yield Ref::none();
         } else {
             Ref create = py::getattr(self, name::_create_node);
             Ref node = py::call_keywords(create, 1, kLeafIndexKeyword, buffer,
-                                         py::getattr(self, name::chunk_index));
+                                         attribute(self, name::chunk_index));
             // Sequential mode hands the callback no leaf index.
             if (!callback.is_none()) py::call(callback, node, Py_None);
             increment_chunk_index(self);
-            py::truth(py::getattr(self, name::build_params));
+            py::truth(attribute(self, name::build_params));
             co_yield std::move(node);
         }
     }
@@ -488,12 +518,12 @@ py::Coroutine process_body(const Call& call) {
         py::set_item(build_params, kNumberOfFeatures, number_of_features);
         py::set_item(build_params, kNumberOfFeaturesOrig, number_of_features_orig);
         py::set_item(build_params, kNumberOfSamples, number_of_samples);
-        py::set_item(build_params, name::chunk_size, py::getattr(self, name::chunk_size));
+        py::set_item(build_params, name::chunk_size, attribute(self, name::chunk_size));
         py::set_item(build_params, kTargetsUniqueCount, py::size(py::length(targets_unique)));
         py::set_item(build_params, kSizeBytes, size_bytes);
         Ref megabytes = py::true_divide(size_bytes, py::integer(1048576));
         py::set_item(build_params, kSizeMB, Ref::steal(PyObject_Str(megabytes.get())));
-        py::setattr(self, name::build_params, build_params);
+        set_attribute(self, name::build_params, build_params);
 
         // A plain loop over a new drain: values sent or thrown into process stay here.
         Ref drain = py::iter(py::call_method(self, name::_get_from_buffer, callback));
@@ -521,7 +551,7 @@ py::Coroutine rebuild_body(const Call& call) {
         } else {
             Ref ids = py::new_list();
             py::append(ids, chunk_id);
-            dset = py::call_method(py::getattr(self, name::data_manager), kGetByNodes, ids);
+            dset = py::call_method(attribute(self, name::data_manager), kGetByNodes, ids);
         }
         co_yield py::call_method(self, name::_rebuild_node, dset, chunk_id);
     }
@@ -536,7 +566,7 @@ Ref rebuild(const Call& call) {
 // lambda node_id: self.data_manager.get_by_nodes([node_id], with_props=True)
 Ref fetch_with_props(const Call& call) {
     Handle self = call.closure;
-    Ref get_by_nodes = py::getattr(py::getattr(self, name::data_manager), kGetByNodes);
+    Ref get_by_nodes = py::getattr(attribute(self, name::data_manager), kGetByNodes);
     Ref ids = py::new_list();
     py::append(ids, call[0]);
     return py::call_keywords(get_by_nodes, 1, kWithPropsKeyword, ids, Py_True);
@@ -557,7 +587,7 @@ Ref filter_out_samples(const Call& call) {
     Ref datasets = py::call(py::global(call, global::map), fetch, call[2]);
     if (py::truth(call[3]) && buffer_present(self)) {
         Ref last = py::new_list();
-        py::append(last, py::getattr(self, name::buffer));
+        py::append(last, attribute(self, name::buffer));
         datasets = py::call_method(py::global(call, global::itertools), kChain, datasets, last);
     }
     Ref dataset_iterator = py::iter(datasets);
@@ -693,6 +723,6 @@ const py::FunctionDef* const kMethods[] = {
 
 }  // namespace
 
-const ClassDef chunk_layer_class{"ChunkLayer", docs::kChunkLayer, kMethods};
+const ClassDef chunk_layer_class{"ChunkLayer", docs::kChunkLayer, kMethods, &built_chunk_layer};
 
 }  // namespace chunk_layer

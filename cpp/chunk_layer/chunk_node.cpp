@@ -280,6 +280,7 @@ const py::FunctionDef exclude_removed{
     "exclude_removed",         "exclude_removed", docs::kExcludeRemoved,
     kExcludeRemovedParameters, nullptr,           exclude_removed_body};
 
-const ClassDef chunk_node_class{"ChunkNode", docs::kChunkNode, kMethods};
+BuiltClass built_chunk_node;
+const ClassDef chunk_node_class{"ChunkNode", docs::kChunkNode, kMethods, &built_chunk_node};
 
 }  // namespace chunk_layer
