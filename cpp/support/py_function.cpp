@@ -1,8 +1,6 @@
 // The function type behind every callable of the module (see py_function.hpp).
 #include "support/py_function.hpp"
 
-#include <structmember.h>
-
 #include <array>
 #include <new>
 #include <vector>
@@ -17,7 +15,8 @@ const KeywordNames kCodeFields{"co_argcount", "co_nlocals", "co_varnames", "co_f
 const Str kReplace{"replace"};
 
 struct FunctionObject {
-    PyObject_HEAD vectorcallfunc vectorcall;
+    PyObject ob_base;
+    vectorcallfunc vectorcall;
     PyObject* weakrefs;
     // The C++ part, constructed in place after allocation and destroyed before the memory goes.
     struct Fields {
@@ -103,10 +102,10 @@ Py_ssize_t parameter_index(PyObject* names, PyObject* key) {
     return -1;
 }
 
-// Binds positional and keyword arguments to the parameters, in the order the interpreter family
-// this module follows checks them: too many positionals, then each parameter not given by
-// position (a missing required one is reported with the number of arguments before it), then
-// the keywords that matched nothing or a parameter given twice.
+// Binds positional and keyword arguments to the parameters. Errors are checked in this order: too
+// many positionals; then each parameter not given by position, in order (a missing required one
+// is reported with the number of arguments before it); then the keywords that matched nothing,
+// name a parameter given by position, or are not strings.
 void bind(const FunctionObject& function, PyObject* const* positional, Py_ssize_t given,
           const Keywords& keywords, std::array<PyObject*, kMaxParameters>& values) {
     const FunctionDef& definition = *function.fields.definition;

@@ -29,7 +29,8 @@ const Str kGenerator{"Generator"};
 const Str kRegister{"register"};
 
 struct GeneratorObject {
-    PyObject_HEAD PyObject* weakrefs;
+    PyObject ob_base;
+    PyObject* weakrefs;
     // The C++ part, constructed in place after allocation and destroyed before the memory goes.
     struct Fields {
         Coroutine::Handle body;  // null once the generator has finished

@@ -317,9 +317,8 @@ inline Ref next(Handle iterator) {
     return Ref::steal_or_null(item);
 }
 
-// Unpacks exactly N values from an iterable into an array, with the messages of the interpreter
-// family this module follows: "too many values to unpack (expected N)" and
-// "need more than K value(s) to unpack".
+// Unpacks exactly N values from an iterable into an array. Its errors are "too many values to
+// unpack (expected N)" and "need more than K value(s) to unpack".
 template <std::size_t N>
 std::array<Ref, N> unpack(Handle iterable) {
     std::array<Ref, N> values;
