@@ -92,6 +92,30 @@ def patch_node_class(monkeypatch) -> type:
     return Node
 
 
+# The keys of a layer's `build_params`, in the order `process` inserts them.
+BUILD_PARAM_KEYS = [
+    "number_of_features",
+    "number_of_features_orig",
+    "number_of_samples",
+    "chunk_size",
+    "targets_unique_count",
+    "size_bytes",
+    "size_MB",
+]
+
+
+class CreateNodeRecordingLayer(chunk_layer.ChunkLayer):
+    """Records every `_create_node` call before delegating to the module's own."""
+
+    def __init__(self, *args: Any, **kwargs: Any) -> None:
+        super().__init__(*args, **kwargs)
+        self.create_calls: List[Tuple[tuple, dict]] = []
+
+    def _create_node(self, *args: Any, **kwargs: Any) -> Any:
+        self.create_calls.append((args, kwargs))
+        return super()._create_node(*args, **kwargs)
+
+
 def rows_of(dataset: Optional[Dataset]) -> List[int]:
     """The sample indices held by a dataset (empty for None)."""
     return [] if dataset is None else [int(i) for i in dataset.ind]

@@ -10,8 +10,14 @@ from typing import Any, Iterator, List, Tuple
 import numpy as np
 import pytest
 
-from chunk_support import RecordingDataManager, RecordingParent, make_dataset, patch_node_class, rows_of
-from quillmarsh.common import ThreadPoolManager
+from chunk_support import (
+    CreateNodeRecordingLayer,
+    RecordingDataManager,
+    RecordingParent,
+    make_dataset,
+    patch_node_class,
+    rows_of,
+)
 from quillmarsh.core.tree import chunk_layer
 from quillmarsh.data.common import Dataset
 
@@ -35,18 +41,6 @@ class CallRecorder:
 class FalsyCallable(CallRecorder):
     def __bool__(self) -> bool:
         return False
-
-
-class RecordingLayer(chunk_layer.ChunkLayer):
-    """Records every `_create_node` call before delegating to the real one."""
-
-    def __init__(self, *args: Any, **kwargs: Any) -> None:
-        super().__init__(*args, **kwargs)
-        self.create_calls: List[Tuple[tuple, dict]] = []
-
-    def _create_node(self, *args: Any, **kwargs: Any) -> Any:
-        self.create_calls.append((args, kwargs))
-        return super()._create_node(*args, **kwargs)
 
 
 class RecordingPool:
@@ -79,8 +73,15 @@ def batch(monkeypatch) -> CallRecorder:
     return recorder
 
 
-def make_layer(rows: int = 0, chunk_size: Any = 100, chunk_index: Any = None, n_jobs: Any = None,
-               params: Any = None, cls: type = RecordingLayer, **fields: Any) -> chunk_layer.ChunkLayer:
+def make_layer(
+    rows: int = 0,
+    chunk_size: Any = 100,
+    chunk_index: Any = None,
+    n_jobs: Any = None,
+    params: Any = None,
+    cls: type = CreateNodeRecordingLayer,
+    **fields: Any,
+) -> chunk_layer.ChunkLayer:
     dm = RecordingDataManager(n_jobs=n_jobs)
     layer = cls(dm, params, chunk_size, RecordingParent(), chunk_index)
     if rows:
@@ -609,14 +610,6 @@ def test_memory_check_holds_back_only_when_too_big_and_busy(monkeypatch, pool, b
 # ----------------------------------------------------------------------------------------------------
 
 
-@pytest.fixture
-def real_pool() -> Iterator[ThreadPoolManager]:
-    assert chunk_layer.ThreadPoolManager is ThreadPoolManager
-    shared = ThreadPoolManager()
-    shared.wait_until_idle(timeout=10)
-    yield shared
-    shared.wait_until_idle(timeout=10)
-
 
 def test_parallel_mode_with_the_shared_pool(monkeypatch, real_pool) -> None:
     node_cls = patch_node_class(monkeypatch)
@@ -673,7 +666,7 @@ class CountingJobs(RecordingDataManager):
 def test_job_count_is_read_once_or_twice_per_chunk(monkeypatch, pool, jobs, reads_per_chunk) -> None:
     patch_node_class(monkeypatch)
     dm = CountingJobs(jobs)
-    layer = RecordingLayer(dm, None, 100, RecordingParent())
+    layer = CreateNodeRecordingLayer(dm, None, 100, RecordingParent())
     layer.set_buffer(list(make_dataset(300)))
 
     assert len(list(layer._get_from_buffer())) == 3
@@ -686,7 +679,7 @@ def test_missing_job_count_fails_after_the_cut(monkeypatch) -> None:
     class NoJobs:
         verbose = 0
 
-    layer = RecordingLayer(NoJobs(), None, 100, RecordingParent(), 4)
+    layer = CreateNodeRecordingLayer(NoJobs(), None, 100, RecordingParent(), 4)
     layer.set_buffer(list(make_dataset(150)))
 
     with pytest.raises(AttributeError):

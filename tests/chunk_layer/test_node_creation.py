@@ -8,7 +8,14 @@ from typing import Any, Iterable, List, Tuple
 import numpy as np
 import pytest
 
-from chunk_support import RecordingDataManager, RecordingParent, make_dataset, patch_node_class, rows_of
+from chunk_support import (
+    CreateNodeRecordingLayer,
+    RecordingDataManager,
+    RecordingParent,
+    make_dataset,
+    patch_node_class,
+    rows_of,
+)
 from quillmarsh.core.tree import chunk_layer
 from quillmarsh.data.common import Dataset
 
@@ -472,23 +479,11 @@ def test_print_progress_colours_the_build_time_yellow(clock, printed) -> None:
 # ----------------------------------------------------------------------------------------------------
 
 
-class CreateRecordingLayer(chunk_layer.ChunkLayer):
-    """Records every `_create_node` call before delegating to the real one."""
-
-    def __init__(self, *args: Any, **kwargs: Any) -> None:
-        super().__init__(*args, **kwargs)
-        self.create_calls: List[Tuple[tuple, dict]] = []
-
-    def _create_node(self, *args: Any, **kwargs: Any) -> Any:
-        self.create_calls.append((args, kwargs))
-        return super()._create_node(*args, **kwargs)
-
-
 @pytest.mark.parametrize("empty_rows", [False, True])
 def test_create_buffer_node_without_buffer_returns_none_and_calls_nothing(monkeypatch, empty_rows) -> None:
     node_cls = patch_node_class(monkeypatch)
     dm = RecordingDataManager()
-    layer = CreateRecordingLayer(dm, None, 100, RecordingParent())
+    layer = CreateNodeRecordingLayer(dm, None, 100, RecordingParent())
     if empty_rows:
         layer.buffer = Dataset(np.arange(0), np.zeros((0, 3)))
     before = layer.buffer
@@ -505,7 +500,7 @@ def test_create_buffer_node_without_buffer_returns_none_and_calls_nothing(monkey
 
 def test_create_buffer_node_builds_from_a_fresh_record_over_the_same_fields(monkeypatch) -> None:
     node_cls = patch_node_class(monkeypatch)
-    layer = CreateRecordingLayer(RecordingDataManager(), None, 100, RecordingParent())
+    layer = CreateNodeRecordingLayer(RecordingDataManager(), None, 100, RecordingParent())
     layer.set_buffer(list(make_dataset(5, start=20, props=True, orig=True)))
     buffer = layer.buffer
 
@@ -522,7 +517,7 @@ def test_create_buffer_node_builds_from_a_fresh_record_over_the_same_fields(monk
 
 def test_create_buffer_node_passes_the_buffer_id_positionally(monkeypatch) -> None:
     patch_node_class(monkeypatch)
-    layer = CreateRecordingLayer(RecordingDataManager(), None, 100, RecordingParent())
+    layer = CreateNodeRecordingLayer(RecordingDataManager(), None, 100, RecordingParent())
     layer.set_buffer(list(make_dataset(3)))
 
     node = layer.create_buffer_node()

@@ -10,21 +10,17 @@ import numpy as np
 import pandas as pd
 import pytest
 
-from chunk_support import RecordingDataManager, RecordingParent, make_dataset, patch_node_class, rows_of
-from quillmarsh.common import ThreadPoolManager
+from chunk_support import (
+    BUILD_PARAM_KEYS,
+    RecordingDataManager,
+    RecordingParent,
+    make_dataset,
+    patch_node_class,
+    rows_of,
+)
 from quillmarsh.core.numpy_extra import filter_missing_and_inf
 from quillmarsh.core.tree import chunk_layer
 from quillmarsh.data.common import Dataset
-
-KEYS = [
-    "number_of_features",
-    "number_of_features_orig",
-    "number_of_samples",
-    "chunk_size",
-    "targets_unique_count",
-    "size_bytes",
-    "size_MB",
-]
 
 # ----------------------------------------------------------------------------------------------------
 # Helpers local to this file
@@ -167,7 +163,7 @@ def test_build_params_has_the_seven_keys_in_order() -> None:
 
     params = layer.build_params
     assert type(params) is dict
-    assert list(params) == KEYS
+    assert list(params) == BUILD_PARAM_KEYS
     assert params == {
         "number_of_features": 3,
         "number_of_features_orig": 0,
@@ -626,14 +622,6 @@ def test_a_field_without_a_size_fails_with_attribute_error() -> None:
 # Parallel mode with the library's shared pool
 # ----------------------------------------------------------------------------------------------------
 
-
-@pytest.fixture
-def real_pool() -> Iterator[ThreadPoolManager]:
-    assert chunk_layer.ThreadPoolManager is ThreadPoolManager
-    shared = ThreadPoolManager()
-    shared.wait_until_idle(timeout=10)
-    yield shared
-    shared.wait_until_idle(timeout=10)
 
 
 def test_parallel_processing_with_the_shared_pool(monkeypatch, real_pool) -> None:

@@ -14,7 +14,7 @@ import pytest
 from hypothesis import HealthCheck, given, settings
 from hypothesis import strategies as st
 
-from chunk_support import RecordingDataManager, RecordingParent, patch_node_class
+from chunk_support import BUILD_PARAM_KEYS, RecordingDataManager, RecordingParent, patch_node_class
 from quillmarsh.core.tree import chunk_layer
 from quillmarsh.data.common import Dataset
 
@@ -223,15 +223,7 @@ class Stream:
                 "size_bytes": total,
                 "size_MB": str(total / 1048576),
             }
-            assert list(layer.build_params) == [
-                "number_of_features",
-                "number_of_features_orig",
-                "number_of_samples",
-                "chunk_size",
-                "targets_unique_count",
-                "size_bytes",
-                "size_MB",
-            ]
+            assert list(layer.build_params) == BUILD_PARAM_KEYS
 
     def check_ledger(self) -> None:
         """Every row fed is in exactly one chunk, or in the buffer, or was dropped on purpose; in order."""

@@ -16,21 +16,12 @@ from hypothesis import HealthCheck, settings
 from hypothesis import strategies as st
 from hypothesis.stateful import RuleBasedStateMachine, initialize, invariant, precondition, rule
 
-from chunk_support import RecordingDataManager, RecordingParent, patch_node_class
+from chunk_support import BUILD_PARAM_KEYS, RecordingDataManager, RecordingParent, patch_node_class
 from quillmarsh.core.tree import chunk_layer
 from quillmarsh.data.common import Dataset
 
 FEATURES = 2
 END = object()
-BUILD_PARAM_KEYS = [
-    "number_of_features",
-    "number_of_features_orig",
-    "number_of_samples",
-    "chunk_size",
-    "targets_unique_count",
-    "size_bytes",
-    "size_MB",
-]
 
 
 class Row(NamedTuple):
