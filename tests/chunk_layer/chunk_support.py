@@ -26,6 +26,22 @@ def make_dataset(rows: int, start: int = 0, features: int = 3, *, y: bool = True
     )
 
 
+class CallRecorder:
+    """A callable that records its positional and keyword arguments, then raises `error` if one is
+    given, else returns `result`."""
+
+    def __init__(self, result: Any = None, error: Optional[BaseException] = None) -> None:
+        self.calls: List[Tuple[tuple, dict]] = []
+        self.result = result
+        self.error = error
+
+    def __call__(self, *args: Any, **kwargs: Any) -> Any:
+        self.calls.append((args, kwargs))
+        if self.error is not None:
+            raise self.error
+        return self.result
+
+
 class RecordingParent:
     """Stands in for the tree: counts `update_build_params()` calls."""
 

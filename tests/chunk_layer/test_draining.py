@@ -11,6 +11,7 @@ import numpy as np
 import pytest
 
 from chunk_support import (
+    CallRecorder,
     CreateNodeRecordingLayer,
     RecordingDataManager,
     RecordingParent,
@@ -24,18 +25,6 @@ from quillmarsh.data.common import Dataset
 # ----------------------------------------------------------------------------------------------------
 # Helpers local to this file
 # ----------------------------------------------------------------------------------------------------
-
-
-class CallRecorder:
-    """A callable that records its positional and keyword arguments."""
-
-    def __init__(self, result: Any = None) -> None:
-        self.calls: List[Tuple[tuple, dict]] = []
-        self.result = result
-
-    def __call__(self, *args: Any, **kwargs: Any) -> Any:
-        self.calls.append((args, kwargs))
-        return self.result
 
 
 class FalsyCallable(CallRecorder):

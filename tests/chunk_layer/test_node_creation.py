@@ -9,6 +9,7 @@ import numpy as np
 import pytest
 
 from chunk_support import (
+    CallRecorder,
     CreateNodeRecordingLayer,
     RecordingDataManager,
     RecordingParent,
@@ -58,21 +59,6 @@ class PrintRecorder:
 
     def __call__(self, *args: Any, **kwargs: Any) -> None:
         self.calls.append((args, kwargs))
-
-
-class CallRecorder:
-    """A callable that records its positional and keyword arguments."""
-
-    def __init__(self, result: Any = None, error: BaseException = None) -> None:
-        self.calls: List[Tuple[tuple, dict]] = []
-        self.result = result
-        self.error = error
-
-    def __call__(self, *args: Any, **kwargs: Any) -> Any:
-        self.calls.append((args, kwargs))
-        if self.error is not None:
-            raise self.error
-        return self.result
 
 
 class FalsyCallable(CallRecorder):

@@ -12,6 +12,7 @@ import pytest
 
 from chunk_support import (
     BUILD_PARAM_KEYS,
+    CallRecorder,
     RecordingDataManager,
     RecordingParent,
     make_dataset,
@@ -25,16 +26,6 @@ from quillmarsh.data.common import Dataset
 # ----------------------------------------------------------------------------------------------------
 # Helpers local to this file
 # ----------------------------------------------------------------------------------------------------
-
-
-class CallRecorder:
-    def __init__(self, result: Any = None) -> None:
-        self.calls: List[Tuple[tuple, dict]] = []
-        self.result = result
-
-    def __call__(self, *args: Any, **kwargs: Any) -> Any:
-        self.calls.append((args, kwargs))
-        return self.result
 
 
 class RecordingLayer(chunk_layer.ChunkLayer):
