@@ -1,6 +1,9 @@
 // The chunk layer: its buffer of samples that do not fill a chunk yet, the cutting of incoming
 // datasets into chunk nodes (in order, or on the shared task pool), the buffer node, and the
 // work on chunks already built (rebuild by id, filtering with a caller's predicate).
+#include <array>
+#include <cstdint>
+
 #include "chunk_layer/callables.hpp"
 #include "chunk_layer/docstrings.hpp"
 #include "chunk_layer/names.hpp"
@@ -45,6 +48,9 @@ const py::Str kNumberOfSamples{"number_of_samples"};
 const py::Str kTargetsUniqueCount{"targets_unique_count"};
 const py::Str kSizeBytes{"size_bytes"};
 const py::Str kSizeMB{"size_MB"};
+const py::Int kZero{0};
+const py::Int kOne{1};
+const py::Int kBytesPerMegabyte{1048576};
 const py::KeywordNames kNodeKeywords{"dset", "params", "node_id", "data_manager"};
 const py::KeywordNames kLeafIndexKeyword{"leaf_node_index"};
 const py::KeywordNames kWithPropsKeyword{"with_props"};
@@ -52,34 +58,180 @@ const py::KeywordNames kBatchSizeKeywords{"n_features", "available", "dtype"};
 
 // ---- the layer's own attributes ------------------------------------------------------------
 
-BuiltClass built_chunk_layer;
+// A name in a layer's instance dict: one of the seven attributes its constructor sets, or a method
+// the layer calls on itself (which an instance attribute of the same name would hide). It
+// remembers its last look-up together with the dict's version tag. A dict takes a new tag with
+// every change and no tag is ever given twice, so while dict and tag match, looking again would
+// find the same value, or again nothing.
+class InstanceName {
+  public:
+    explicit InstanceName(const py::Str& name) noexcept : name_(name) {}
 
-// The seven attributes a layer's constructor sets live in its instance dict, and the module's
-// class defines nothing that could take precedence over them. So for an instance of exactly that
-// class, while the class is unchanged, the dict is read and written directly, skipping the look-up
-// through the type. Anything else (a subclass, a patched class, an attribute not in the dict) goes
-// through the interpreter's attribute protocol.
-PyObject* own_dict(Handle self) noexcept {
-    if (!built_chunk_layer.is_unchanged_class_of(self.get())) return nullptr;
-    PyObject** dict = _PyObject_GetDictPtr(self.get());
-    return dict != nullptr ? *dict : nullptr;
-}
+    const py::Str& name() const noexcept { return name_; }
 
-Ref attribute(Handle self, const py::Str& name) {
-    if (PyObject* dict = own_dict(self)) {
-        if (PyObject* value = PyDict_GetItemWithError(dict, name.get())) return Ref::borrow(value);
-        if (PyErr_Occurred()) throw py::Error{};
+    // The value under this name in `dict` (borrowed, the dict keeps it), or null when absent.
+    PyObject* find_in(PyObject* dict) {
+        const std::uint64_t version = reinterpret_cast<PyDictObject*>(dict)->ma_version_tag;
+        if (dict != dict_ || version != version_) {
+            PyObject* value = PyDict_GetItemWithError(dict, name_.get());
+            if (value == nullptr && PyErr_Occurred()) throw py::Error{};
+            // The tag from before the look-up: should the look-up itself change the dict (a key
+            // with a Python __eq__), the next read looks again.
+            dict_ = dict;
+            version_ = version;
+            value_ = value;
+        }
+        return value_;
     }
-    return py::getattr(self, name);
+
+  private:
+    const py::Str& name_;
+    PyObject* dict_ = nullptr;  // only compared, never followed: it may have been freed since
+    std::uint64_t version_ = 0;
+    PyObject* value_ = nullptr;
+};
+
+namespace own {
+InstanceName build_params{name::build_params};
+InstanceName chunk_corset_params{name::chunk_corset_params};
+InstanceName buffer{name::buffer};
+InstanceName chunk_size{name::chunk_size};
+InstanceName data_manager{name::data_manager};
+InstanceName parent{name::parent};
+InstanceName chunk_index{name::chunk_index};
+InstanceName* const attributes[] = {&build_params, &chunk_corset_params, &buffer,
+                                    &chunk_size,   &data_manager,        &parent,
+                                    &chunk_index};
+InstanceName has_buffer{name::has_buffer};
+InstanceName _add_to_buffer{name::_add_to_buffer};
+InstanceName _create_node{name::_create_node};
+InstanceName _get_from_buffer{name::_get_from_buffer};
+}  // namespace own
+
+// Whether a layer's class lets the interpreter find these attributes in the instance dict: it
+// keeps the generic attribute access (no __getattribute__, __getattr__ or __setattr__ of its
+// own) and holds no data descriptor, such as a property, under any of the seven names. For
+// instances of such a class the dict is then read and written directly, skipping the look-up
+// through the type. The verdict on a class is kept while the class keeps its version tag: any
+// change to the class or to one of its bases gives it a new one.
+class DictAccess {
+  public:
+    bool allowed_for(PyTypeObject* type) {
+        if (type == type_ && has_version(type) && type->tp_version_tag == version_) return allowed_;
+        const bool allowed = judge(type);
+        if (has_version(type)) {
+            type_ = type;
+            version_ = type->tp_version_tag;
+            allowed_ = allowed;
+        }
+        return allowed;
+    }
+
+  private:
+    static bool has_version(PyTypeObject* type) noexcept {
+        return PyType_HasFeature(type, Py_TPFLAGS_VALID_VERSION_TAG);
+    }
+
+    // A look-up through the type also gives it a version tag when it has none.
+    static bool judge(PyTypeObject* type) noexcept {
+        if (type->tp_getattro != PyObject_GenericGetAttr ||
+            type->tp_setattro != PyObject_GenericSetAttr || type->tp_dictoffset == 0) {
+            return false;
+        }
+        for (InstanceName* attribute : own::attributes) {
+            PyObject* found = _PyType_Lookup(type, attribute->name().get());
+            if (found != nullptr && Py_TYPE(found)->tp_descr_set != nullptr) return false;
+        }
+        return true;
+    }
+
+    PyTypeObject* type_ = nullptr;  // only compared, never followed
+    unsigned int version_ = 0;
+    bool allowed_ = false;
+};
+
+DictAccess dict_access;
+
+// The instance dict's slot when the layer's class allows direct access (the slot may hold null:
+// no dict yet), else null.
+PyObject** dict_slot(Handle self) noexcept {
+    if (!dict_access.allowed_for(Py_TYPE(self.get()))) return nullptr;
+    return _PyObject_GetDictPtr(self.get());
 }
 
-void set_attribute(Handle self, const py::Str& name, Handle value) {
-    if (PyObject* dict = own_dict(self)) {
-        py::check_status(PyDict_SetItem(dict, name.get(), value.get()));
+Ref attribute(Handle self, InstanceName& attribute_name) {
+    PyObject** slot = dict_slot(self);
+    if (slot != nullptr && *slot != nullptr) {
+        if (PyObject* value = attribute_name.find_in(*slot)) return Ref::borrow(value);
+    }
+    return py::getattr(self, attribute_name.name());
+}
+
+void set_attribute(Handle self, const InstanceName& attribute_name, Handle value) {
+    PyObject** slot = dict_slot(self);
+    if (slot != nullptr && *slot != nullptr) {
+        py::check_status(PyDict_SetItem(*slot, attribute_name.name().get(), value.get()));
         return;
     }
-    py::setattr(self, name, value);
+    py::setattr(self, attribute_name.name(), value);
 }
+
+// What self.<method>(...) calls, when the interpreter would call it as a plain function with self
+// in front: the class allows direct access, holds a method-like object under that name, and
+// the instance dict does not hide it. Otherwise null, and the call takes the interpreter's way.
+PyObject* method_from_class(Handle self, InstanceName& method) {
+    PyObject** slot = dict_slot(self);
+    if (slot == nullptr) return nullptr;
+    PyObject* function = _PyType_Lookup(Py_TYPE(self.get()), method.name().get());
+    if (function == nullptr ||
+        !PyType_HasFeature(Py_TYPE(function), Py_TPFLAGS_METHOD_DESCRIPTOR)) {
+        return nullptr;
+    }
+    if (*slot != nullptr && method.find_in(*slot) != nullptr) return nullptr;
+    return function;
+}
+
+// self.method(*args), as Python calls it.
+template <class... Args>
+Ref call_own(Handle self, InstanceName& method, Args&&... args) {
+    // Held for the call: the body may change the class and so drop the class's reference.
+    Ref function = Ref::borrow(method_from_class(self, method));
+    if (!function) return py::call_method(self, method.name(), args...);
+    std::array<PyObject*, sizeof...(Args) + 1> stack{self.get(), Handle(args).get()...};
+    return Ref::steal(
+        PyObject_Vectorcall(function.get(), stack.data(), sizeof...(Args) + 1, nullptr));
+}
+
+// self.method, looked up as Python looks it up: before the arguments of the call are evaluated.
+// When the interpreter would call a plain function with `self` in front, that function is kept
+// and called so, and no bound method is made.
+class MethodOf {
+  public:
+    MethodOf(Handle self, InstanceName& method) : self_(self.get()) {
+        function_ = Ref::borrow(method_from_class(self, method));
+        if (!function_) {
+            function_ = py::getattr(self, method.name());
+            self_ = nullptr;
+        }
+    }
+
+    // method(*positional, **dict(zip(keyword_names, keyword_values)))
+    template <class... Args>
+    Ref call_keywords(std::size_t positional, Handle keyword_names, Args&&... args) const {
+        std::array<PyObject*, sizeof...(Args) + 1> stack{self_, Handle(args).get()...};
+        if (self_ == nullptr) {
+            return Ref::steal(PyObject_Vectorcall(function_.get(), stack.data() + 1,
+                                                  positional | PY_VECTORCALL_ARGUMENTS_OFFSET,
+                                                  keyword_names.get()));
+        }
+        return Ref::steal(PyObject_Vectorcall(function_.get(), stack.data(), positional + 1,
+                                              keyword_names.get()));
+    }
+
+  private:
+    PyObject* self_;  // null when function_ is already bound
+    Ref function_;
+};
 
 // ---- buffer ---------------------------------------------------------------------------------
 
@@ -98,27 +250,28 @@ Ref init(const Call& call) {
     py::setattr(self, name::chunk_size, call[3]);
     py::setattr(self, name::data_manager, call[1]);
     py::setattr(self, name::parent, call[4]);
-    py::setattr(self, name::chunk_index, call[5].is_none() ? py::integer(0) : Ref::borrow(call[5]));
+    py::setattr(self, name::chunk_index,
+                Ref::borrow(call[5].is_none() ? kZero.get() : call[5].get()));
     return Ref::none();
 }
 
 Ref has_buffer(const Call& call) {
     Handle self = call[0];
-    if (attribute(self, name::buffer).is_none()) return Ref::boolean(false);
+    if (attribute(self, own::buffer).is_none()) return Ref::boolean(false);
     // Returned as the comparison gives it: a buffer whose X has no rows counts as none.
-    return py::compare(rows_of(attribute(self, name::buffer)), py::integer(0), Py_GT);
+    return py::compare(rows_of(attribute(self, own::buffer)), kZero, Py_GT);
 }
 
 bool buffer_present(Handle self) {
-    return py::truth(py::call_method(self, name::has_buffer));
+    return py::truth(call_own(self, own::has_buffer));
 }
 
 // exclude_removed(removed, buffer.ind, buffer), unpacked into (indices, dataset): the dataset.
 Ref buffer_without(const Call& call, Handle removed) {
     Handle self = call[0];
     Ref exclude = py::global(call, global::exclude_removed);
-    Ref buffer_ind = py::getattr(attribute(self, name::buffer), name::ind);
-    Ref result = py::call(exclude, removed, buffer_ind, attribute(self, name::buffer));
+    Ref buffer_ind = py::getattr(attribute(self, own::buffer), name::ind);
+    Ref result = py::call(exclude, removed, buffer_ind, attribute(self, own::buffer));
     auto [indices, dataset] = py::unpack<2>(result);
     return dataset;
 }
@@ -126,7 +279,7 @@ Ref buffer_without(const Call& call, Handle removed) {
 Ref get_buffer(const Call& call) {
     Handle self = call[0];
     if (!buffer_present(self)) return Ref::none();
-    Ref removed_indices = py::call_method(attribute(self, name::data_manager), kGetRemoved);
+    Ref removed_indices = py::call_method(attribute(self, own::data_manager), kGetRemoved);
     return buffer_without(call, removed_indices);
 }
 
@@ -134,10 +287,10 @@ Ref set_buffer(const Call& call) {
     Handle self = call[0];
     Handle buffer = call[1];
     if (buffer.is_none()) {
-        set_attribute(self, name::buffer, Py_None);
+        set_attribute(self, own::buffer, Py_None);
     } else {
         Ref dataset_type = py::global(call, global::Dataset);
-        set_attribute(self, name::buffer, py::call_tuple(dataset_type, py::as_tuple(buffer)));
+        set_attribute(self, own::buffer, py::call_tuple(dataset_type, py::as_tuple(buffer)));
     }
     return Ref::none();
 }
@@ -148,32 +301,32 @@ Ref add_to_buffer(const Call& call) {
     if (buffer_present(self)) {
         // Field by field, stopping at the shorter record; an incoming None keeps the buffered
         // field, anything else is appended after the buffered rows.
-        Ref buffered_fields = py::iter(attribute(self, name::buffer));
+        Ref buffered_fields = py::iter(attribute(self, own::buffer));
         Ref incoming_fields = py::iter(dataset);
         Ref concatenate;
-        Ref joined = py::new_list();
+        py::TupleBuilder joined;
         while (true) {
             Ref buffered = py::next(buffered_fields);
             if (!buffered) break;
             Ref incoming = py::next(incoming_fields);
             if (!incoming) break;
             if (incoming.is_none()) {
-                py::append(joined, buffered);
+                joined.append(std::move(buffered));
                 continue;
             }
             if (!concatenate) {
                 concatenate = py::getattr(py::global(call, global::np), name::concatenate);
             }
-            py::append(joined, py::call(concatenate, py::tuple(buffered, incoming)));
+            joined.append(py::call(concatenate, py::tuple(buffered, incoming)));
         }
-        set_attribute(self, name::buffer, py::as_tuple(joined));
+        set_attribute(self, own::buffer, joined.build());
     } else {
-        set_attribute(self, name::buffer, py::as_tuple(dataset));
+        set_attribute(self, own::buffer, py::as_tuple(dataset));
     }
     Ref dataset_type = py::global(call, global::Dataset);
-    set_attribute(self, name::buffer,
-                  py::call_tuple(dataset_type, py::as_tuple(attribute(self, name::buffer))));
-    py::call_method(attribute(self, name::parent), kUpdateBuildParams);
+    set_attribute(self, own::buffer,
+                  py::call_tuple(dataset_type, py::as_tuple(attribute(self, own::buffer))));
+    py::call_method(attribute(self, own::parent), kUpdateBuildParams);
     return Ref::none();
 }
 
@@ -188,27 +341,27 @@ Ref remove_from_buffer(const Call& call) {
 
 Ref get_buffer_size(const Call& call) {
     Handle self = call[0];
-    if (!buffer_present(self)) return py::integer(0);
+    if (!buffer_present(self)) return Ref::borrow(kZero);
     // Every buffered row counts, including rows the data manager reports as removed.
-    return rows_of(attribute(self, name::buffer));
+    return rows_of(attribute(self, own::buffer));
 }
 
 Ref update_buffer(const Call& call) {
     Handle self = call[0];
     if (!buffer_present(self)) return Ref::none();
     Ref align = py::global(call, global::align_arrays_by_key);
-    Ref keys = py::tuple(py::getattr(attribute(self, name::buffer), name::ind));
+    Ref keys = py::tuple(py::getattr(attribute(self, own::buffer), name::ind));
     Ref aligned = py::call(align, keys, py::tuple(call[1], call[2], call[3]));
     auto [unused_keys, arrays] = py::unpack<2>(aligned);
     auto [indices, X, y] = py::unpack<3>(arrays);
     Ref in1d = py::getattr(py::global(call, global::np), name::in1d);
-    Ref mask = py::call(in1d, py::getattr(attribute(self, name::buffer), name::ind), indices);
+    Ref mask = py::call(in1d, py::getattr(attribute(self, own::buffer), name::ind), indices);
     // In place, through the mask: y first, then X.
     if (!y.is_none()) {
-        py::set_item(py::getattr(attribute(self, name::buffer), name::y), mask, y);
+        py::set_item(py::getattr(attribute(self, own::buffer), name::y), mask, y);
     }
     if (!X.is_none()) {
-        py::set_item(py::getattr(attribute(self, name::buffer), name::X), mask, X);
+        py::set_item(py::getattr(attribute(self, own::buffer), name::X), mask, X);
     }
     return Ref::none();
 }
@@ -219,8 +372,8 @@ Ref update_buffer(const Call& call) {
 Ref build_node(const Call& call, Handle dset, Handle node_id) {
     Handle self = call[0];
     Ref node_type = py::global(call, global::ChunkNode);
-    Ref params = attribute(self, name::chunk_corset_params);
-    Ref data_manager = attribute(self, name::data_manager);
+    Ref params = attribute(self, own::chunk_corset_params);
+    Ref data_manager = attribute(self, own::data_manager);
     Ref node = py::call_keywords(node_type, 0, kNodeKeywords, dset, params, node_id, data_manager);
     return py::call_method(node, name::build);
 }
@@ -239,8 +392,8 @@ Ref create_node(const Call& call) {
     Ref started = now(call);
     Ref chunk_node = build_node(call, call[1], call[2]);
     Ref chunk_build_time = py::subtract(now(call), started);
-    Ref verbose = py::getattr(attribute(self, name::data_manager), kVerbose);
-    if (py::compare_truth(verbose, py::integer(0), Py_GT) && !leaf_node_index.is_none()) {
+    Ref verbose = py::getattr(attribute(self, own::data_manager), kVerbose);
+    if (py::compare_truth(verbose, kZero, Py_GT) && !leaf_node_index.is_none()) {
         py::call_method(self, name::_print_progress, chunk_build_time, leaf_node_index);
     }
     return chunk_node;
@@ -248,8 +401,8 @@ Ref create_node(const Call& call) {
 
 // n_instances // build_params["chunk_size"], read afresh each time.
 Ref expected_chunks(Handle self) {
-    Ref n_instances = py::getattr(attribute(self, name::data_manager), kNInstances);
-    Ref chunk_size = py::item(attribute(self, name::build_params), name::chunk_size);
+    Ref n_instances = py::getattr(attribute(self, own::data_manager), kNInstances);
+    Ref chunk_size = py::item(attribute(self, own::build_params), name::chunk_size);
     return py::floor_divide(n_instances, chunk_size);
 }
 
@@ -257,14 +410,14 @@ Ref print_progress(const Call& call) {
     Handle self = call[0];
     Handle chunk_build_time = call[1];
     Handle leaf_node_index = call[2];
-    Ref one = py::integer(1);
-    Ref zero = py::integer(0);
+    Handle one = kOne;
+    Handle zero = kZero;
 
     Ref chunks = Ref::borrow(kEmpty);
-    if (!py::getattr(attribute(self, name::data_manager), kNInstances).is_none() &&
+    if (!py::getattr(attribute(self, own::data_manager), kNInstances).is_none() &&
         py::compare_truth(
-            py::call_method(attribute(self, name::build_params), kGet, name::chunk_size, zero),
-            zero, Py_GT)) {
+            py::call_method(attribute(self, own::build_params), kGet, name::chunk_size, zero), zero,
+            Py_GT)) {
         // The trailing partial chunk lies beyond the expected count and shows no total.
         Ref number = py::add(leaf_node_index, one);
         if (py::compare_truth(number, expected_chunks(self), Py_LE)) {
@@ -293,7 +446,7 @@ Ref create_buffer_node(const Call& call) {
     Handle callback = call[1];
     if (!buffer_present(self)) return Ref::none();
     Ref dataset_type = py::global(call, global::Dataset);
-    Ref dset = py::call_tuple(dataset_type, py::as_tuple(attribute(self, name::buffer)));
+    Ref dset = py::call_tuple(dataset_type, py::as_tuple(attribute(self, own::buffer)));
     Ref node =
         py::call_method(self, name::_create_node, dset, py::global(call, global::BUFFER_NODE_ID));
     // The buffer node's callback never gets a leaf index.
@@ -310,8 +463,8 @@ Ref create_leaf_node(const Call& call) {
     Handle self = PyTuple_GET_ITEM(call.closure, kSelf);
     Handle callback = PyTuple_GET_ITEM(call.closure, kCallback);
     Handle leaf_node_index = call[1];
-    Ref create = py::getattr(self, name::_create_node);
-    Ref chunk_node = py::call_keywords(create, 1, kLeafIndexKeyword, call[0], leaf_node_index);
+    MethodOf create(self, own::_create_node);
+    Ref chunk_node = create.call_keywords(1, kLeafIndexKeyword, call[0], leaf_node_index);
     if (!callback.is_none()) py::call(callback, chunk_node, leaf_node_index);
     return Ref::none();
 }
@@ -382,36 +535,36 @@ Ref chunk_dtype(Handle self) {
 Ref slice_buffer(const Call& call, Handle buffer, bool head) {
     Handle self = call[0];
     Ref dataset_type = py::global(call, global::Dataset);
-    Ref fields = py::new_list();
+    py::TupleBuilder fields;
     Ref field_iterator = py::iter(buffer);
     while (Ref field = py::next(field_iterator)) {
         if (field.is_none()) {
-            py::append(fields, field);
+            fields.append(std::move(field));
             continue;
         }
-        Ref bound = attribute(self, name::chunk_size);
+        Ref bound = attribute(self, own::chunk_size);
         Ref range = Ref::steal(head ? PySlice_New(nullptr, bound.get(), nullptr)
                                     : PySlice_New(bound.get(), nullptr, nullptr));
-        py::append(fields, py::item(field, range));
+        fields.append(py::item(field, range));
     }
-    return py::call_tuple(dataset_type, py::as_tuple(fields));
+    return py::call_tuple(dataset_type, fields.build());
 }
 
 // self.buffer[1].shape[0] >= self.chunk_size, the left side read first.
 bool holds_a_chunk(Handle self) {
-    Ref rows = rows_of(attribute(self, name::buffer));
-    return py::compare_truth(rows, attribute(self, name::chunk_size), Py_GE);
+    Ref rows = rows_of(attribute(self, own::buffer));
+    return py::compare_truth(rows, attribute(self, own::chunk_size), Py_GE);
 }
 
 bool parallel_mode(Handle self) {
-    if (py::getattr(attribute(self, name::data_manager), kNJobs).is_none()) return false;
-    Ref n_jobs = py::getattr(attribute(self, name::data_manager), kNJobs);
-    return py::compare_truth(n_jobs, py::integer(1), Py_GT);
+    if (py::getattr(attribute(self, own::data_manager), kNJobs).is_none()) return false;
+    Ref n_jobs = py::getattr(attribute(self, own::data_manager), kNJobs);
+    return py::compare_truth(n_jobs, kOne, Py_GT);
 }
 
 void increment_chunk_index(Handle self) {
-    Ref next_index = py::in_place_add(attribute(self, name::chunk_index), py::integer(1));
-    set_attribute(self, name::chunk_index, next_index);
+    Ref next_index = py::in_place_add(attribute(self, own::chunk_index), kOne);
+    set_attribute(self, own::chunk_index, next_index);
 }
 
 py::Coroutine get_from_buffer_body(const Call& call) {
@@ -419,23 +572,22 @@ py::Coroutine get_from_buffer_body(const Call& call) {
     Handle callback = call[1];
 
     Ref utils = py::global(call, global::utils);
-    if (!py::truth(py::call_method(utils, kIsSimpleChunkSize, attribute(self, name::chunk_size))) &&
-        !py::compare_truth(attribute(self, name::chunk_size), py::integer(0), Py_EQ)) {
+    if (!py::truth(py::call_method(utils, kIsSimpleChunkSize, attribute(self, own::chunk_size))) &&
+        !py::compare_truth(attribute(self, own::chunk_size), kZero, Py_EQ)) {
         co_return;  // not a row count: everything waits for the buffer node
     }
-    const Ref ignore_chunk_size =
-        py::compare(attribute(self, name::chunk_size), py::integer(0), Py_EQ);
+    const Ref ignore_chunk_size = py::compare(attribute(self, own::chunk_size), kZero, Py_EQ);
     const Ref dtype = chunk_dtype(self);
 
     while (buffer_present(self) && (py::truth(ignore_chunk_size) || holds_a_chunk(self))) {
         Ref buffer;
         if (py::truth(ignore_chunk_size)) {
-            buffer = attribute(self, name::buffer);
-            set_attribute(self, name::buffer, Py_None);
+            buffer = attribute(self, own::buffer);
+            set_attribute(self, own::buffer, Py_None);
         } else {
-            buffer = slice_buffer(call, attribute(self, name::buffer), true);
-            set_attribute(self, name::buffer,
-                          slice_buffer(call, attribute(self, name::buffer), false));
+            buffer = slice_buffer(call, attribute(self, own::buffer), true);
+            set_attribute(self, own::buffer,
+                          slice_buffer(call, attribute(self, own::buffer), false));
         }
 
         if (parallel_mode(self)) {
@@ -444,18 +596,18 @@ py::Coroutine get_from_buffer_body(const Call& call) {
             Ref check =
                 py::make_function(kCheckMemoryAvailable, module_name, call.globals, captured);
             Ref pool = py::call(py::global(call, global::ThreadPoolManager));
-            py::call_method(pool, kAddToQueue, create, check, py::integer(0), buffer,
-                            attribute(self, name::chunk_index));
+            py::call_method(pool, kAddToQueue, create, check, kZero, buffer,
+                            attribute(self, own::chunk_index));
             increment_chunk_index(self);
             co_yield Ref::none();
         } else {
-            Ref create = py::getattr(self, name::_create_node);
-            Ref node = py::call_keywords(create, 1, kLeafIndexKeyword, buffer,
-                                         attribute(self, name::chunk_index));
+            MethodOf create(self, own::_create_node);
+            Ref node = create.call_keywords(1, kLeafIndexKeyword, buffer,
+                                            attribute(self, own::chunk_index));
             // Sequential mode hands the callback no leaf index.
             if (!callback.is_none()) py::call(callback, node, Py_None);
             increment_chunk_index(self);
-            py::truth(attribute(self, name::build_params));
+            py::truth(attribute(self, own::build_params));
             co_yield std::move(node);
         }
     }
@@ -468,7 +620,7 @@ Ref get_from_buffer(const Call& call) {
 // ---- processing ---------------------------------------------------------------------------
 
 Ref byte_size(Handle dset) {
-    Ref total = py::integer(0);
+    Ref total = Ref::borrow(kZero);
     Ref field_iterator = py::iter(dset);
     while (Ref field = py::next(field_iterator)) {
         if (field.is_none()) continue;
@@ -486,9 +638,9 @@ py::Coroutine process_body(const Call& call) {
     Handle is_classification = call[3];
     Handle callback = call[4];
 
-    Ref size_bytes = py::integer(0);
-    Ref number_of_features_orig = py::integer(0);
-    Ref number_of_samples = py::integer(0);
+    Ref size_bytes = Ref::borrow(kZero);
+    Ref number_of_features_orig = Ref::borrow(kZero);
+    Ref number_of_samples = Ref::borrow(kZero);
     Ref targets_unique = py::call_method(py::global(call, global::np), name::array, py::new_list());
 
     Ref items = py::iter(dsets);
@@ -512,21 +664,21 @@ py::Coroutine process_body(const Call& call) {
         }
         number_of_samples =
             py::in_place_add(number_of_samples, py::size(py::length(py::getattr(dset, name::ind))));
-        py::call_method(self, name::_add_to_buffer, dset);
+        call_own(self, own::_add_to_buffer, dset);
 
         Ref build_params = py::new_dict();
         py::set_item(build_params, kNumberOfFeatures, number_of_features);
         py::set_item(build_params, kNumberOfFeaturesOrig, number_of_features_orig);
         py::set_item(build_params, kNumberOfSamples, number_of_samples);
-        py::set_item(build_params, name::chunk_size, attribute(self, name::chunk_size));
+        py::set_item(build_params, name::chunk_size, attribute(self, own::chunk_size));
         py::set_item(build_params, kTargetsUniqueCount, py::size(py::length(targets_unique)));
         py::set_item(build_params, kSizeBytes, size_bytes);
-        Ref megabytes = py::true_divide(size_bytes, py::integer(1048576));
+        Ref megabytes = py::true_divide(size_bytes, kBytesPerMegabyte);
         py::set_item(build_params, kSizeMB, Ref::steal(PyObject_Str(megabytes.get())));
-        set_attribute(self, name::build_params, build_params);
+        set_attribute(self, own::build_params, build_params);
 
         // A plain loop over a new drain: values sent or thrown into process stay here.
-        Ref drain = py::iter(py::call_method(self, name::_get_from_buffer, callback));
+        Ref drain = py::iter(call_own(self, own::_get_from_buffer, callback));
         while (Ref node = py::next(drain)) co_yield std::move(node);
     }
     if (py::truth(create_buffer) && buffer_present(self)) {
@@ -551,7 +703,7 @@ py::Coroutine rebuild_body(const Call& call) {
         } else {
             Ref ids = py::new_list();
             py::append(ids, chunk_id);
-            dset = py::call_method(attribute(self, name::data_manager), kGetByNodes, ids);
+            dset = py::call_method(attribute(self, own::data_manager), kGetByNodes, ids);
         }
         co_yield py::call_method(self, name::_rebuild_node, dset, chunk_id);
     }
@@ -566,7 +718,7 @@ Ref rebuild(const Call& call) {
 // lambda node_id: self.data_manager.get_by_nodes([node_id], with_props=True)
 Ref fetch_with_props(const Call& call) {
     Handle self = call.closure;
-    Ref get_by_nodes = py::getattr(attribute(self, name::data_manager), kGetByNodes);
+    Ref get_by_nodes = py::getattr(attribute(self, own::data_manager), kGetByNodes);
     Ref ids = py::new_list();
     py::append(ids, call[0]);
     return py::call_keywords(get_by_nodes, 1, kWithPropsKeyword, ids, Py_True);
@@ -587,7 +739,7 @@ Ref filter_out_samples(const Call& call) {
     Ref datasets = py::call(py::global(call, global::map), fetch, call[2]);
     if (py::truth(call[3]) && buffer_present(self)) {
         Ref last = py::new_list();
-        py::append(last, attribute(self, name::buffer));
+        py::append(last, attribute(self, own::buffer));
         datasets = py::call_method(py::global(call, global::itertools), kChain, datasets, last);
     }
     Ref dataset_iterator = py::iter(datasets);
@@ -723,6 +875,6 @@ const py::FunctionDef* const kMethods[] = {
 
 }  // namespace
 
-const ClassDef chunk_layer_class{"ChunkLayer", docs::kChunkLayer, kMethods, &built_chunk_layer};
+const ClassDef chunk_layer_class{"ChunkLayer", docs::kChunkLayer, kMethods};
 
 }  // namespace chunk_layer

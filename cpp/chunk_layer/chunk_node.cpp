@@ -280,7 +280,6 @@ const py::FunctionDef exclude_removed{
     "exclude_removed",         "exclude_removed", docs::kExcludeRemoved,
     kExcludeRemovedParameters, nullptr,           exclude_removed_body};
 
-BuiltClass built_chunk_node;
-const ClassDef chunk_node_class{"ChunkNode", docs::kChunkNode, kMethods, &built_chunk_node};
+const ClassDef chunk_node_class{"ChunkNode", docs::kChunkNode, kMethods};
 
 }  // namespace chunk_layer

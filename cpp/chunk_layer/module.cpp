@@ -154,12 +154,6 @@ void build_class(Handle module_name, Handle globals, const ClassDef& definition)
         py::set_item(body, py::str(method->name), function);
     }
     Ref cls = py::call(reinterpret_cast<PyObject*>(&PyType_Type), class_name, py::tuple(), body);
-    // A look-up gives the new class its version tag, which is recorded as it is now.
-    auto* type = reinterpret_cast<PyTypeObject*>(cls.get());
-    _PyType_Lookup(type, kDoc.get());
-    if (PyType_HasFeature(type, Py_TPFLAGS_VALID_VERSION_TAG)) {
-        *definition.built = BuiltClass{type, type->tp_version_tag};
-    }
     py::check_status(PyDict_SetItem(globals.get(), class_name.get(), cls.get()));
 }
 

@@ -1,5 +1,5 @@
 // Python objects the extension uses again and again: interned names (attributes, keys, module
-// names), fixed strings, and tuples of keyword names for calls. Each is declared once as a
+// names), fixed strings, numbers, and tuples of keyword names for calls. Each is declared once as a
 // static object; all are made together when the module executes and kept for the life of the
 // process, so no call ever builds one of them again.
 #pragma once
@@ -42,6 +42,16 @@ class Str final : public Constant {
   private:
     Ref make() const override { return Ref::steal(PyUnicode_InternFromString(text_)); }
     const char* text_;
+};
+
+// An int.
+class Int final : public Constant {
+  public:
+    explicit Int(long value) noexcept : value_(value) {}
+
+  private:
+    Ref make() const override { return integer(value_); }
+    long value_;
 };
 
 // A tuple of interned str: the keyword names of a vectorcall.

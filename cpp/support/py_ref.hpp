@@ -162,10 +162,53 @@ inline Ref tuple_from(const std::vector<Ref>& items) {
     return result;
 }
 
-// The tuple of an iterable: an exact tuple as it is, anything else walked into a new one.
+// The tuple of an iterable: an exact tuple as it is, anything else walked into a new one. A tuple
+// subclass that keeps tuple's own iteration and length (a named record) would give exactly its
+// items, so they are copied directly.
 inline Ref as_tuple(Handle iterable) {
-    return Ref::steal(PySequence_Tuple(iterable.get()));
+    PyObject* object = iterable.get();
+    if (PyTuple_Check(object) && !PyTuple_CheckExact(object) &&
+        Py_TYPE(object)->tp_iter == PyTuple_Type.tp_iter &&
+        Py_TYPE(object)->tp_as_sequence->sq_length == PyTuple_Type.tp_as_sequence->sq_length) {
+        return Ref::steal(PyTuple_GetSlice(object, 0, PyTuple_GET_SIZE(object)));
+    }
+    return Ref::steal(PySequence_Tuple(object));
 }
+
+// Gathers the items of a tuple whose length is known only at the end: the first few in place,
+// any further ones in a list.
+class TupleBuilder {
+  public:
+    void append(Ref item) {
+        if (count_ < kInPlace) {
+            in_place_[count_++] = std::move(item);
+            return;
+        }
+        if (!overflow_) overflow_ = Ref::steal(PyList_New(0));
+        check_status(PyList_Append(overflow_.get(), item.get()));
+    }
+
+    Ref build() {
+        const Py_ssize_t extra = overflow_ ? PyList_GET_SIZE(overflow_.get()) : 0;
+        Ref result = Ref::steal(PyTuple_New(count_ + extra));
+        for (Py_ssize_t i = 0; i < count_; ++i) {
+            PyTuple_SET_ITEM(result.get(), i, in_place_[i].release());
+        }
+        for (Py_ssize_t i = 0; i < extra; ++i) {
+            PyTuple_SET_ITEM(result.get(), count_ + i,
+                             Ref::borrow(PyList_GET_ITEM(overflow_.get(), i)).release());
+        }
+        count_ = 0;
+        overflow_ = Ref();
+        return result;
+    }
+
+  private:
+    static constexpr Py_ssize_t kInPlace = 8;  // a Dataset has 6 fields
+    std::array<Ref, kInPlace> in_place_;
+    Py_ssize_t count_ = 0;
+    Ref overflow_;
+};
 
 inline Ref new_list() {
     return Ref::steal(PyList_New(0));

@@ -88,3 +88,90 @@ def test_an_instance_without_an_attribute_gets_the_interpreters_error():
         assert "parent" in str(error)
     else:  # pragma: no cover - the read must fail
         raise AssertionError("no AttributeError")
+
+
+# Reads of a layer's own attributes may be answered from what was read before, but only while the
+# instance dict is unchanged: every change to it, however made, must be seen by the next read.
+
+
+def test_a_change_to_the_instance_dict_in_mid_drain_is_seen_by_the_next_cut(monkeypatch):
+    patch_node_class(monkeypatch)
+    layer = buffered_layer(rows=9, chunk_size=3)
+
+    def shrink_chunks(node, leaf_index):
+        vars(layer)["chunk_size"] = 2
+
+    sizes = [len(node.dset.ind) for node in layer._get_from_buffer(shrink_chunks)]
+    assert sizes == [3, 2, 2, 2]
+
+
+def test_a_replaced_instance_dict_is_read_afresh():
+    layer = buffered_layer(rows=6)
+    assert layer.get_buffer_size() == 6
+    fresh = dict(vars(layer))
+    fresh["buffer"] = make_dataset(2)
+    layer.__dict__ = fresh
+    assert layer.get_buffer_size() == 2
+    layer.__dict__ = {**fresh, "buffer": None}
+    assert layer.get_buffer_size() == 0
+
+
+def test_an_instance_attribute_set_later_hides_the_method_the_layer_calls_on_itself():
+    layer = buffered_layer(rows=6)
+    assert layer.get_buffer_size() == 6
+    layer.has_buffer = lambda: False
+    assert layer.get_buffer_size() == 0
+    del layer.has_buffer
+    assert layer.get_buffer_size() == 6
+
+
+def test_a_node_builder_set_on_the_instance_in_mid_drain_builds_the_next_chunks(monkeypatch):
+    node_class = patch_node_class(monkeypatch)
+    layer = buffered_layer(rows=6, chunk_size=2)
+    built_here = []
+
+    def own_builder(dset, node_id=None, leaf_node_index=None):
+        built_here.append(leaf_node_index)
+        return node_class(dset, None)
+
+    def switch(node, leaf_index):
+        layer._create_node = own_builder
+
+    list(layer._get_from_buffer(switch))
+    assert built_here == [1, 2]
+
+
+def test_a_method_patched_onto_the_class_after_use_is_called(monkeypatch):
+    layer = buffered_layer(rows=6)
+    assert layer.get_buffer_size() == 6
+    monkeypatch.setattr(ChunkLayer, "has_buffer", lambda self: False)
+    assert layer.get_buffer_size() == 0
+    monkeypatch.undo()
+    assert layer.get_buffer_size() == 6
+
+
+def test_layers_read_in_turn_each_see_their_own_attributes(monkeypatch):
+    patch_node_class(monkeypatch)
+    small, large = buffered_layer(rows=6, chunk_size=2), buffered_layer(rows=6, chunk_size=3)
+    small_drain, large_drain = small._get_from_buffer(), large._get_from_buffer()
+    sizes = []
+    for _ in range(2):
+        sizes.append(len(next(small_drain).dset.ind))
+        sizes.append(len(next(large_drain).dset.ind))
+    assert sizes == [2, 3, 2, 3]
+    assert small.get_buffer_size() == 2 and large.get_buffer_size() == 0
+
+
+def test_the_node_builder_is_looked_up_before_the_leaf_index_is_read(monkeypatch):
+    patch_node_class(monkeypatch)
+    reads = []
+
+    class Watched(ChunkLayer):
+        def __getattribute__(self, name):
+            reads.append(name)
+            return super().__getattribute__(name)
+
+    layer = buffered_layer(Watched, rows=5, chunk_size=5)
+    reads.clear()
+    list(layer._get_from_buffer())
+    assert reads.index("_create_node") < reads.index("chunk_index")
