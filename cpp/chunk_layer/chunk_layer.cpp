@@ -3,10 +3,12 @@
 // work on chunks already built (rebuild by id, filtering with a caller's predicate).
 #include <array>
 #include <cstdint>
+#include <optional>
 
 #include "chunk_layer/callables.hpp"
 #include "chunk_layer/docstrings.hpp"
 #include "chunk_layer/names.hpp"
+#include "support/ndarray.hpp"
 #include "support/py_generator.hpp"
 
 namespace chunk_layer {
@@ -235,9 +237,55 @@ class MethodOf {
 
 // ---- buffer ---------------------------------------------------------------------------------
 
-Ref rows_of(Handle dataset) {
-    return py::item(py::getattr(py::item(dataset, 1), name::shape), 0);
+// array.shape[axis]
+Ref shape_item(Handle array, int axis) {
+    if (auto dimension = py::ndarray_dimension(array, axis)) return py::size(*dimension);
+    return py::item(py::getattr(array, name::shape), axis);
 }
+
+bool compare_numbers(long long left, long long right, int op) noexcept {
+    switch (op) {
+        case Py_LT:
+            return left < right;
+        case Py_LE:
+            return left <= right;
+        case Py_EQ:
+            return left == right;
+        case Py_NE:
+            return left != right;
+        case Py_GT:
+            return left > right;
+        default:
+            return left >= right;
+    }
+}
+
+// dataset[1].shape[0], the number of rows of X: a plain number when X is an exact ndarray,
+// else the object Python's subscript gives.
+class Rows {
+  public:
+    explicit Rows(Handle dataset) {
+        Ref X = py::item(dataset, 1);
+        count_ = py::ndarray_dimension(X, 0);
+        if (!count_) boxed_ = py::item(py::getattr(X, name::shape), 0);
+    }
+
+    Ref value() const { return count_ ? py::size(*count_) : boxed_; }
+
+    // rows <op> other, as Python compares them; between two plain numbers, without boxing.
+    Ref compare(Handle other, int op) const {
+        if (count_ && PyLong_CheckExact(other.get())) {
+            int overflow = 0;
+            const long long bound = PyLong_AsLongLongAndOverflow(other.get(), &overflow);
+            if (overflow == 0) return Ref::boolean(compare_numbers(*count_, bound, op));
+        }
+        return py::compare(value(), other, op);
+    }
+
+  private:
+    std::optional<Py_ssize_t> count_;
+    Ref boxed_;
+};
 
 Ref init(const Call& call) {
     // Both exact-type checks come before any attribute exists, chunk_size first.
@@ -259,7 +307,7 @@ Ref has_buffer(const Call& call) {
     Handle self = call[0];
     if (attribute(self, own::buffer).is_none()) return Ref::boolean(false);
     // Returned as the comparison gives it: a buffer whose X has no rows counts as none.
-    return py::compare(rows_of(attribute(self, own::buffer)), kZero, Py_GT);
+    return Rows(attribute(self, own::buffer)).compare(kZero, Py_GT);
 }
 
 bool buffer_present(Handle self) {
@@ -343,7 +391,7 @@ Ref get_buffer_size(const Call& call) {
     Handle self = call[0];
     if (!buffer_present(self)) return Ref::borrow(kZero);
     // Every buffered row counts, including rows the data manager reports as removed.
-    return rows_of(attribute(self, own::buffer));
+    return Rows(attribute(self, own::buffer)).value();
 }
 
 Ref update_buffer(const Call& call) {
@@ -473,10 +521,10 @@ Ref check_memory_available(const Call& call) {
     Handle dtype = PyTuple_GET_ITEM(call.closure, kDtype);
     Handle buff = call[0];
     Ref evaluate = py::global(call, global::evaluate_max_batch_size);
-    Ref n_features = py::item(py::getattr(py::getattr(buff, name::X), name::shape), 1);
+    Ref n_features = shape_item(py::getattr(buff, name::X), 1);
     Ref max_batch_size =
         py::call_keywords(evaluate, 0, kBatchSizeKeywords, n_features, Py_True, dtype);
-    Ref rows = py::item(py::getattr(py::getattr(buff, name::X), name::shape), 0);
+    Ref rows = shape_item(py::getattr(buff, name::X), 0);
     // A chunk that does not fit waits only while other builds are running.
     if (py::compare_truth(max_batch_size, rows, Py_LT)) {
         Ref pool = py::call(py::global(call, global::ThreadPoolManager));
@@ -552,8 +600,8 @@ Ref slice_buffer(const Call& call, Handle buffer, bool head) {
 
 // self.buffer[1].shape[0] >= self.chunk_size, the left side read first.
 bool holds_a_chunk(Handle self) {
-    Ref rows = rows_of(attribute(self, own::buffer));
-    return py::compare_truth(rows, attribute(self, own::chunk_size), Py_GE);
+    const Rows rows(attribute(self, own::buffer));
+    return py::truth(rows.compare(attribute(self, own::chunk_size), Py_GE));
 }
 
 bool parallel_mode(Handle self) {
@@ -657,16 +705,16 @@ py::Coroutine process_body(const Call& call) {
             targets_unique = py::call_method(py::global(call, global::np), name::unique, present);
         }
         size_bytes = py::in_place_add(size_bytes, byte_size(dset));
-        Ref number_of_features = py::item(py::getattr(py::getattr(dset, name::X), name::shape), 1);
+        Ref number_of_features = shape_item(py::getattr(dset, name::X), 1);
         if (!py::getattr(dset, name::orig).is_none()) {
-            number_of_features_orig =
-                py::item(py::getattr(py::getattr(dset, name::orig), name::shape), 1);
+            number_of_features_orig = shape_item(py::getattr(dset, name::orig), 1);
         }
         number_of_samples =
             py::in_place_add(number_of_samples, py::size(py::length(py::getattr(dset, name::ind))));
         call_own(self, own::_add_to_buffer, dset);
 
-        Ref build_params = py::new_dict();
+        // Sized for its seven keys up front, as a dict display is.
+        Ref build_params = Ref::steal(_PyDict_NewPresized(7));
         py::set_item(build_params, kNumberOfFeatures, number_of_features);
         py::set_item(build_params, kNumberOfFeaturesOrig, number_of_features_orig);
         py::set_item(build_params, kNumberOfSamples, number_of_samples);
