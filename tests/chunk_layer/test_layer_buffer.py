@@ -10,7 +10,7 @@ import numpy as np
 import pytest
 from quillmarsh.core.tree.chunk_layer import ChunkLayer
 
-from chunk_support import RecordingDataManager, RecordingParent, make_dataset, rows_of
+from chunk_support import RecordingDataManager, RecordingParent, make_dataset, patch_node_class, rows_of
 from quillmarsh.core.helpers import align_arrays_by_key as real_align_arrays_by_key
 from quillmarsh.core.tree import chunk_layer
 from quillmarsh.data.common import Dataset
@@ -1155,3 +1155,55 @@ def test_update_uses_overridden_has_buffer(monkeypatch) -> None:
     layer.update_buffer(np.array([0]), None, np.array([5.0]))
     assert fake.calls == []
     np.testing.assert_array_equal(layer.buffer.y, [0.0, 10.0])
+
+
+# ----------------------------------------------------------------------------------------------------
+# the row count of X, whatever kind of array X is
+
+
+class ReportedShape(np.ndarray):
+    """An ndarray subclass that reports a shape of its own."""
+
+    @property
+    def shape(self):
+        return (7, 1)
+
+
+def test_the_row_count_of_a_plain_array_is_a_plain_int() -> None:
+    layer = make_layer()
+    layer.buffer = (None, np.zeros((5, 2)))
+    size = layer.get_buffer_size()
+    assert type(size) is int and size == 5
+    assert layer.has_buffer() is True
+    layer.buffer = (None, np.zeros((0, 2)))
+    assert layer.has_buffer() is False and layer.get_buffer_size() == 0
+
+
+def test_an_array_subclass_is_asked_for_its_shape() -> None:
+    layer = make_layer()
+    layer.buffer = (None, np.zeros((2, 1)).view(ReportedShape))
+    assert layer.has_buffer() is True
+    assert layer.get_buffer_size() == 7
+
+
+def test_a_zero_dimensional_x_fails_as_its_empty_shape_does() -> None:
+    layer = make_layer()
+    layer.buffer = (None, np.float64(1.0) * np.ones(()))
+    with pytest.raises(IndexError, match="tuple index out of range"):
+        layer.has_buffer()
+    layer.buffer = (None, np.array(3.0))
+    with pytest.raises(IndexError, match="tuple index out of range"):
+        layer.get_buffer_size()
+
+
+@pytest.mark.parametrize(
+    ("chunk_size", "sizes", "left"),
+    [(2**70, [], 5), (np.int64(2), [2, 2], 1), (2, [2, 2], 1), (5, [5], 0), (6, [], 5)],
+)
+def test_the_rows_are_compared_with_any_chunk_size(monkeypatch, chunk_size, sizes, left) -> None:
+    patch_node_class(monkeypatch)
+    layer = make_layer(chunk_size=1)
+    layer.set_buffer(list(make_dataset(5)))
+    layer.chunk_size = chunk_size
+    assert [len(node.dset.ind) for node in layer._get_from_buffer()] == sizes
+    assert layer.get_buffer_size() == left
