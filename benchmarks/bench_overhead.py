@@ -250,7 +250,8 @@ def _loops_process(fx: Dict[str, Any], classification: bool) -> Dict[str, Callab
                 dset = Dataset(*item)
                 if classification:
                     targets = unique(filter_missing(concatenate([targets, dset.y])))
-                sum([d.size * d.itemsize for d in dset if d is not None])
+                # the size in MB as text: float formatting that any implementation pays in full
+                str(sum([d.size * d.itemsize for d in dset if d is not None]) / 1048576)
                 sink.buffer = Dataset(*tuple(dset))
                 parent.update_build_params()
                 _floor_cut(sink, sink.buffer, manager)

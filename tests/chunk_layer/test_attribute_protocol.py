@@ -175,3 +175,18 @@ def test_the_node_builder_is_looked_up_before_the_leaf_index_is_read(monkeypatch
     reads.clear()
     list(layer._get_from_buffer())
     assert reads.index("_create_node") < reads.index("chunk_index")
+
+
+def test_a_finalizer_run_by_replacing_an_attribute_changes_what_later_reads_see(monkeypatch):
+    patch_node_class(monkeypatch)
+    layer = buffered_layer(rows=9, chunk_size=3)
+
+    class FinalizedIndex(int):
+        def __del__(self):
+            vars(layer)["chunk_size"] = 2
+
+    layer.chunk_index = FinalizedIndex(0)
+    # the first cut replaces the index; the old one's finalizer shrinks the chunks that follow
+    sizes = [len(node.dset.ind) for node in layer._get_from_buffer()]
+    assert sizes == [3, 2, 2, 2]
+    assert layer.chunk_index == 4
