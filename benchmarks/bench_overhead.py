@@ -15,7 +15,8 @@ For each operation four loops are timed, interleaved, in every repeat:
 The figure reported per implementation is the median over the repeats of
 ``(loop time - harness time) / iterations``, in nanoseconds. ``ratio`` is compiled / baseline; ``own``
 ratio is (compiled - floor) / (baseline - floor), the share of the layer's own work (everything but the
-numpy and collaborator calls) that the compiled code still spends.
+numpy and collaborator calls) that the compiled code still spends. The target is ``own`` <= 0.25: the
+layer's overhead at most a quarter of what the same steps cost in Python beyond the same floor.
 
     .venv/bin/python benchmarks/bench_overhead.py [--repeats N] [--block-ms MS]
 """
@@ -36,7 +37,7 @@ from quillmarsh.core.tree import utils
 from quillmarsh.data.common import Dataset
 
 CHUNK_SIZE = 4
-TARGET_RATIO = 0.25
+TARGET_RATIO = 0.25  # for the own ratio
 IMPLEMENTATIONS = ("compiled", "baseline", "floor", "harness")
 
 
@@ -396,7 +397,8 @@ def run(repeats: int = 9, block_ms: float = 30.0, verbose: bool = True) -> Dict[
                         round(min(samples[op]["baseline"]), 1),
                         round(max(samples[op]["baseline"]), 1),
                     ],
-                    "meets_target": compiled_ns / baseline_ns <= TARGET_RATIO,
+                    "meets_target": own_baseline > 0
+                    and (compiled_ns - floor_ns) / own_baseline <= TARGET_RATIO,
                 }
             )
     finally:
@@ -410,7 +412,7 @@ def run(repeats: int = 9, block_ms: float = 30.0, verbose: bool = True) -> Dict[
 def format_table(report: Dict[str, Any]) -> str:
     lines = [
         f"Per-call overhead (median of {report['repeats']} interleaved repeats; "
-        f"target ratio <= {report['target_ratio']})",
+        f"target own <= {report['target_ratio']})",
         f"{'operation':34} {'compiled ns':>11} {'baseline ns':>11} {'floor ns':>9} {'ratio':>6} "
         f"{'best':>6} {'own':>6}",
     ]

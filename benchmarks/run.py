@@ -1,7 +1,9 @@
 """Runs every benchmark of the chunk layer, prints the tables, writes results.json and throughput.png.
 
-    cd /work/main && .venv/bin/python benchmarks/run.py            # full run, about 3 to 4 minutes
-    .venv/bin/python benchmarks/run.py --quick                      # one repeat each, no memory runs
+    .venv/bin/python benchmarks/run.py            # full run: 4 minutes, plus 10 for instruction counts
+    .venv/bin/python benchmarks/run.py --quick    # one repeat each, no memory runs, no instruction counts
+
+Instruction counts need valgrind; without it they are skipped with a note.
 
 numpy's BLAS is held to one thread (unless the caller sets the variables), so that the two pool workers
 of the parallel runs do not compete with BLAS threads on a 2-core machine and the figures are stable.
@@ -25,6 +27,7 @@ from pathlib import Path
 from typing import Any, Dict
 
 import bench_end_to_end
+import bench_instructions
 import bench_overhead
 import numpy as np
 
@@ -101,13 +104,24 @@ def main() -> None:
     parser = argparse.ArgumentParser(
         description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter
     )
-    parser.add_argument("--quick", action="store_true", help="one repeat of everything, no memory runs")
+    parser.add_argument(
+        "--quick", action="store_true", help="one repeat of everything, no memory runs, no instruction counts"
+    )
     parser.add_argument("--output-dir", type=Path, default=HERE)
     args = parser.parse_args()
 
     started = time.perf_counter()
     print("== per-call overhead (no-op collaborators)", flush=True)
     overhead = bench_overhead.run(repeats=3 if args.quick else 9, block_ms=15.0 if args.quick else 30.0)
+    print()
+    instructions = None
+    if args.quick:
+        print("== instruction counts: skipped (--quick)")
+    elif bench_instructions.valgrind() is None:
+        print("== instruction counts: skipped (valgrind is not on the PATH)")
+    else:
+        print("== per-call overhead in instructions (callgrind)", flush=True)
+        instructions = bench_instructions.run()
     print()
     print("== end to end", flush=True)
     print(bench_end_to_end.HEADER, flush=True)
@@ -116,6 +130,7 @@ def main() -> None:
     results = {
         "environment": environment(),
         "overhead": overhead,
+        "instructions": instructions,
         "end_to_end": end_to_end,
         "wall_seconds": round(time.perf_counter() - started, 1),
     }
@@ -126,6 +141,9 @@ def main() -> None:
     print()
     print(bench_overhead.format_table(overhead))
     print()
+    if instructions is not None:
+        print(bench_instructions.format_table(instructions))
+        print()
     print(bench_end_to_end.format_table(end_to_end))
     print()
     print(

@@ -72,21 +72,23 @@ class InstanceName {
     const py::Str& name() const noexcept { return name_; }
 
     // The value under this name in `dict` (borrowed, the dict keeps it), or null when absent.
-    PyObject* find_in(PyObject* dict) {
+    [[gnu::always_inline]] PyObject* find_in(PyObject* dict) {
         const std::uint64_t version = reinterpret_cast<PyDictObject*>(dict)->ma_version_tag;
-        if (dict != dict_ || version != version_) {
-            PyObject* value = PyDict_GetItemWithError(dict, name_.get());
-            if (value == nullptr && PyErr_Occurred()) throw py::Error{};
-            // The tag from before the look-up: should the look-up itself change the dict (a key
-            // with a Python __eq__), the next read looks again.
-            dict_ = dict;
-            version_ = version;
-            value_ = value;
-        }
+        if (dict != dict_ || version != version_) look_up(dict, version);
         return value_;
     }
 
   private:
+    [[gnu::noinline]] void look_up(PyObject* dict, std::uint64_t version) {
+        PyObject* value = PyDict_GetItemWithError(dict, name_.get());
+        if (value == nullptr && PyErr_Occurred()) throw py::Error{};
+        // The tag from before the look-up: should the look-up itself change the dict (a key
+        // with a Python __eq__), the next read looks again.
+        dict_ = dict;
+        version_ = version;
+        value_ = value;
+    }
+
     const py::Str& name_;
     PyObject* dict_ = nullptr;  // only compared, never followed: it may have been freed since
     std::uint64_t version_ = 0;
@@ -118,8 +120,13 @@ InstanceName _get_from_buffer{name::_get_from_buffer};
 // change to the class or to one of its bases gives it a new one.
 class DictAccess {
   public:
-    bool allowed_for(PyTypeObject* type) {
+    [[gnu::always_inline]] bool allowed_for(PyTypeObject* type) {
         if (type == type_ && has_version(type) && type->tp_version_tag == version_) return allowed_;
+        return judge_anew(type);
+    }
+
+  private:
+    [[gnu::noinline]] bool judge_anew(PyTypeObject* type) {
         const bool allowed = judge(type);
         if (has_version(type)) {
             type_ = type;
@@ -129,7 +136,6 @@ class DictAccess {
         return allowed;
     }
 
-  private:
     static bool has_version(PyTypeObject* type) noexcept {
         return PyType_HasFeature(type, Py_TPFLAGS_VALID_VERSION_TAG);
     }
@@ -155,13 +161,20 @@ class DictAccess {
 DictAccess dict_access;
 
 // The instance dict's slot when the layer's class allows direct access (the slot may hold null:
-// no dict yet), else null.
-PyObject** dict_slot(Handle self) noexcept {
-    if (!dict_access.allowed_for(Py_TYPE(self.get()))) return nullptr;
+// no dict yet), else null. Reads and writes of the layer's attributes are the commonest thing the
+// layer does, so this path is compiled into each of them.
+[[gnu::always_inline]] inline PyObject** dict_slot(Handle self) noexcept {
+    PyTypeObject* type = Py_TYPE(self.get());
+    if (!dict_access.allowed_for(type)) return nullptr;
+    // A positive offset is the same in every instance; the interpreter works out the others.
+    if (type->tp_dictoffset > 0) {
+        return reinterpret_cast<PyObject**>(reinterpret_cast<char*>(self.get()) +
+                                            type->tp_dictoffset);
+    }
     return _PyObject_GetDictPtr(self.get());
 }
 
-Ref attribute(Handle self, InstanceName& attribute_name) {
+[[gnu::always_inline]] inline Ref attribute(Handle self, InstanceName& attribute_name) {
     PyObject** slot = dict_slot(self);
     if (slot != nullptr && *slot != nullptr) {
         if (PyObject* value = attribute_name.find_in(*slot)) return Ref::borrow(value);
@@ -199,9 +212,8 @@ Ref call_own(Handle self, InstanceName& method, Args&&... args) {
     // Held for the call: the body may change the class and so drop the class's reference.
     Ref function = Ref::borrow(method_from_class(self, method));
     if (!function) return py::call_method(self, method.name(), args...);
-    std::array<PyObject*, sizeof...(Args) + 1> stack{self.get(), Handle(args).get()...};
-    return Ref::steal(
-        PyObject_Vectorcall(function.get(), stack.data(), sizeof...(Args) + 1, nullptr));
+    const std::array<PyObject*, sizeof...(Args) + 1> stack{self.get(), Handle(args).get()...};
+    return py::call_positional(function, stack);
 }
 
 // self.method, looked up as Python looks it up: before the arguments of the call are evaluated.
@@ -583,18 +595,26 @@ Ref chunk_dtype(Handle self) {
 Ref slice_buffer(const Call& call, Handle buffer, bool head) {
     Handle self = call[0];
     Ref dataset_type = py::global(call, global::Dataset);
-    py::TupleBuilder fields;
-    Ref field_iterator = py::iter(buffer);
-    while (Ref field = py::next(field_iterator)) {
-        if (field.is_none()) {
-            fields.append(std::move(field));
-            continue;
-        }
+    auto cut = [&](Ref field) -> Ref {
+        if (field.is_none()) return field;
         Ref bound = attribute(self, own::chunk_size);
         Ref range = Ref::steal(head ? PySlice_New(nullptr, bound.get(), nullptr)
                                     : PySlice_New(bound.get(), nullptr, nullptr));
-        fields.append(py::item(field, range));
+        return py::item(field, range);
+    };
+    if (py::iterates_as_tuple(buffer.get())) {
+        // A record: its fields in place, and the new record's tuple made at its final size.
+        const Py_ssize_t count = PyTuple_GET_SIZE(buffer.get());
+        Ref fields = Ref::steal(PyTuple_New(count));
+        for (Py_ssize_t i = 0; i < count; ++i) {
+            Ref part = cut(Ref::borrow(PyTuple_GET_ITEM(buffer.get(), i)));
+            PyTuple_SET_ITEM(fields.get(), i, part.release());
+        }
+        return py::call_tuple(dataset_type, fields);
     }
+    py::TupleBuilder fields;
+    Ref field_iterator = py::iter(buffer);
+    while (Ref field = py::next(field_iterator)) fields.append(cut(std::move(field)));
     return py::call_tuple(dataset_type, fields.build());
 }
 

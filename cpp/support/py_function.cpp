@@ -429,6 +429,19 @@ Ref function_qualname(Handle function) {
     return as_function(function.get())->fields.qualname;
 }
 
+Ref call_positional(Handle function, std::span<PyObject* const> args) {
+    PyObject* object = function.get();
+    if (Py_TYPE(object) == &function_type) {
+        const FunctionObject& compiled = *as_function(object);
+        if (args.size() == compiled.fields.definition->parameters.size()) {
+            Call call{object, compiled.fields.globals.get(), compiled.fields.closure.get(),
+                      args.data()};
+            return compiled.fields.definition->body(call);
+        }
+    }
+    return Ref::steal(PyObject_Vectorcall(object, args.data(), args.size(), nullptr));
+}
+
 Ref global(Handle globals, const Str& name) {
     PyObject* value = PyDict_GetItemWithError(globals.get(), name.get());
     if (value == nullptr && !PyErr_Occurred()) {

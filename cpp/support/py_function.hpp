@@ -61,6 +61,11 @@ void ready_function_type();
 Ref make_function(const FunctionDef& definition, Handle module_name, Handle globals,
                   Handle closure = nullptr);
 
+// function(*args), for a callable of any kind. A function of this type given exactly its parameters
+// runs its body at once: with every parameter given by position there is nothing to parse, and
+// defaults are never consulted.
+Ref call_positional(Handle function, std::span<PyObject* const> args);
+
 // The current __name__ and __qualname__ of a function object (for the generators it makes).
 Ref function_name(Handle function);
 Ref function_qualname(Handle function);

@@ -12,6 +12,7 @@
 #include <exception>
 #include <initializer_list>
 #include <new>
+#include <span>
 #include <utility>
 #include <vector>
 
@@ -162,14 +163,18 @@ inline Ref tuple_from(const std::vector<Ref>& items) {
     return result;
 }
 
-// The tuple of an iterable: an exact tuple as it is, anything else walked into a new one. A tuple
-// subclass that keeps tuple's own iteration and length (a named record) would give exactly its
-// items, so they are copied directly.
+// A tuple, or a subclass that keeps tuple's own iteration and length (a named record): walking
+// it, or asking its length, gives exactly its items and their count, so both can be read directly.
+inline bool iterates_as_tuple(PyObject* object) noexcept {
+    return PyTuple_Check(object) && Py_TYPE(object)->tp_iter == PyTuple_Type.tp_iter &&
+           Py_TYPE(object)->tp_as_sequence->sq_length == PyTuple_Type.tp_as_sequence->sq_length;
+}
+
+// The tuple of an iterable: an exact tuple as it is, anything else walked into a new one (a named
+// record's items copied directly).
 inline Ref as_tuple(Handle iterable) {
     PyObject* object = iterable.get();
-    if (PyTuple_Check(object) && !PyTuple_CheckExact(object) &&
-        Py_TYPE(object)->tp_iter == PyTuple_Type.tp_iter &&
-        Py_TYPE(object)->tp_as_sequence->sq_length == PyTuple_Type.tp_as_sequence->sq_length) {
+    if (!PyTuple_CheckExact(object) && iterates_as_tuple(object)) {
         return Ref::steal(PyTuple_GetSlice(object, 0, PyTuple_GET_SIZE(object)));
     }
     return Ref::steal(PySequence_Tuple(object));
