@@ -152,6 +152,49 @@ def test_every_field_is_cut_alike(monkeypatch) -> None:
     np.testing.assert_array_equal(layer.buffer.orig, old.orig[100:])
 
 
+class FieldList(list):
+    """A buffer of fields that is no record: walked only through its own iterator."""
+
+    def __iter__(self):
+        self.walks = getattr(self, "walks", 0) + 1
+        return super().__iter__()
+
+
+@pytest.mark.parametrize("kind", [list, tuple, FieldList])
+def test_a_buffer_of_any_sequence_is_cut_field_by_field_into_records(monkeypatch, kind) -> None:
+    patch_node_class(monkeypatch)
+    layer = make_layer(chunk_size=2)
+    buffer = kind(make_dataset(5))
+    layer.buffer = buffer
+
+    first = next(layer._get_from_buffer()).dset
+
+    assert type(first) is Dataset and type(layer.buffer) is Dataset
+    assert first.ind.tolist() == [0, 1] and layer.buffer.ind.tolist() == [2, 3, 4]
+    assert first.y.tolist() == [0.0, 10.0] and layer.buffer.props is None
+    if kind is FieldList:
+        assert buffer.walks == 2  # the chunk, then the remainder
+
+
+def test_a_record_with_its_own_iteration_is_walked_through_it(monkeypatch) -> None:
+    patch_node_class(monkeypatch)
+    walks = []
+
+    class Reversed(Dataset):
+        def __iter__(self):
+            walks.append(1)
+            return iter(tuple.__getitem__(self, slice(None, None, -1)))
+
+    layer = make_layer(chunk_size=2)
+    layer.buffer = Reversed(*make_dataset(5))
+
+    first = next(layer._get_from_buffer()).dset
+
+    assert walks == [1, 1]  # the chunk, then the remainder
+    # the fields came in reverse order, so the new records hold them reversed
+    assert first.orig.tolist() == [0, 1] and first.ind is None
+
+
 def test_counter_and_buffer_are_updated_before_each_yield(monkeypatch) -> None:
     patch_node_class(monkeypatch)
     layer = make_layer(250, chunk_index=3)
