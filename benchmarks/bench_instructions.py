@@ -90,8 +90,6 @@ def run(calls: int = 10_000, jobs: Optional[int] = None, operations: Optional[Li
     results = []
     for op in names:
         compiled, baseline, floor = (per_call[(op, impl)] for impl in IMPLEMENTATIONS)
-        own_baseline = baseline - floor
-        own_ratio = (compiled - floor) / own_baseline if own_baseline > 0 else None
         results.append(
             {
                 "operation": op,
@@ -99,10 +97,7 @@ def run(calls: int = 10_000, jobs: Optional[int] = None, operations: Optional[Li
                 "compiled_instructions": round(compiled),
                 "baseline_instructions": round(baseline),
                 "floor_instructions": round(floor),
-                "ratio": round(compiled / baseline, 3),
-                "best_ratio": round(floor / baseline, 3),
-                "own_ratio": None if own_ratio is None else round(own_ratio, 3),
-                "meets_target": own_ratio is not None and own_ratio <= bench_overhead.TARGET_RATIO,
+                **bench_overhead.ratios(compiled, baseline, floor),
             }
         )
     report = {"calls": calls, "target_ratio": bench_overhead.TARGET_RATIO, "operations": results}
@@ -112,17 +107,11 @@ def run(calls: int = 10_000, jobs: Optional[int] = None, operations: Optional[Li
 
 
 def format_table(report: Dict[str, Any]) -> str:
-    lines = [
+    title = (
         f"Per-call overhead in instructions (callgrind, {report['calls']:,} calls; "
-        f"target own <= {report['target_ratio']})",
-        f"{'operation':34} {'compiled':>9} {'baseline':>9} {'floor':>9} {'ratio':>6} {'best':>6} {'own':>6}",
-    ]
-    for r in report["operations"]:
-        own = "n/a" if r["own_ratio"] is None else f"{r['own_ratio']:.3f}"
-        lines.append(
-            f"{r['operation']:34} {r['compiled_instructions']:9,} {r['baseline_instructions']:9,} "
-            f"{r['floor_instructions']:9,} {r['ratio']:6.3f} {r['best_ratio']:6.3f} {own:>6}"
-        )
+        f"target own <= {report['target_ratio']})"
+    )
+    lines = bench_overhead.ratio_table(title, report, "instructions", "11,")
     lines.append("own = (compiled-floor)/(baseline-floor): the layer's overhead as a share of the baseline's")
     return "\n".join(lines)
 

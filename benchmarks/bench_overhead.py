@@ -374,7 +374,6 @@ def run(repeats: int = 9, block_ms: float = 30.0, verbose: bool = True) -> Dict[
         for op, note, _loops, n in plans:
             med = {name: statistics.median(samples[op][name]) for name in IMPLEMENTATIONS}
             compiled_ns, baseline_ns, floor_ns = med["compiled"], med["baseline"], med["floor"]
-            own_baseline = baseline_ns - floor_ns
             results.append(
                 {
                     "operation": op,
@@ -384,11 +383,7 @@ def run(repeats: int = 9, block_ms: float = 30.0, verbose: bool = True) -> Dict[
                     "baseline_ns": round(baseline_ns, 1),
                     "floor_ns": round(floor_ns, 1),
                     "harness_ns": round(med["harness"], 1),
-                    "ratio": round(compiled_ns / baseline_ns, 3),
-                    "best_ratio": round(floor_ns / baseline_ns, 3),
-                    "own_ratio": round((compiled_ns - floor_ns) / own_baseline, 3)
-                    if own_baseline > 0
-                    else None,
+                    **ratios(compiled_ns, baseline_ns, floor_ns),
                     "compiled_spread_ns": [
                         round(min(samples[op]["compiled"]), 1),
                         round(max(samples[op]["compiled"]), 1),
@@ -397,8 +392,6 @@ def run(repeats: int = 9, block_ms: float = 30.0, verbose: bool = True) -> Dict[
                         round(min(samples[op]["baseline"]), 1),
                         round(max(samples[op]["baseline"]), 1),
                     ],
-                    "meets_target": own_baseline > 0
-                    and (compiled_ns - floor_ns) / own_baseline <= TARGET_RATIO,
                 }
             )
     finally:
@@ -409,19 +402,38 @@ def run(repeats: int = 9, block_ms: float = 30.0, verbose: bool = True) -> Dict[
     return report
 
 
-def format_table(report: Dict[str, Any]) -> str:
+def ratios(compiled: float, baseline: float, floor: float) -> Dict[str, Any]:
+    """The ratios of one operation's three figures, and whether its own ratio meets the target."""
+    own_baseline = baseline - floor
+    own = (compiled - floor) / own_baseline if own_baseline > 0 else None
+    return {
+        "ratio": round(compiled / baseline, 3),
+        "best_ratio": round(floor / baseline, 3),
+        "own_ratio": None if own is None else round(own, 3),
+        "meets_target": own is not None and own <= TARGET_RATIO,
+    }
+
+
+def ratio_table(title: str, report: Dict[str, Any], unit: str, number: str) -> List[str]:
+    """The lines of a table of figures (keys ``compiled_<unit>`` and so on) and ratios, one per operation."""
     lines = [
-        f"Per-call overhead (median of {report['repeats']} interleaved repeats; "
-        f"target own <= {report['target_ratio']})",
-        f"{'operation':34} {'compiled ns':>11} {'baseline ns':>11} {'floor ns':>9} {'ratio':>6} "
-        f"{'best':>6} {'own':>6}",
+        title,
+        f"{'operation':34} {'compiled':>11} {'baseline':>11} {'floor':>11} "
+        f"{'ratio':>6} {'best':>6} {'own':>6}",
     ]
     for r in report["operations"]:
         own = "n/a" if r["own_ratio"] is None else f"{r['own_ratio']:.3f}"
-        lines.append(
-            f"{r['operation']:34} {r['compiled_ns']:11.0f} {r['baseline_ns']:11.0f} {r['floor_ns']:9.0f} "
-            f"{r['ratio']:6.3f} {r['best_ratio']:6.3f} {own:>6}"
-        )
+        figures = " ".join(format(r[f"{name}_{unit}"], number) for name in ("compiled", "baseline", "floor"))
+        lines.append(f"{r['operation']:34} {figures} {r['ratio']:6.3f} {r['best_ratio']:6.3f} {own:>6}")
+    return lines
+
+
+def format_table(report: Dict[str, Any]) -> str:
+    title = (
+        f"Per-call overhead in ns (median of {report['repeats']} interleaved repeats; "
+        f"target own <= {report['target_ratio']})"
+    )
+    lines = ratio_table(title, report, "ns", "11,.0f")
     lines.append(
         "ratio = compiled/baseline; best = floor/baseline, the ratio a layer costing nothing beyond its"
     )
