@@ -1,6 +1,6 @@
 """Runs every benchmark of the chunk layer, prints the tables, writes results.json and throughput.png.
 
-    .venv/bin/python benchmarks/run.py            # full run: 4 minutes, plus 10 for instruction counts
+    .venv/bin/python benchmarks/run.py            # full run: about 10 minutes, 6 of them instruction counts
     .venv/bin/python benchmarks/run.py --quick    # one repeat each, no memory runs, no instruction counts
 
 Instruction counts need valgrind; without it they are skipped with a note.
