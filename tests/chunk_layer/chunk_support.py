@@ -3,6 +3,7 @@ layer and its nodes call (data manager, parent, node class)."""
 
 from __future__ import annotations
 
+import threading
 from typing import Any, List, Optional, Tuple
 
 import numpy as np
@@ -24,6 +25,28 @@ def make_dataset(rows: int, start: int = 0, features: int = 3, *, y: bool = True
         ind * 100 if props else None,
         X * 2 if orig else None,
     )
+
+
+class Sentinel:
+    """A plain object with a readable name, to be passed through and recognised by identity."""
+
+    def __init__(self, name: str) -> None:
+        self.name = name
+
+    def __repr__(self) -> str:
+        return f"<{self.name}>"
+
+
+class ThreadRecordingCallback:
+    """An `after_create_leaf_node` callback that records (node, leaf index, thread), from any thread."""
+
+    def __init__(self) -> None:
+        self.lock = threading.Lock()
+        self.seen: List[Tuple[Any, Any, threading.Thread]] = []
+
+    def __call__(self, node: Any, leaf: Any) -> None:
+        with self.lock:
+            self.seen.append((node, leaf, threading.current_thread()))
 
 
 class CallRecorder:

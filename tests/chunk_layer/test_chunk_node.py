@@ -16,7 +16,7 @@ from quillmarsh.core.tree.chunk_layer import (
     ChunkSensitivitiesParams,
 )
 
-from chunk_support import RecordingDataManager, make_dataset
+from chunk_support import RecordingDataManager, Sentinel, make_dataset
 from quillmarsh.core.coreset import CoresetKMeans, CoresetLinearRegression
 from quillmarsh.core.tree import chunk_layer
 from quillmarsh.data.common import Dataset
@@ -33,14 +33,6 @@ HEX32 = re.compile(r"[0-9a-f]{32}")
 
 # ----------------------------------------------------------------------------------------------------
 # local helpers
-
-
-class Sentinel:
-    def __init__(self, name: str) -> None:
-        self.name = name
-
-    def __repr__(self) -> str:
-        return f"<{self.name}>"
 
 
 class EqualsAnything:

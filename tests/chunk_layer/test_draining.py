@@ -15,6 +15,7 @@ from chunk_support import (
     CreateNodeRecordingLayer,
     RecordingDataManager,
     RecordingParent,
+    ThreadRecordingCallback,
     make_dataset,
     patch_node_class,
     rows_of,
@@ -645,12 +646,8 @@ def test_memory_check_holds_back_only_when_too_big_and_busy(monkeypatch, pool, b
 
 def test_parallel_mode_with_the_shared_pool(monkeypatch, real_pool) -> None:
     node_cls = patch_node_class(monkeypatch)
-    lock = threading.Lock()
-    seen: List[Tuple[Any, Any, threading.Thread]] = []
-
-    def callback(node: Any, leaf: Any) -> None:
-        with lock:
-            seen.append((node, leaf, threading.current_thread()))
+    callback = ThreadRecordingCallback()
+    seen = callback.seen
 
     layer = make_layer(1005, chunk_size=50, chunk_index=3, n_jobs=2, cls=chunk_layer.ChunkLayer)
 

@@ -10,7 +10,14 @@ import numpy as np
 import pytest
 from quillmarsh.core.tree.chunk_layer import ChunkLayer
 
-from chunk_support import RecordingDataManager, RecordingParent, make_dataset, patch_node_class, rows_of
+from chunk_support import (
+    RecordingDataManager,
+    RecordingParent,
+    Sentinel,
+    make_dataset,
+    patch_node_class,
+    rows_of,
+)
 from quillmarsh.core.helpers import align_arrays_by_key as real_align_arrays_by_key
 from quillmarsh.core.tree import chunk_layer
 from quillmarsh.data.common import Dataset
@@ -38,14 +45,6 @@ def make_layer(dm=None, parent=None, **kwargs) -> ChunkLayer:
     """A layer with a recording data manager and a recording parent unless others are given."""
     return ChunkLayer(dm if dm is not None else RecordingDataManager(),
                       parent=parent if parent is not None else RecordingParent(), **kwargs)
-
-
-class Sentinel:
-    def __init__(self, name: str) -> None:
-        self.name = name
-
-    def __repr__(self) -> str:
-        return f"<{self.name}>"
 
 
 class Comparable:

@@ -15,6 +15,7 @@ from chunk_support import (
     CallRecorder,
     RecordingDataManager,
     RecordingParent,
+    ThreadRecordingCallback,
     make_dataset,
     patch_node_class,
     rows_of,
@@ -617,12 +618,8 @@ def test_a_field_without_a_size_fails_with_attribute_error() -> None:
 
 def test_parallel_processing_with_the_shared_pool(monkeypatch, real_pool) -> None:
     node_cls = patch_node_class(monkeypatch)
-    lock = threading.Lock()
-    seen: List[Tuple[Any, Any, threading.Thread]] = []
-
-    def callback(node: Any, leaf: Any) -> None:
-        with lock:
-            seen.append((node, leaf, threading.current_thread()))
+    callback = ThreadRecordingCallback()
+    seen = callback.seen
 
     layer = make_layer(chunk_size=50, n_jobs=2, cls=chunk_layer.ChunkLayer)
 
