@@ -6,6 +6,7 @@ passes, so a caller can hold back memory-hungry work until the rest of the pool 
 
 from __future__ import annotations
 
+import atexit
 import bisect
 import itertools
 import os
@@ -69,6 +70,17 @@ class ThreadPoolManager:
         self._threads: List[threading.Thread] = []
         self._generation = 0  # bumped by shutdown(); workers of an older generation exit
         self._max_workers = max(2, os.cpu_count() or 1)
+        atexit.register(self._stop_at_exit)
+
+    def _stop_at_exit(self) -> None:
+        """At interpreter exit: drop the queued tasks and let the workers go, so no task starts from
+        now on. Running tasks are not waited for: a task that is still running when the interpreter
+        finalises is abandoned there with its thread."""
+        with self._cond:
+            self._queue.clear()
+            self._generation += 1
+            self._threads = []
+            self._cond.notify_all()
 
     @classmethod
     def configure(cls, max_workers: int) -> None:
