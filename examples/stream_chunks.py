@@ -58,7 +58,10 @@ def csv_batches(path: str, target: str, batch_rows: int) -> Tuple[List[str], Lis
         raise SystemExit(f"--target {target!r} is not a column of {path}")
     y = pd.to_numeric(frame.pop(target), errors="coerce").to_numpy(dtype=float)
     names = [str(column) for column in frame.columns]
-    categorical = [i for i, column in enumerate(frame.columns) if frame[column].dtype == object]
+    # Text columns are object columns with pandas 2 and string columns with pandas 3.
+    categorical = [
+        i for i, column in enumerate(frame.columns) if not pd.api.types.is_numeric_dtype(frame[column])
+    ]
     X = frame.to_numpy(dtype=object if categorical else float)
 
     def batches() -> Iterator[Dataset]:

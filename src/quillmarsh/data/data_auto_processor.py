@@ -175,7 +175,8 @@ class DataAutoProcessor:
         """Return the column as a new float64 array, or None when a present value is not a number."""
         if column.dtype.kind in "biuf":
             return column.astype(np.float64)
-        values = pd.to_numeric(pd.Series(column, dtype=object), errors="coerce").to_numpy(dtype=np.float64)
+        # A new writable array: pandas 3 hands out read-only views (copy on write).
+        values = np.array(pd.to_numeric(pd.Series(column, dtype=object), errors="coerce"), dtype=np.float64)
         if (np.isnan(values) & ~col_missing).any():
             return None
         return values
