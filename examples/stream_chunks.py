@@ -14,12 +14,14 @@ data. With --out the coresets are saved, and ``quillmarsh.io.load_coresets`` loa
 
     python examples/stream_chunks.py                           # synthetic data, sequential
     python examples/stream_chunks.py --csv data.csv --target price --out coresets/
-    python examples/stream_chunks.py --csv data.csv --target price --jobs 2 --chunk-size 50000
+    OPENBLAS_NUM_THREADS=1 python examples/stream_chunks.py --csv data.csv --target price --jobs 4
 
---jobs N builds chunks on N worker threads. Measured on 2 cores (numpy 2, 203,500 rows of 8
-features): it pays only with large chunks, about 1.3 times faster from 50,000 rows per chunk on;
-below 10,000 rows per chunk it is slower than sequential, because the builds are short and mostly
-numpy work that already uses the cores.
+--jobs N builds chunks on N worker threads. On 2 cores it does not pay, whatever the chunk size:
+measured with 200,000 rows of 8 features and chunks of 5,000 to 100,000 rows, --jobs 2 took 1.1 to
+1.7 times as long as the sequential run, since numpy's BLAS already spreads each chunk's products
+and SVD over both cores; with OPENBLAS_NUM_THREADS=1 both modes took the same time, as reading and
+the Python parts of preprocessing hold the interpreter lock. It can pay only with more cores than
+that, large chunks (50,000 rows and more) and OPENBLAS_NUM_THREADS=1.
 """
 
 from __future__ import annotations
@@ -429,8 +431,10 @@ def plot(path: str, judgement: Judgement, compression: Dict[str, float]) -> None
 def parse(argv: Optional[Sequence[str]]) -> argparse.Namespace:
     parser = ArgumentParser(
         description=__doc__.split("\n\n")[0],
-        epilog="Parallel building (--jobs): on 2 cores it pays only for chunks of about 50,000 rows or "
-        "more (about 1.3x); with smaller chunks it is slower than sequential.",
+        epilog="Parallel building (--jobs): measured on 2 cores it never paid (1.1-1.7x slower with "
+        "chunks of 5,000 to 100,000 rows; equal with OPENBLAS_NUM_THREADS=1), because numpy already "
+        "uses both cores for each chunk. Try it only with more cores, chunks of 50,000 rows or more, "
+        "and OPENBLAS_NUM_THREADS=1.",
     )
     parser.add_argument("--csv", help="stream this CSV file (with --target) instead of synthetic data")
     parser.add_argument("--target", help="the CSV column to predict; rows where it is missing or not a "
@@ -441,8 +445,8 @@ def parse(argv: Optional[Sequence[str]]) -> argparse.Namespace:
                         help="rows read and fed to the layer at a time (default %(default)s)")
     parser.add_argument("--chunk-size", type=int, default=DEFAULTS["chunk_size"],
                         help="rows per chunk (default %(default)s)")
-    parser.add_argument("--jobs", type=int, help="build chunks on N worker threads (N >= 2; pays only "
-                        "with large chunks, see below)")
+    parser.add_argument("--jobs", type=int, help="build chunks on N worker threads (N >= 2; see below "
+                        "for when it pays)")
     parser.add_argument("--max-text-values", type=int, default=1000,
                         help="leave out a text column with more distinct values than this in its first "
                         "chunk (default %(default)s)")

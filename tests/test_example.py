@@ -11,6 +11,10 @@ import pytest
 
 from quillmarsh.io import load_coresets
 
+# The example draws its progress bar with tqdm and its picture with matplotlib.
+pytest.importorskip("tqdm")
+pytest.importorskip("matplotlib")
+
 EXAMPLE = Path(__file__).resolve().parents[1] / "examples" / "stream_chunks.py"
 ROWS = 1200
 

@@ -95,7 +95,7 @@ def save_coresets(directory: PathLike, coresets: Sequence[StoredCoreset], overwr
                   "ind": np.asarray(coreset.ind)}
         if coreset.y is not None:
             arrays["y"] = np.asarray(coreset.y)
-        np.savez(os.path.join(directory, name), **arrays)
+        np.savez(os.path.join(directory, name), **arrays)  # type: ignore[arg-type]  # numpy's stubs
         entries.append({
             "node_id": str(coreset.node_id),
             "rows": int(coreset.rows),

@@ -61,10 +61,9 @@ def as_seconds(column: np.ndarray) -> np.ndarray:
     Text is read as ISO 8601 (``2024-05-01``, ``2024-05-01 13:45:00``, with or without an offset); a
     timestamp without an offset is taken as UTC.
     """
-    if column.dtype.kind == "M":
-        stamps = pd.to_datetime(column, utc=True)
-    else:
-        stamps = pd.to_datetime(pd.Series(column, dtype=object), errors="coerce", format="ISO8601", utc=True)
+    series = pd.Series(column) if column.dtype.kind == "M" else pd.Series(column, dtype=object)
+    stamps = pd.to_datetime(series, errors="coerce", format="ISO8601" if column.dtype.kind != "M" else None,
+                            utc=True)
     return np.array((stamps - pd.Timestamp(0, tz="UTC")) / pd.Timedelta(seconds=1), dtype=np.float64)
 
 
