@@ -17,9 +17,9 @@ data. With --out the coresets are saved, and ``quillmarsh.io.load_coresets`` loa
     OPENBLAS_NUM_THREADS=1 python examples/stream_chunks.py --csv data.csv --target price --jobs 4
 
 --jobs N builds chunks on N worker threads. On 2 cores it does not pay, whatever the chunk size:
-measured with 200,000 rows of 8 features and chunks of 5,000 to 100,000 rows, --jobs 2 took 1.1 to
-1.7 times as long as the sequential run, since numpy's BLAS already spreads each chunk's products
-and SVD over both cores; with OPENBLAS_NUM_THREADS=1 both modes took the same time, as reading and
+measured with 200,000 rows of 8 features and chunks of 5,000 to 100,000 rows, --jobs 2 took 1.05
+to 1.4 times as long as the sequential run, since numpy's BLAS already spreads each chunk's products
+and SVD over both cores; with OPENBLAS_NUM_THREADS=1 neither mode won consistently, as reading and
 the Python parts of preprocessing hold the interpreter lock. It can pay only with more cores than
 that, large chunks (50,000 rows and more) and OPENBLAS_NUM_THREADS=1.
 """
@@ -431,10 +431,10 @@ def plot(path: str, judgement: Judgement, compression: Dict[str, float]) -> None
 def parse(argv: Optional[Sequence[str]]) -> argparse.Namespace:
     parser = ArgumentParser(
         description=__doc__.split("\n\n")[0],
-        epilog="Parallel building (--jobs): measured on 2 cores it never paid (1.1-1.7x slower with "
-        "chunks of 5,000 to 100,000 rows; equal with OPENBLAS_NUM_THREADS=1), because numpy already "
-        "uses both cores for each chunk. Try it only with more cores, chunks of 50,000 rows or more, "
-        "and OPENBLAS_NUM_THREADS=1.",
+        epilog="Parallel building (--jobs): measured on 2 cores it never paid (1.05-1.4x slower with "
+        "chunks of 5,000 to 100,000 rows; no consistent gain with OPENBLAS_NUM_THREADS=1), because "
+        "numpy already uses both cores for each chunk. Try it only with more cores, chunks of 50,000 "
+        "rows or more, and OPENBLAS_NUM_THREADS=1.",
     )
     parser.add_argument("--csv", help="stream this CSV file (with --target) instead of synthetic data")
     parser.add_argument("--target", help="the CSV column to predict; rows where it is missing or not a "
@@ -654,6 +654,11 @@ def run(args: argparse.Namespace) -> Dict[str, object]:
             "k-means cost, coresets": f"{judgement.km_cost_coreset:.5g}",
             "k-means quality ratio": round(judgement.km_cost_full / judgement.km_cost_coreset, 4)
             if judgement.km_cost_coreset > 0 else "-",
+            "k-means, coresets vs full data":
+                f"{compression['kmeans']:.1f}x smaller, quality ratio {summary_ratio(judgement, 'kmeans')}",
+            "linear regression, coresets vs full":
+                f"{compression['linear_regression']:.1f}x smaller, quality ratio "
+                f"{summary_ratio(judgement, 'linear_regression')}",
             "evaluation time (s)": round(judgement.seconds, 3),
         })
         if args.plot is not None:
@@ -668,8 +673,8 @@ def run(args: argparse.Namespace) -> Dict[str, object]:
           f"chunk + batch rows{', and up to 2 x jobs chunks waiting or built' if parallel else ''}), "
           f"plus at most {MAX_HELD_OUT:,} held-out rows and the coresets; not the file.")
     if judgement is not None:
-        print("  Quality ratio: the full-data model's score over the coresets' (R² on held-out rows; "
-              "k-means: cost), 1.0 = as good as the full data.")
+        print("  Quality ratio: the coresets' model against the full data's (R² on held-out rows, coresets "
+              "over full; k-means cost, full over coresets): 1.0 = as good, below 1 = worse.")
     for note in notes:
         print(f"  Note: {note}")
     if judgement is not None:
@@ -679,6 +684,15 @@ def run(args: argparse.Namespace) -> Dict[str, object]:
             print(f"    {name[:34]:<34} {full:>12.5g} | {core:>12.5g}")
     summary["notes"] = notes
     return summary
+
+
+def summary_ratio(judgement: Judgement, model: str) -> str:
+    if model == "kmeans":
+        cost = judgement.km_cost_coreset
+        ratio = judgement.km_cost_full / cost if cost > 0 else float("nan")
+    else:
+        ratio = quality(judgement.r2_coreset, judgement.r2_full)
+    return f"{ratio:.4f}"
 
 
 def quality(coreset_score: float, full_score: float) -> float:
