@@ -86,9 +86,9 @@ class FeatureSpace:
     """The processed columns of one stream and how each input column maps to them. Thread-safe.
 
     ``feature_names`` lists the processed columns ("size", "colour=red", "colour=<other>", ...), in the
-    order they were added. ``notes`` says which input columns were left out and why, and where text was
-    found in a numeric column. ``kinds`` gives each input column's kind by name: "numeric", "timestamp",
-    "categorical", "excluded", or None while no chunk had a present value in it.
+    order they were added. ``notes`` says which input columns were left out and why, and where text
+    was found in a numeric or timestamp column. ``kinds`` gives each input column's kind by name:
+    "numeric", "timestamp", "categorical", "excluded", or None while no chunk had a present value in it.
     """
 
     def __init__(self) -> None:
@@ -122,8 +122,9 @@ class FeatureSpace:
             lines = [column.note for column in self._columns if column.note]
             for name, column in zip(self._input_names or [], self._columns):
                 if column.not_numbers:
+                    what = "timestamps" if column.kind == TIMESTAMP else "numbers"
                     lines.append(
-                        f"column {name!r}: {column.not_numbers} value(s) that are not numbers "
+                        f"column {name!r}: {column.not_numbers} value(s) that are not {what} "
                         "taken as missing"
                     )
             return lines
