@@ -38,7 +38,11 @@ from typing import IO, Any, Dict, Iterator, List, NoReturn, Optional, Sequence, 
 import numpy as np
 import pandas as pd
 from quillmarsh.core.tree.chunk_layer import BUFFER_NODE_ID, ChunkLayer, ChunkSensitivitiesParams
-from tqdm import tqdm
+
+try:
+    from tqdm import tqdm
+except ImportError:  # said in one line, like every other problem the user can fix
+    sys.exit("stream_chunks.py: error: the progress bar needs tqdm (pip install tqdm)")
 
 from quillmarsh.common import TaskError, ThreadPoolManager
 from quillmarsh.core.coreset import CoresetKMeans, CoresetLinearRegression
@@ -403,7 +407,10 @@ def judge(source: Any, space: FeatureSpace, coresets: List[StoredCoreset], held_
 
 
 def plot(path: str, judgement: Judgement, compression: Dict[str, float]) -> None:
-    import matplotlib
+    try:
+        import matplotlib
+    except ImportError:
+        raise UserError("--plot needs matplotlib (pip install matplotlib)") from None
 
     matplotlib.use("Agg")
     import matplotlib.pyplot as plt
