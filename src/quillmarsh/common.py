@@ -17,6 +17,9 @@ from typing import Any, Callable, List, Tuple
 # How often idle workers re-run the checks of deferred tasks when nothing else wakes them.
 POLL_INTERVAL = 0.02
 
+# How long the interpreter's exit waits for running tasks before it abandons them.
+EXIT_GRACE = 10.0
+
 
 class TaskError(Exception):
     """Raised by ``ThreadPoolManager.wait_until_idle`` when tasks or checks raised.
@@ -73,14 +76,17 @@ class ThreadPoolManager:
         atexit.register(self._stop_at_exit)
 
     def _stop_at_exit(self) -> None:
-        """At interpreter exit: drop the queued tasks and let the workers go, so no task starts from
-        now on. Running tasks are not waited for: a task that is still running when the interpreter
-        finalises is abandoned there with its thread."""
+        """At interpreter exit: drop the queued tasks and let the workers go, so that no task starts
+        from now on, and give the running tasks up to ``EXIT_GRACE`` seconds to finish. A task still
+        running after that is abandoned: the interpreter ends its thread when it finalises."""
+        deadline = time.monotonic() + EXIT_GRACE
         with self._cond:
             self._queue.clear()
             self._generation += 1
             self._threads = []
             self._cond.notify_all()
+            while self._running and time.monotonic() < deadline:
+                self._cond.wait(deadline - time.monotonic())
 
     @classmethod
     def configure(cls, max_workers: int) -> None:

@@ -52,8 +52,8 @@ def test_exit_while_daemon_threads_are_inside_every_public_callable() -> None:
         assert_no_crash_report(result)
 
 
-def test_no_queued_pool_task_starts_once_the_interpreter_exits() -> None:
+def test_at_exit_the_running_pool_task_finishes_and_no_queued_one_starts() -> None:
     result = run("exit_with_queued_tasks.py")
     lines: List[str] = result.stdout.splitlines()
     assert result.returncode == 3, result.stderr
-    assert lines == ["exit handler done"]
+    assert lines == ["running task finished", "exit handler done"]
