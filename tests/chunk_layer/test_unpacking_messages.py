@@ -77,7 +77,7 @@ def test_the_name_in_the_message_follows_a_patched_record_class(monkeypatch) -> 
     assert_same_error(lambda: next(make_layer().process([7])), lambda: Record(*7))
 
 
-@pytest.mark.parametrize("result", [7, None, (1,), (1, 2, 3), "ab", "abc"], ids=repr)
+@pytest.mark.parametrize("result", [7, None, (1,), (1, 2, 3), "abc"], ids=repr)
 def test_get_buffer_unpacks_as_the_assignment_does(monkeypatch, result: Any) -> None:
     monkeypatch.setattr(chunk_layer, "exclude_removed", lambda *args: result)
     layer = ChunkLayer(RecordingDataManager(removed=np.array([1])), [], 4, RecordingParent())
