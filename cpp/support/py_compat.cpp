@@ -1,18 +1,58 @@
 // The version shims of py_compat.hpp that handle references.
 #include "support/py_compat.hpp"
 
+#include <pthread.h>
+
+#include <cstddef>
+
 #include "support/py_ref.hpp"
 
 namespace py::compat {
+namespace {
+
+constexpr const char* kWhere = " while calling a Python object";
 
 #if PY_VERSION_HEX >= 0x030C0000
-namespace {
 thread_local int module_call_depth = 0;
-}  // namespace
 #endif
 
+// The stack left below which a call into the module is refused, whatever the recursion limit: one
+// more level of the module, the interpreter frames between two of its calls included, fits many
+// times over (sanitizer builds use larger frames).
+#if defined(__SANITIZE_ADDRESS__)
+constexpr std::size_t kStackReserve = 2 << 20;
+#else
+constexpr std::size_t kStackReserve = 256 << 10;
+#endif
+
+// The lowest address of the calling thread's stack, found once per thread; null when unknown.
+thread_local const char* stack_low = nullptr;
+thread_local bool stack_low_known = false;
+
+bool stack_nearly_exhausted() noexcept {
+    if (!stack_low_known) {
+        stack_low_known = true;
+        pthread_attr_t attributes;
+        if (pthread_getattr_np(pthread_self(), &attributes) == 0) {
+            void* low = nullptr;
+            std::size_t size = 0;
+            if (pthread_attr_getstack(&attributes, &low, &size) == 0) {
+                stack_low = static_cast<const char*>(low);
+            }
+            pthread_attr_destroy(&attributes);
+        }
+    }
+    const char here = 0;
+    return stack_low != nullptr && static_cast<std::size_t>(&here - stack_low) < kStackReserve;
+}
+
+}  // namespace
+
 bool enter_recursive_call() noexcept {
-    constexpr const char* kWhere = " while calling a Python object";
+    if (stack_nearly_exhausted()) [[unlikely]] {
+        PyErr_Format(PyExc_RecursionError, "maximum recursion depth exceeded%s", kWhere);
+        return false;
+    }
     if (Py_EnterRecursiveCall(kWhere) != 0) return false;
 #if PY_VERSION_HEX >= 0x030C0000
     if (++module_call_depth > Py_GetRecursionLimit()) {
