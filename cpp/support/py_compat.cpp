@@ -16,17 +16,20 @@ constexpr const char* kWhere = " while calling a Python object";
 thread_local int module_call_depth = 0;
 #endif
 
-// The stack left below which a call into the module is refused, whatever the recursion limit: one
-// more level of the module, the interpreter frames between two of its calls included, fits many
-// times over (sanitizer builds use larger frames).
+// The stack left below which a call into the module is refused, whatever the recursion limit: a
+// quarter of the thread's stack, at most 256 KiB (1 MiB in sanitizer builds, whose frames are
+// larger). One more level of the module, the interpreter frames between two of its calls included,
+// fits many times over.
 #if defined(__SANITIZE_ADDRESS__)
-constexpr std::size_t kStackReserve = 2 << 20;
+constexpr std::size_t kMaxStackReserve = 1 << 20;
 #else
-constexpr std::size_t kStackReserve = 256 << 10;
+constexpr std::size_t kMaxStackReserve = 256 << 10;
 #endif
 
-// The lowest address of the calling thread's stack, found once per thread; null when unknown.
+// The calling thread's stack: its lowest address (null when unknown) and the reserve kept above it,
+// found once per thread.
 thread_local const char* stack_low = nullptr;
+thread_local std::size_t stack_reserve = 0;
 thread_local bool stack_low_known = false;
 
 bool stack_nearly_exhausted() noexcept {
@@ -38,12 +41,13 @@ bool stack_nearly_exhausted() noexcept {
             std::size_t size = 0;
             if (pthread_attr_getstack(&attributes, &low, &size) == 0) {
                 stack_low = static_cast<const char*>(low);
+                stack_reserve = size / 4 < kMaxStackReserve ? size / 4 : kMaxStackReserve;
             }
             pthread_attr_destroy(&attributes);
         }
     }
     const char here = 0;
-    return stack_low != nullptr && static_cast<std::size_t>(&here - stack_low) < kStackReserve;
+    return stack_low != nullptr && static_cast<std::size_t>(&here - stack_low) < stack_reserve;
 }
 
 }  // namespace
