@@ -136,6 +136,10 @@ def test_each_leaf_carries_its_coresets_and_their_samples(stream):
             assert record.no_features == len(FEATURES)
             assert np.array_equal(sample.ind, leaf.indices[record.coreset["idxs"]])
             assert sample.X.shape == (len(sample.ind), len(FEATURES))
+            # The records come back with the selected rows only: weight j is that of row idxs[j].
+            assert len(record.coreset["weights"]) == len(record.coreset["idxs"]) < leaf.n_rows
+            assert len(record.coreset["sensitivities"]) == len(record.coreset["idxs"])
+            assert np.array_equal(sample.sample_weight, record.coreset["weights"])
             assert np.all(sample.sample_weight > 0)
     # The buffer node's coresets handle small input; its weights still estimate its row count.
     last = result.leaves[-1]
@@ -195,6 +199,19 @@ def test_progress_shows_rows_and_leaves_done(stream):
 
 
 SMALL_BOUNDS = [0, 50_000, 100_000, 150_000, 200_000]
+
+
+def test_full_coresets_keep_one_weight_per_row(client):
+    parts = delayed_partitions(SMALL_BOUNDS[:3])
+    result = build_leaves(parts, TARGET, data_params(), coreset_params(), 20_000, client=client,
+                          progress=False, full_coresets=True)
+    assert [leaf.n_rows for leaf in result.leaves] == [20_000] * 5
+    for leaf in result.leaves:
+        for record, sample in zip(leaf.coresets, leaf.samples):
+            weights = record.coreset["weights"]
+            assert len(weights) == len(record.coreset["sensitivities"]) == leaf.n_rows
+            assert np.count_nonzero(weights) == len(record.coreset["idxs"])
+            assert np.array_equal(sample.sample_weight, weights[record.coreset["idxs"]])
 
 
 def test_a_failing_partition_stops_the_run_with_its_number_and_the_workers_error(client):

@@ -72,7 +72,8 @@ class Leaf:
     - ``node_id``: the node's id (``"buffer"`` for the buffer node, the last leaf).
     - ``n_rows``: the number of rows of its chunk, as cut.
     - ``indices``: the sample indices of those rows, in the chunk's order.
-    - ``coresets``: the node's ``ChunkSensitivities`` records, one per parameter record, in order.
+    - ``coresets``: the node's ``ChunkSensitivities`` records, one per parameter record, in order; their
+      coreset dictionaries hold the selected rows only, unless ``build_leaves`` was told otherwise.
     - ``samples``: per coreset, the rows it selected as a ``Dataset`` (``ind``, ``X`` and ``y`` of the
       node's dataset after preprocessing, ``sample_weight`` the coreset's weights), or None when the
       coreset was computed on other rows than the node kept (a later preprocessing pass dropped more).
@@ -184,6 +185,7 @@ class _Job:
     target: Optional[str]
     index_column: Optional[str]
     topic: Optional[str]
+    full_coresets: bool
 
 
 @dataclass
@@ -210,7 +212,28 @@ class _RecordingLayer(ChunkLayer):  # type: ignore[misc]
         return super()._create_node(dset, node_id, leaf_node_index)
 
 
-def _leaf(node: Any, indices: Optional[np.ndarray[Any, Any]], partition: Optional[int]) -> Leaf:
+_PER_ROW_KEYS = ("weights", "sensitivities")
+"""The entries of a coreset's dictionary form that may hold one value per row of the chunk."""
+
+
+def _selected_only(record: Any) -> Any:
+    """The coreset record with its per-row arrays cut down to the selected rows (``idxs``).
+
+    That is the dictionary form a coreset gives with ``use_keep_selected_only=True``: ``weights[j]`` is
+    the weight of row ``idxs[j]``. It keeps the records a small fraction of the chunk's size.
+    """
+    coreset = dict(record.coreset)
+    rows = np.asarray(coreset["idxs"])
+    for key in _PER_ROW_KEYS:
+        value = coreset.get(key)
+        if value is not None and len(value) == int(coreset["n_samples"]):
+            coreset[key] = np.asarray(value)[rows]
+    return type(record)(coreset=coreset, params=record.params, removed_rows=record.removed_rows,
+                        no_features=record.no_features)
+
+
+def _leaf(node: Any, indices: Optional[np.ndarray[Any, Any]], partition: Optional[int],
+          full_coresets: bool = False) -> Leaf:
     """The record of a built node; its dataset and data manager stay behind."""
     assert indices is not None, "the layer built a node without cutting a chunk"
     dset = node.dset
@@ -234,7 +257,7 @@ def _leaf(node: Any, indices: Optional[np.ndarray[Any, Any]], partition: Optiona
         node_id=str(node.node_id),
         n_rows=len(indices),
         indices=indices,
-        coresets=list(node.coresets),
+        coresets=list(node.coresets) if full_coresets else [_selected_only(r) for r in node.coresets],
         samples=samples,
         partition=partition,
     )
@@ -296,7 +319,7 @@ def _build_partition(frame: Any, partition: int, job: _Job) -> _PartitionResult:
     layer = _RecordingLayer(manager, list(job.params), job.chunk_size, _Parent())
     leaves: List[Leaf] = []
     for node in layer.process(_batches(frame, job), create_buffer=False):
-        leaves.append(_leaf(node, layer.last_indices, partition))
+        leaves.append(_leaf(node, layer.last_indices, partition, job.full_coresets))
         _report(job.topic, {"partition": partition, "leaf": leaves[-1].n_rows})
     leftover = layer.get_buffer()
     manager.close()
@@ -410,6 +433,7 @@ def build_leaves(
     on_error: str = "raise",
     progress: Union[bool, IO[str]] = True,
     n_rows: Optional[int] = None,
+    full_coresets: bool = False,
 ) -> LeafBuild:
     """Build every leaf of one stream on a ``dask.distributed`` cluster.
 
@@ -431,6 +455,11 @@ def build_leaves(
     partitions done); a text stream shows it there; False shows none. ``n_rows``, the total number of
     rows when known, makes the ETA exact from the start; otherwise it is estimated from the lengths of
     the partitions started so far.
+
+    Each leaf's coreset records hold, in their dictionary form, the selected rows only (as a coreset's
+    ``to_dict(use_keep_selected_only=True)`` gives them), so what comes back to the client is a small
+    fraction of the data; ``full_coresets=True`` keeps one weight and sensitivity per row, as the node
+    built them.
     """
     if isinstance(chunk_size, bool) or not isinstance(chunk_size, (int, np.integer)):
         raise TypeError(f"chunk_size must be an int, got {type(chunk_size).__name__}")
@@ -457,7 +486,7 @@ def build_leaves(
 
     started = time.perf_counter()
     topic = f"quillmarsh-leaves-{uuid.uuid4().hex}"
-    job = _Job(settings, params, int(chunk_size), target, index_column, topic)
+    job = _Job(settings, params, int(chunk_size), target, index_column, topic, full_coresets)
     events: queue.Queue[Dict[str, int]] = queue.Queue()
     cluster.subscribe_topic(topic, lambda event: events.put(event[1]))
     bar = _Progress(len(parts), n_rows, stream)
@@ -471,7 +500,7 @@ def build_leaves(
         nonlocal tail_seconds
         begun = time.perf_counter()
         for node in tail_layer.process([] if leftover is None else [leftover], create_buffer=create_buffer):
-            tail_leaves.append(_leaf(node, tail_layer.last_indices, None))
+            tail_leaves.append(_leaf(node, tail_layer.last_indices, None, full_coresets))
             bar.tail_leaves += 1
         tail_seconds += time.perf_counter() - begun
 
