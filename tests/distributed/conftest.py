@@ -13,8 +13,9 @@ def client() -> Iterator[object]:
     """A client on a local cluster of 2 worker processes with one thread each, shared by every test.
 
     The helper modules of these tests are sent to the workers by value, since the workers cannot import
-    them.
+    them. Skips without Dask.
     """
+    pytest.importorskip("distributed")
     import cloudpickle
     import stream_tables
 

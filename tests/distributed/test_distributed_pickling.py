@@ -1,34 +1,44 @@
-"""The chunk layer's public objects pickle by reference: through pickle and through a worker process."""
+"""The chunk layer's public objects pickle by reference: through pickle and through a worker process.
+
+The pickle tests need nothing but the library; the worker tests need Dask and skip without it.
+"""
 
 from __future__ import annotations
 
 import pickle
 import sys
 
-import cloudpickle
 import numpy as np
 import pytest
-
-pytest.importorskip("distributed")
-
-from quillmarsh.core.tree.chunk_layer import (  # noqa: E402
+from quillmarsh.core.tree.chunk_layer import (
     ChunkLayer,
     ChunkNode,
     ChunkSensitivities,
     ChunkSensitivitiesParams,
 )
 
-from quillmarsh.core.coreset import CoresetKMeans, CoresetLinearRegression  # noqa: E402
-from quillmarsh.core.tree import chunk_layer  # noqa: E402
-from quillmarsh.data.common import Dataset  # noqa: E402
-from quillmarsh.data.manager import DataParams, FeatureField  # noqa: E402
-from quillmarsh.distributed import ManagerSettings  # noqa: E402
-
-# The functions below run on the workers, which cannot import this test module: send them by value.
-cloudpickle.register_pickle_by_value(sys.modules[__name__])
+from quillmarsh.core.coreset import CoresetKMeans, CoresetLinearRegression
+from quillmarsh.core.tree import chunk_layer
+from quillmarsh.data.common import Dataset
+from quillmarsh.data.manager import DataManager, DataParams, FeatureField
 
 PROTOCOLS = range(pickle.HIGHEST_PROTOCOL + 1)
-SETTINGS = ManagerSettings(DataParams(features=[FeatureField("a"), FeatureField("b")]))
+DATA_PARAMS = DataParams(features=[FeatureField("a"), FeatureField("b")])
+
+
+def manager():
+    """A data manager as each process makes its own: in memory, sequential."""
+    return DataManager(data_params=DATA_PARAMS, n_jobs=1)
+
+
+@pytest.fixture
+def worker(client):
+    """The shared cluster's client. The functions below run on its workers, which cannot import this
+    test module, so it is sent to them by value."""
+    import cloudpickle
+
+    cloudpickle.register_pickle_by_value(sys.modules[__name__])
+    return client
 
 
 def dataset(start=0, rows=60):
@@ -51,7 +61,7 @@ class Tree:
 
 def built_node():
     """A built chunk node that no longer holds its data manager."""
-    node = ChunkNode(dataset(), params(), node_id="n-1", data_manager=SETTINGS.make_manager()).build()
+    node = ChunkNode(dataset(), params(), node_id="n-1", data_manager=manager()).build()
     node.data_manager = None
     return node
 
@@ -120,20 +130,19 @@ def test_a_chunk_layer_round_trips_through_pickle_when_its_attributes_allow(prot
     assert (again.chunk_size, again.chunk_index, again.build_params) == (50, 7, None)
     assert again.get_buffer_size() == 30 and np.array_equal(again.buffer.ind, layer.buffer.ind)
     # The copy works: with a data manager of its own it cuts and builds chunks.
-    again.data_manager = SETTINGS.make_manager()
+    again.data_manager = manager()
     nodes = list(again.process([dataset(30, 40)], create_buffer=True))
     assert [len(node.dset.ind) for node in nodes] == [50, 20]
 
 
 def test_a_data_manager_does_not_pickle_so_neither_does_what_holds_one():
     # The manager holds a lock and a saver thread: each process makes its own from picklable settings.
-    manager = SETTINGS.make_manager()
-    node = ChunkNode(dataset(), params(), data_manager=manager)
-    holders = (manager, ChunkLayer(manager, params(), 50), node)
+    held = manager()
+    holders = (held, ChunkLayer(held, params(), 50), ChunkNode(dataset(), params(), data_manager=held))
     for holder in holders:
         with pytest.raises(TypeError, match="pickle"):
             pickle.dumps(holder)
-    assert pickle.loads(pickle.dumps(SETTINGS)) == SETTINGS
+    assert pickle.loads(pickle.dumps(DATA_PARAMS)) == DATA_PARAMS
 
 
 def echo(value):
@@ -141,32 +150,32 @@ def echo(value):
     return value, type(value).__module__, type(value).__qualname__
 
 
-def build_there(node, settings):
+def build_there(node):
     """Runs on a worker: give the node a data manager made there, build it, and send it back without it."""
-    node.data_manager = settings.make_manager()
+    node.data_manager = manager()
     node.build()
     node.data_manager = None
     return node
 
 
-def test_objects_round_trip_through_a_worker(client):
+def test_objects_round_trip_through_a_worker(worker):
     layer = ChunkLayer(None, params(), 50, Tree(), 3)
     layer.set_buffer(dataset(0, 10))
     objects = [built_node(), layer, params()[0], built_node().coresets[1], dataset()]
     for value in objects:
-        again, module, name = client.submit(echo, value, pure=False).result()
+        again, module, name = worker.submit(echo, value, pure=False).result()
         assert (module, name) == (type(value).__module__, type(value).__qualname__)
         assert type(again) is type(value)
-    node, *_ = client.submit(echo, objects[0], pure=False).result()
+    node, *_ = worker.submit(echo, objects[0], pure=False).result()
     same_node(objects[0], node)
-    again, *_ = client.submit(echo, layer, pure=False).result()
+    again, *_ = worker.submit(echo, layer, pure=False).result()
     assert again.chunk_index == 3 and again.get_buffer_size() == 10
-    assert client.submit(echo, objects[2], pure=False).result()[0] == objects[2]
+    assert worker.submit(echo, objects[2], pure=False).result()[0] == objects[2]
 
 
-def test_a_node_built_on_a_worker_comes_back_with_its_coresets(client):
+def test_a_node_built_on_a_worker_comes_back_with_its_coresets(worker):
     node = ChunkNode(dataset(), params(), node_id="remote")
-    built = client.submit(build_there, node, SETTINGS, pure=False).result()
+    built = worker.submit(build_there, node, pure=False).result()
     assert type(built) is ChunkNode and built.node_id == "remote"
     assert [type(record) for record in built.coresets] == [ChunkSensitivities, ChunkSensitivities]
     assert [record.params for record in built.coresets] == params()
