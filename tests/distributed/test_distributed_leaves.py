@@ -35,6 +35,7 @@ from quillmarsh.distributed import (  # noqa: E402
     ManagerSettings,
     PartitionError,
     build_leaves,
+    scatter_batches,
 )
 
 # 1,000,000 rows in four partitions of uneven length: 260,001, 240,000, 300,017 and 199,982 rows. With
@@ -305,6 +306,40 @@ def test_partitions_must_be_delayed_objects(client):
     with pytest.raises(TypeError, match="partition 1 is a DataFrame"):
         build_leaves([dask.delayed(table)(0, 100), table(100, 200)], TARGET, data_params(), coreset_params(),
                      50, client=client, progress=False)
+
+
+def example_batches(rows, batch_rows, seed=0):
+    """Batches as the example makes them: a linear target, 1 % missing values, ``ind`` the row number."""
+    rng = np.random.default_rng(seed)
+    for start in range(0, rows, batch_rows):
+        count = min(batch_rows, rows - start)
+        X = rng.normal(size=(count, 3))
+        y = X @ np.array([1.0, -1.0, 2.0]) + rng.normal(scale=0.1, size=count)
+        X[rng.random(X.shape) < 0.01] = np.nan
+        yield Dataset(np.arange(start, start + count), X, y)
+
+
+def test_batches_made_on_the_client_are_scattered_into_partitions(client):
+    rows, chunk_size = 203_500, 10_000
+    parts = scatter_batches(client, example_batches(rows, 25_000), FEATURES, TARGET,
+                            rows_per_partition=60_000)
+    # Partitions of whole batches, at least 60,000 rows each but the last: 75,000, 75,000 and 53,500.
+    assert client.gather([client.submit(len, part) for part in parts]) == [75_000, 75_000, 53_500]
+    result = build_leaves(parts, TARGET, data_params(), coreset_params(), chunk_size, client=client,
+                          progress=False, n_rows=rows)
+    single = single_layer([pd.DataFrame(b.X, columns=FEATURES, index=b.ind).assign(y=b.y)
+                           for b in example_batches(rows, 25_000)], coreset_params(), chunk_size)
+    assert len(result.full_leaves) == len(single) - 1 == rows // chunk_size
+    expected = [chunk_size] * (rows // chunk_size) + [rows % chunk_size]
+    assert [leaf.n_rows for leaf in result.leaves] == expected
+    assert np.array_equal(np.sort(np.concatenate([leaf.indices for leaf in result.leaves])), np.arange(rows))
+
+
+def test_scatter_batches_refuses_a_bad_partition_length(client):
+    with pytest.raises(ValueError):
+        scatter_batches(client, example_batches(100, 10), FEATURES, rows_per_partition=0)
+    with pytest.raises(TypeError):
+        scatter_batches(client, example_batches(100, 10), FEATURES, rows_per_partition=2.5)
 
 
 def test_an_empty_stream_has_no_leaves(client):

@@ -35,6 +35,7 @@ from quillmarsh.distributed.leaves import (
     PartitionStats,
     build_leaves,
     connect,
+    scatter_batches,
 )
 
 __all__ = [
@@ -46,4 +47,5 @@ __all__ = [
     "PartitionStats",
     "build_leaves",
     "connect",
+    "scatter_batches",
 ]

@@ -20,7 +20,7 @@ import traceback
 import uuid
 import warnings
 from dataclasses import dataclass, field
-from typing import IO, Any, Dict, List, Optional, Sequence, Tuple, Union
+from typing import IO, Any, Dict, Iterable, List, Optional, Sequence, Tuple, Union
 
 import distributed
 import numpy as np
@@ -333,13 +333,15 @@ def _build_partition(frame: Any, partition: int, job: _Job) -> _PartitionResult:
     return _PartitionResult(leaves, leftover, stats)
 
 
-def _partitions(data: Any) -> List[Delayed]:
-    """The partitions of a Dask dataframe, or the given list of delayed partitions."""
+def _partitions(data: Any) -> List[Any]:
+    """The partitions of a Dask dataframe, or the given list of delayed (or scattered) partitions."""
     is_frame = hasattr(data, "to_delayed") and hasattr(data, "npartitions")
     parts = list(data.to_delayed()) if is_frame else list(data)
     for number, part in enumerate(parts):
-        if not isinstance(part, Delayed):
-            raise TypeError(f"partition {number} is a {type(part).__name__}, not a dask Delayed object")
+        if not isinstance(part, (Delayed, distributed.Future)):
+            raise TypeError(
+                f"partition {number} is a {type(part).__name__}, not a dask Delayed object or a Future"
+            )
     return parts
 
 
@@ -437,11 +439,12 @@ def build_leaves(
 ) -> LeafBuild:
     """Build every leaf of one stream on a ``dask.distributed`` cluster.
 
-    ``data`` is a Dask dataframe, or a list of ``dask.delayed`` objects that each compute to a pandas
-    DataFrame (one partition). ``target`` names the target column (None: no target). ``settings`` are the
-    data manager's settings (``DataParams`` alone will do); when its data parameters list features,
-    those columns are the features, else every column but the target and ``index_column``. ``params``
-    are the coreset parameter records and ``chunk_size`` the rows per chunk (a positive int).
+    ``data`` is a Dask dataframe, or a list of ``dask.delayed`` objects (or futures, for instance from
+    ``scatter_batches``) that each compute to a pandas DataFrame (one partition). ``target`` names the
+    target column (None: no target). ``settings`` are the data manager's settings (``DataParams`` alone
+    will do); when its data parameters list features, those columns are the features, else every column
+    but the target and ``index_column``. ``params`` are the coreset parameter records and ``chunk_size``
+    the rows per chunk (a positive int).
 
     The sample indices are the frame's index, or the integer column ``index_column``; they should be
     unique over the whole stream (a warning says when they are not).
@@ -574,6 +577,57 @@ def build_leaves(
                 "(or name an index_column holding unique integers)", stacklevel=2,
             )
     return build
+
+
+def scatter_batches(
+    client: distributed.Client,
+    batches: Iterable[Any],
+    feature_names: Sequence[str],
+    target: Optional[str] = "y",
+    rows_per_partition: int = 100_000,
+) -> List[distributed.Future]:
+    """Gather datasets made on the client into partitions on the cluster, for ``build_leaves``.
+
+    ``batches`` are ``Dataset`` records (or tuples in its field order: ``ind``, ``X``, ``y``, ...), as a
+    single-process stream is fed. They are joined, in order, into pandas DataFrames of at least
+    ``rows_per_partition`` rows (the last may be shorter): the columns ``feature_names`` from ``X``, the
+    target column ``target`` from ``y`` (unless ``target`` is None), and ``ind`` as the index. Each one is
+    sent to a worker as soon as it is full, so the client holds one partition at a time; the returned
+    futures keep them on the cluster. Meant for data that fits in the cluster's memory; larger data is
+    better read by the workers themselves, as a Dask dataframe.
+    """
+    if isinstance(rows_per_partition, bool) or not isinstance(rows_per_partition, int):
+        raise TypeError(f"rows_per_partition must be an int, got {type(rows_per_partition).__name__}")
+    if rows_per_partition < 1:
+        raise ValueError(f"rows_per_partition must be positive, got {rows_per_partition}")
+    names = list(feature_names)
+    futures: List[distributed.Future] = []
+    pending: List[pd.DataFrame] = []
+    held = 0
+    sender: Any = client
+
+    def send() -> None:
+        nonlocal held
+        frame = pd.concat(pending) if len(pending) > 1 else pending[0]
+        futures.append(sender.scatter(frame))
+        pending.clear()
+        held = 0
+
+    for batch in batches:
+        dset = batch if isinstance(batch, Dataset) else Dataset(*batch)
+        frame = pd.DataFrame(np.asarray(dset.X), columns=names, index=pd.Index(np.asarray(dset.ind)))
+        frame = frame.infer_objects()
+        if target is not None:
+            if dset.y is None:
+                raise ValueError(f"a batch has no y for the target column {target!r}")
+            frame[target] = np.asarray(dset.y)
+        pending.append(frame)
+        held += len(frame)
+        if held >= rows_per_partition:
+            send()
+    if pending:
+        send()
+    return futures
 
 
 def connect(
