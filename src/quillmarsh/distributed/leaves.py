@@ -544,7 +544,6 @@ def build_leaves(
                         error, text = exc, ""
                     failure = PartitionFailure(number, error, text)
                     if on_error == "raise":
-                        cluster.cancel(list(pending.values()))
                         raise PartitionError(failure) from error
                     failures[number] = failure
                     bar.failed_partition(number)
@@ -555,6 +554,9 @@ def build_leaves(
                 next_tail += 1
             bar.refresh()
         feed_tail(None, create_buffer=True)
+    except BaseException:  # a failed partition, an error in the client's layer, or an interrupt
+        cluster.cancel(list(pending.values()))
+        raise
     finally:
         cluster.unsubscribe_topic(topic)
         bar.close()
