@@ -22,6 +22,7 @@ import warnings
 from dataclasses import dataclass, field
 from typing import IO, Any, Dict, Iterable, List, Optional, Sequence, Tuple, Union
 
+import dask
 import distributed
 import numpy as np
 import pandas as pd
@@ -40,6 +41,9 @@ ON_ERROR_CHOICES = ("raise", "continue")
 """What ``build_leaves`` does when a partition fails: stop at once, or go on and list the failure."""
 
 _POLL_SECONDS = 0.1
+
+_SPAWN_ENVIRON = "distributed.nanny.pre-spawn-environ"
+"""Dask's setting of the environment variables its nannies give the worker processes they start."""
 
 
 @dataclass
@@ -641,12 +645,19 @@ def connect(
     The local cluster runs ``n_workers`` worker processes (Dask's default when None) of one thread each,
     so each worker streams one partition at a time; ``cluster_options`` go to ``LocalCluster``. Closing
     the client closes a local cluster too. Use the client as a context manager, or call ``close()``.
+
+    The local workers start without the ``MALLOC_TRIM_THRESHOLD_`` that Dask sets for its workers by
+    default (unless it is set in this process's environment): setting it turns off the C library's
+    adaptive threshold for serving large allocations from the heap, so every temporary array of a chunk
+    build is mapped and unmapped afresh, which doubled the CPU time of the builds here (see
+    ``benchmarks/DISTRIBUTED.md``). The peak memory stayed the same.
     """
     make_client: Any = distributed.Client
     if address == "local":
         options: Dict[str, Any] = {"threads_per_worker": 1, "processes": True, "dashboard_address": None}
         options.update(cluster_options)
-        client: distributed.Client = make_client(n_workers=n_workers, **options)
+        with dask.config.set({f"{_SPAWN_ENVIRON}.MALLOC_TRIM_THRESHOLD_": None}):
+            client: distributed.Client = make_client(n_workers=n_workers, **options)
         return client
     if n_workers is not None or cluster_options:
         raise TypeError("n_workers and cluster options apply to a local cluster only")
