@@ -226,6 +226,8 @@ def test_a_failing_partition_stops_the_run_with_its_number_and_the_workers_error
     assert str(caught.value).startswith("partition 2: ValueError:")
     assert caught.value.__cause__ is caught.value.error
     assert caught.value.traceback
+    again = pickle.loads(pickle.dumps(caught.value))
+    assert (again.partition, str(again), type(again.error)) == (2, str(caught.value), ValueError)
 
 
 def test_a_run_told_to_go_on_reports_the_failed_partitions(client):

@@ -135,6 +135,9 @@ class PartitionError(RuntimeError):
         self.traceback = failure.traceback
         super().__init__(f"{failure} (on its worker)")
 
+    def __reduce__(self) -> Tuple[Any, Tuple[PartitionFailure]]:
+        return type(self), (PartitionFailure(self.partition, self.error, self.traceback),)
+
 
 @dataclass
 class LeafBuild:
