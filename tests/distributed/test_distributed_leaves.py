@@ -36,6 +36,7 @@ from quillmarsh.distributed import (  # noqa: E402
     ManagerSettings,
     PartitionError,
     build_leaves,
+    connect,
     scatter_batches,
 )
 
@@ -358,6 +359,18 @@ def test_the_local_workers_start_without_the_malloc_trim_threshold(client):
     if "MALLOC_TRIM_THRESHOLD_" in os.environ:
         pytest.skip("MALLOC_TRIM_THRESHOLD_ is set in this environment, so the workers inherit it")
     assert list(client.run(os.getenv, "MALLOC_TRIM_THRESHOLD_").values()) == [None, None]
+
+
+def test_connect_reaches_a_running_scheduler_by_its_address(client):
+    address = client.scheduler.address
+    with connect(address) as other:
+        assert other.scheduler.address == address
+        parts = delayed_partitions([0, 25_000, 40_000])
+        result = build_leaves(parts, TARGET, data_params(), coreset_params(), 10_000, client=other,
+                              progress=False)
+        assert [leaf.n_rows for leaf in result.leaves] == [10_000] * 4
+    with pytest.raises(TypeError):
+        connect(address, n_workers=2)
 
 
 def test_an_empty_stream_has_no_leaves(client):
