@@ -361,6 +361,29 @@ def test_the_local_workers_start_without_the_malloc_trim_threshold(client):
     assert list(client.run(os.getenv, "MALLOC_TRIM_THRESHOLD_").values()) == [None, None]
 
 
+@pytest.mark.parametrize(
+    "lengths, chunk_size",
+    [
+        ([7_000, 0, 13_001, 2_999], 5_000),  # an empty partition, and one shorter than a chunk
+        ([4_999, 4_999, 4_999, 4_999, 5], 5_000),  # no partition fills a chunk: all leaves on the client
+        ([10_000, 5_000, 15_000], 5_000),  # every partition a multiple of the chunk: no buffer node
+        ([3, 2, 9, 1], 4),  # chunks of the fewest rows a linear-regression coreset takes
+    ],
+)
+def test_any_partition_lengths_give_the_leaves_of_one_layer(client, lengths, chunk_size):
+    bounds = np.concatenate([[0], np.cumsum(lengths)]).tolist()
+    result = build_leaves(delayed_partitions(bounds), TARGET, data_params(),
+                          [ChunkSensitivitiesParams(coreset_cls=CoresetLinearRegression)], chunk_size,
+                          client=client, progress=False)
+    total = bounds[-1]
+    single = single_layer(whole(bounds), [ChunkSensitivitiesParams(coreset_cls=CoresetLinearRegression)],
+                          chunk_size)
+    assert [leaf.n_rows for leaf in result.leaves] == [leaf["n_rows"] for leaf in single]
+    assert [leaf.is_buffer for leaf in result.leaves] == [leaf["node_id"] == "buffer" for leaf in single]
+    assert len(result.full_leaves) == total // chunk_size
+    assert np.array_equal(np.sort(np.concatenate([leaf.indices for leaf in result.leaves])), np.arange(total))
+
+
 def test_connect_reaches_a_running_scheduler_by_its_address(client):
     address = client.scheduler.address
     with connect(address) as other:
