@@ -36,7 +36,8 @@ def table(start: int, stop: int, seed: int = 0) -> pd.DataFrame:
 
 
 def failing_table(start: int, stop: int, seed: int = 0) -> pd.DataFrame:
-    """Like ``table``, but every target is missing, which a chunk's coreset refuses."""
+    """Like ``table``, but every target is missing: the preprocessor drops every row, and the chunk's
+    coreset refuses to be built on none."""
     frame = table(start, stop, seed)
     frame[TARGET] = np.nan
     return frame

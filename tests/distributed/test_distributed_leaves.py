@@ -223,7 +223,6 @@ def test_a_failing_partition_stops_the_run_with_its_number_and_the_workers_error
         build_leaves(parts, TARGET, data_params(), coreset_params(), 20_000, client=client, progress=False)
     assert caught.value.partition == 2
     assert isinstance(caught.value.error, ValueError)
-    assert "NaN" in str(caught.value.error)
     assert str(caught.value).startswith("partition 2: ValueError:")
     assert caught.value.__cause__ is caught.value.error
     assert caught.value.traceback
@@ -246,13 +245,6 @@ def test_a_run_told_to_go_on_reports_the_failed_partitions(client):
     assert "failed=2" in shown.getvalue()
 
 
-@pytest.mark.xfail(
-    int(pd.__version__.split(".")[0]) >= 3,
-    reason="with pandas 3, DataAutoProcessor._as_numeric returns a read-only array for a numeric column "
-    "of an object X (to_numpy without copy under copy-on-write) and then fills it in place: "
-    "'assignment destination is read-only', in one process too",
-    raises=PartitionError,
-)
 def test_a_dask_dataframe_with_an_index_column_and_a_categorical_feature(client):
     frame = table(0, 90_000).reset_index(drop=True)
     frame["row"] = np.arange(1_000_000, 1_090_000)
