@@ -573,7 +573,7 @@ def select(operations: Optional[List[str]]) -> List[Operation]:
     return [known[name] for name in operations]
 
 
-def ratios(module: float, cython: float, python: float, floor: float) -> Dict[str, Any]:
+def ratios(module: float, cython: float, python: Optional[float], floor: float) -> Dict[str, Any]:
     """The ratios of one operation's figures, and whether they meet the targets."""
     # When the floor is nearly all of the peer's time, the peer's own work is within the noise, and so
     # is any ratio of it: left out.
@@ -582,8 +582,8 @@ def ratios(module: float, cython: float, python: float, floor: float) -> Dict[st
     return {
         "vs_cython": round(module / cython, 3) if cython > 0 else None,
         "own": None if own is None else round(own, 3),
-        "vs_python": round(module / python, 3) if python > 0 else None,
-        "cython_vs_python": round(cython / python, 3) if python > 0 else None,
+        "vs_python": round(module / python, 3) if python else None,
+        "cython_vs_python": round(cython / python, 3) if python else None,
     }
 
 
@@ -600,7 +600,7 @@ def summary(results: List[Dict[str, Any]]) -> Dict[str, Any]:
     }
 
 
-def run(repeats: int = 11, block_ms: float = 15.0, operations: Optional[List[str]] = None,
+def run(repeats: int = 15, block_ms: float = 10.0, operations: Optional[List[str]] = None,
         verbose: bool = True) -> Dict[str, Any]:
     """Time every operation; returns a JSON-ready dict (ns per call, ratios, settings)."""
     spaces = namespaces()
@@ -659,7 +659,10 @@ def ratio_table(title: str, report: Dict[str, Any], unit: str, number: str) -> L
     for r in report["operations"]:
         own = "n/a" if r["own"] is None else f"{r['own']:.2f}"
         vs = "n/a" if r["vs_cython"] is None else f"{r['vs_cython']:.2f}"
-        figures = " ".join(format(r[f"{name}_{unit}"], number) for name in IMPLEMENTATIONS[:4])
+        figures = " ".join(
+            format(r[f"{name}_{unit}"], number) if f"{name}_{unit}" in r else f"{'-':>9}"
+            for name in IMPLEMENTATIONS[:4]
+        )
         flag = " *" if r["vs_cython"] is not None and r["vs_cython"] > TARGET_VS_CYTHON else ""
         lines.append(f"{r['operation'][:34]:34} {figures} {vs:>7} {own:>6}{flag}")
     s = report.get("summary") or summary(report["operations"])
@@ -686,8 +689,8 @@ def main() -> None:
     parser = argparse.ArgumentParser(
         description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter
     )
-    parser.add_argument("--repeats", type=int, default=11)
-    parser.add_argument("--block-ms", type=float, default=15.0)
+    parser.add_argument("--repeats", type=int, default=15)
+    parser.add_argument("--block-ms", type=float, default=10.0)
     parser.add_argument("--operation", action="append", dest="operations", metavar="NAME")
     args = parser.parse_args()
     run(repeats=args.repeats, block_ms=args.block_ms, operations=args.operations)
