@@ -10,6 +10,7 @@ start-up, imports, set-up and warm-up outside it. String hashing is fixed (``PYT
 dict probes, and so the counts, repeat exactly.
 
     .venv/bin/python benchmarks/bench_instructions.py [--calls N] [--jobs J] [--operation NAME ...]
+    .venv/bin/python benchmarks/bench_instructions.py --breakdown "ChunkNode.is_buffer"
 
 Needs valgrind on the PATH; without it the script says so and exits.
 """
@@ -26,7 +27,7 @@ import sys
 import tempfile
 from concurrent.futures import ThreadPoolExecutor
 from pathlib import Path
-from typing import Any, Dict, List, Optional
+from typing import Any, Dict, List, Optional, Tuple
 
 import bench_overhead
 import cython_peer
@@ -34,6 +35,7 @@ import cython_peer
 HERE = Path(__file__).resolve().parent
 COUNTED = ("module", "cython", "floor")  # and "python" when asked: the slowest run of all
 TOTALS = re.compile(r"^(?:summary|totals):\s+(\d+)", re.MULTILINE)
+ANNOTATED = re.compile(r"^\s*([\d,]+)\s+(?:\([^)]*\)\s+)?(\S.*)$")
 
 
 def valgrind() -> Optional[str]:
@@ -74,6 +76,42 @@ def count(
         part, op = label.split("\t")
         parts.setdefault(op, {})[part] = int(match.group(1))
     return {op: (p[implementation] - p["harness"]) / calls for op, p in parts.items()}
+
+
+def breakdown(operation: str, calls: int = 2_000, top: int = 12,
+              implementations=("module", "cython")) -> Dict[str, List[Tuple[float, str]]]:
+    """Where one call of ``operation`` spends its instructions: the functions with the most instructions
+    of their own (callgrind_annotate, exclusive counts) in the counted part only, per call, for each
+    implementation, harness not subtracted."""
+    cython_peer.build()
+    bench_overhead.select([operation])
+    found: Dict[str, List[Tuple[float, str]]] = {}
+    with tempfile.TemporaryDirectory(prefix="chunk-layer-callgrind-") as directory:
+        workdir = Path(directory)
+        for impl in implementations:
+            count(impl, calls, workdir, [operation])
+            labels = json.loads((workdir / f"{impl}.labels").read_text())
+            number = labels.index(f"{impl}\t{operation}") + 1
+            out = subprocess.run(
+                ["callgrind_annotate", "--inclusive=no", "--threshold=100",
+                 f"{workdir / impl}.callgrind.{number}"],
+                capture_output=True, text=True, check=True,
+            ).stdout
+            rows = []
+            for line in out.splitlines():
+                match = ANNOTATED.match(line)
+                if match:
+                    rows.append((int(match.group(1).replace(",", "")) / calls, match.group(2).strip()))
+            found[impl] = sorted(rows, reverse=True)[:top]
+    return found
+
+
+def format_breakdown(operation: str, found: Dict[str, List[Tuple[float, str]]]) -> str:
+    lines = [f"Where one call of {operation!r} goes (instructions per call, own cost of each function)"]
+    for impl, rows in found.items():
+        lines.append(f"  {impl}: {sum(n for n, _ in rows):,.0f} in the top {len(rows)}")
+        lines += [f"    {n:9,.0f}  {name[:110]}" for n, name in rows]
+    return "\n".join(lines)
 
 
 def run(calls: int = 500, jobs: Optional[int] = None, operations: Optional[List[str]] = None,
@@ -125,9 +163,13 @@ def main() -> None:
     parser.add_argument("--with-python", action="store_true", help="count plain Python too (slow)")
     parser.add_argument("--jobs", type=int, default=None, help="valgrind runs at once (default: CPUs)")
     parser.add_argument("--operation", action="append", dest="operations", metavar="NAME")
+    parser.add_argument("--breakdown", metavar="NAME", help="the functions one call of NAME spends in")
     args = parser.parse_args()
     if valgrind() is None:
         sys.exit("bench_instructions: valgrind is not on the PATH")
+    if args.breakdown:
+        print(format_breakdown(args.breakdown, breakdown(args.breakdown, calls=max(args.calls, 2_000))))
+        return
     run(calls=args.calls, jobs=args.jobs, operations=args.operations, with_python=args.with_python)
 
 
