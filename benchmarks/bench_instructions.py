@@ -35,7 +35,6 @@ import cython_peer
 HERE = Path(__file__).resolve().parent
 COUNTED = ("module", "cython", "floor")  # and "python" when asked: the slowest run of all
 TOTALS = re.compile(r"^(?:summary|totals):\s+(\d+)", re.MULTILINE)
-ANNOTATED = re.compile(r"^\s*([\d,]+)\s+(?:\([^)]*\)\s+)?(\S.*)$")
 
 
 def valgrind() -> Optional[str]:
@@ -78,11 +77,44 @@ def count(
     return {op: (p[implementation] - p["harness"]) / calls for op, p in parts.items()}
 
 
+def self_costs(path: Path) -> Dict[str, int]:
+    """Instructions spent in each function itself (callees excluded), from one callgrind dump."""
+    names: Dict[str, str] = {}
+    costs: Dict[str, int] = {}
+    current = ""
+    after_call = False
+
+    def name_of(spec: str) -> str:
+        # "(12) name" defines a compressed name, "(12)" refers to one.
+        if spec.startswith("("):
+            key, _, rest = spec.partition(")")
+            rest = rest.strip()
+            if rest:
+                names[key] = rest
+            return names.get(key, spec)
+        return spec
+
+    for line in path.read_text(errors="replace").splitlines():
+        if line.startswith("fn="):
+            current = name_of(line[3:])
+        elif line.startswith("cfn="):
+            name_of(line[4:])
+        elif line.startswith("calls="):
+            after_call = True
+        elif line[:1].isdigit() or line[:1] in "+-*":
+            fields = line.split()
+            if after_call:
+                after_call = False  # the inclusive cost of the call just named
+            elif len(fields) > 1:
+                costs[current] = costs.get(current, 0) + int(fields[1])
+    return costs
+
+
 def breakdown(operation: str, calls: int = 2_000, top: int = 12,
               implementations=("module", "cython")) -> Dict[str, List[Tuple[float, str]]]:
     """Where one call of ``operation`` spends its instructions: the functions with the most instructions
-    of their own (callgrind_annotate, exclusive counts) in the counted part only, per call, for each
-    implementation, harness not subtracted."""
+    of their own (callees excluded) in the counted part only, per call, for each implementation, less
+    what the same function spends in the harness loop."""
     cython_peer.build()
     bench_overhead.select([operation])
     found: Dict[str, List[Tuple[float, str]]] = {}
@@ -92,16 +124,9 @@ def breakdown(operation: str, calls: int = 2_000, top: int = 12,
             count(impl, calls, workdir, [operation])
             labels = json.loads((workdir / f"{impl}.labels").read_text())
             number = labels.index(f"{impl}\t{operation}") + 1
-            out = subprocess.run(
-                ["callgrind_annotate", "--inclusive=no", "--threshold=100",
-                 f"{workdir / impl}.callgrind.{number}"],
-                capture_output=True, text=True, check=True,
-            ).stdout
-            rows = []
-            for line in out.splitlines():
-                match = ANNOTATED.match(line)
-                if match:
-                    rows.append((int(match.group(1).replace(",", "")) / calls, match.group(2).strip()))
+            costs = self_costs(Path(f"{workdir / impl}.callgrind.{number}"))
+            harness = self_costs(Path(f"{workdir / impl}.callgrind.{number + 1}"))
+            rows = [((n - harness.get(name, 0)) / calls, name) for name, n in costs.items()]
             found[impl] = sorted(rows, reverse=True)[:top]
     return found
 
@@ -109,7 +134,7 @@ def breakdown(operation: str, calls: int = 2_000, top: int = 12,
 def format_breakdown(operation: str, found: Dict[str, List[Tuple[float, str]]]) -> str:
     lines = [f"Where one call of {operation!r} goes (instructions per call, own cost of each function)"]
     for impl, rows in found.items():
-        lines.append(f"  {impl}: {sum(n for n, _ in rows):,.0f} in the top {len(rows)}")
+        lines.append(f"  {impl}: {sum(n for n, _ in rows):,.0f} in these {len(rows)}")
         lines += [f"    {n:9,.0f}  {name[:110]}" for n, name in rows]
     return "\n".join(lines)
 

@@ -58,6 +58,7 @@ def plot_vs_cython(versions: List[Dict[str, Any]], path: Path) -> None:
     figure, axis = plt.subplots(figsize=(9, 0.28 * len(operations) + 1.8))
     markers = "osD^v<>ph*"
     count = len(versions)
+    widest = 1.2
     for number, version in enumerate(versions):
         by_name = {r["operation"]: r for r in version["overhead"]["operations"]}
         rows, values, lows, highs = [], [], [], []
@@ -66,17 +67,28 @@ def plot_vs_cython(versions: List[Dict[str, Any]], path: Path) -> None:
             if r is None or r["vs_cython"] is None:
                 continue
             rounds = [v for v in r["vs_cython_rounds"] if v is not None]
+            q1, _q2, q3 = statistics.quantiles(rounds, n=4) if len(rounds) > 1 else (rounds * 3)
             rows.append(row + (number - (count - 1) / 2) * 0.6 / max(count, 1))
             values.append(r["vs_cython"])
-            lows.append(r["vs_cython"] - min(rounds))
-            highs.append(max(rounds) - r["vs_cython"])
+            lows.append(max(0.0, r["vs_cython"] - q1))
+            highs.append(max(0.0, q3 - r["vs_cython"]))
+            widest = max(widest, q3, r["vs_cython"])
         axis.errorbar(values, rows, xerr=[lows, highs], fmt=markers[number % len(markers)], markersize=4,
                       elinewidth=0.6, capsize=0, label=version["label"])
+    counted = versions[0].get("instructions")
+    if counted is not None:
+        by_name = {r["operation"]: r for r in counted["operations"]}
+        points = [(by_name[name]["vs_cython"], row) for row, name in enumerate(operations)
+                  if name in by_name and by_name[name]["vs_cython"] is not None]
+        axis.plot([x for x, _ in points], [y for _, y in points], "x", color="black", markersize=5,
+                  label=f"instructions, {versions[0]['label']}")
+        widest = max([widest] + [x for x, _ in points])
     axis.axvline(1.0, color="black", linewidth=0.8)
+    axis.set_xlim(0, min(widest * 1.05, 4.0))
     axis.set_yticks(range(len(operations)))
     axis.set_yticklabels(operations, fontsize=8)
     axis.invert_yaxis()
-    axis.set_xlabel("module time / Cython peer time (median of the rounds; bars: fastest to slowest round)")
+    axis.set_xlabel("module time / Cython peer time (median of the rounds; bars: middle half of the rounds)")
     axis.grid(True, axis="x", alpha=0.3)
     axis.legend(fontsize=7, loc="lower right")
     axis.set_title(
@@ -146,6 +158,52 @@ def overview(versions: List[Dict[str, Any]]) -> str:
     return "\n".join(lines)
 
 
+def _ratio_cell(value: Any) -> str:
+    if value is None:
+        return "–"
+    return f"**{value:.2f}**" if value > bench_overhead.TARGET_VS_CYTHON else f"{value:.2f}"
+
+
+def _summary_line(s: Dict[str, Any]) -> str:
+    return (
+        f"Median module / Cython {s['median_vs_cython']:.2f} ({s['at_or_below_target_vs_cython']} of "
+        f"{s['operations']} at or below 1.00); median own {s['median_own']:.2f}."
+    )
+
+
+def markdown(results: Dict[str, Any]) -> str:
+    """The tables of a results.json as Markdown, for the README: per version, time and instructions."""
+    out = []
+    for version in results["versions"]:
+        timed = version["overhead"]
+        out += [
+            f"#### {version['label']}: time per call, ns (median of {timed['repeats']} rounds)",
+            "",
+            "| operation | module | Cython | Python | floor | module / Cython | own |",
+            "| --- | ---: | ---: | ---: | ---: | ---: | ---: |",
+        ]
+        for r in timed["operations"]:
+            figures = " | ".join(f"{r[f'{name}_ns']:,.0f}" for name in bench_overhead.IMPLEMENTATIONS[:4])
+            own = "–" if r["own"] is None else f"{r['own']:.2f}"
+            out.append(f"| {r['operation']} | {figures} | {_ratio_cell(r['vs_cython'])} | {own} |")
+        out += ["", _summary_line(timed["summary"]), ""]
+        counted = version.get("instructions")
+        if counted is None:
+            continue
+        out += [
+            f"#### {version['label']}: instructions per call (callgrind, {counted['calls']} calls)",
+            "",
+            "| operation | module | Cython | floor | module / Cython | own |",
+            "| --- | ---: | ---: | ---: | ---: | ---: |",
+        ]
+        for r in counted["operations"]:
+            figures = " | ".join(f"{r[f'{name}_instructions']:,}" for name in ("module", "cython", "floor"))
+            own = "–" if r["own"] is None else f"{r['own']:.2f}"
+            out.append(f"| {r['operation']} | {figures} | {_ratio_cell(r['vs_cython'])} | {own} |")
+        out += ["", _summary_line(counted["summary"]), ""]
+    return "\n".join(out)
+
+
 def main() -> None:
     parser = argparse.ArgumentParser(
         description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter
@@ -158,7 +216,12 @@ def main() -> None:
     parser.add_argument("--no-end-to-end", action="store_true", help="skip the end-to-end run")
     parser.add_argument("--operation", action="append", dest="operations", metavar="NAME")
     parser.add_argument("--output-dir", type=Path, default=HERE)
+    parser.add_argument("--markdown", type=Path, metavar="RESULTS", help="print the tables of a results.json "
+                        "as Markdown and stop")
     args = parser.parse_args()
+    if args.markdown is not None:
+        print(markdown(json.loads(args.markdown.read_text())))
+        return
 
     pythons = args.pythons or [sys.executable]
     if args.quick:
