@@ -110,7 +110,7 @@ def self_costs(path: Path) -> Dict[str, int]:
     return costs
 
 
-def breakdown(operation: str, calls: int = 2_000, top: int = 12,
+def breakdown(operation: str, calls: int = 2_000,
               implementations=("module", "cython")) -> Dict[str, List[Tuple[float, str]]]:
     """Where one call of ``operation`` spends its instructions: the functions with the most instructions
     of their own (callees excluded) in the counted part only, per call, for each implementation, less
@@ -127,15 +127,26 @@ def breakdown(operation: str, calls: int = 2_000, top: int = 12,
             costs = self_costs(Path(f"{workdir / impl}.callgrind.{number}"))
             harness = self_costs(Path(f"{workdir / impl}.callgrind.{number + 1}"))
             rows = [((n - harness.get(name, 0)) / calls, name) for name, n in costs.items()]
-            found[impl] = sorted(rows, reverse=True)[:top]
+            found[impl] = sorted(rows, reverse=True)
     return found
 
 
-def format_breakdown(operation: str, found: Dict[str, List[Tuple[float, str]]]) -> str:
+def format_breakdown(operation: str, found: Dict[str, List[Tuple[float, str]]], top: int = 12) -> str:
     lines = [f"Where one call of {operation!r} goes (instructions per call, own cost of each function)"]
     for impl, rows in found.items():
-        lines.append(f"  {impl}: {sum(n for n, _ in rows):,.0f} in these {len(rows)}")
-        lines += [f"    {n:9,.0f}  {name[:110]}" for n, name in rows]
+        lines.append(f"  {impl}: {sum(n for n, _ in rows):,.0f} in all, the top {top}:")
+        lines += [f"    {n:9,.0f}  {name[:110]}" for n, name in rows[:top]]
+    if set(found) == {"module", "cython"}:
+        module = {name: n for n, name in found["module"]}
+        cython = {name: n for n, name in found["cython"]}
+        difference = sorted(
+            ((module.get(name, 0.0) - cython.get(name, 0.0), name) for name in set(module) | set(cython)),
+            reverse=True,
+        )
+        lines.append(f"  module - cython, where the module spends more (top {top}):")
+        lines += [f"    {n:+9,.0f}  {name[:110]}" for n, name in difference[:top] if n > 0]
+        lines.append(f"  module - cython, where the module spends less (top {top}):")
+        lines += [f"    {n:+9,.0f}  {name[:110]}" for n, name in reversed(difference[-top:]) if n < 0]
     return "\n".join(lines)
 
 
