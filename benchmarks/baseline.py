@@ -80,11 +80,20 @@ def _argument_type_error(name, expected, obj):
     return TypeError(f"Argument '{name}' has incorrect type (expected {expected}, got {_type_name(obj)})")
 
 
+def _membership_test(np):
+    # np.in1d; where numpy has it no more (2.4 and later), np.isin, which gives the same mask for the
+    # one-dimensional index arrays passed here.
+    try:
+        return np.in1d
+    except AttributeError:
+        return np.isin
+
+
 def exclude_removed(removed, indices, dataset=None):
     "\n    Exclude removed indices from the given indices and dataset.\n\n    Args:\n        removed: A list or array-like object containing the indices to be removed.\n        indices: The original indices from which to exclude the removed indices.\n        dataset: A tuple or list containing arrays or None representing the dataset.\n\n    Returns:\n        Tuple: A tuple containing the updated indices and the updated dataset (if provided).\n\n    The function creates a mask to exclude the removed indices from the given indices. If a dataset is provided,\n    it applies the mask to the dataset, updating the corresponding arrays.\n\n    If no dataset is provided, only the indices are returned.\n\n    Example:\n        removed = [2, 5, 7]\n        indices = [1, 2, 3, 4, 5, 6, 7, 8, 9]\n        dataset = (array1, array2, array3)  # Arrays representing the dataset\n\n        new_indices, new_dataset = exclude_removed(removed, indices, dataset)\n\n        # new_indices: [1, 3, 4, 6, 8, 9]\n        # new_dataset: (updated_array1, updated_array2, updated_array3)\n    "
     mask = None
     if removed is not None and len(removed) > 0:
-        mask = ~np.in1d(indices, removed)
+        mask = ~_membership_test(np)(indices, removed)
         if np.any(mask):
             indices = indices[mask]
     if dataset is None:
@@ -366,7 +375,7 @@ class ChunkLayer:
         if not self.has_buffer():
             return
         _, (indices, X, y) = align_arrays_by_key((self.buffer.ind,), (indices, X, y))
-        mask = np.in1d(self.buffer.ind, indices)
+        mask = _membership_test(np)(self.buffer.ind, indices)
         if y is not None:
             self.buffer.y[mask] = y
         if X is not None:

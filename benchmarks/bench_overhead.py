@@ -218,6 +218,7 @@ def make_fixture(spaces: Dict[str, ModuleType], nodes: Dict[str, Any]) -> Dict[s
     params = [record]
     common: Dict[str, Any] = {
         "np": np,
+        "in1d": getattr(np, "in1d", None) or np.isin,
         "sys": sys,
         "Dataset": Dataset,
         "TrivialNode": TrivialNode,
@@ -371,7 +372,7 @@ for item in {items}:
 """
 _CLASSIFY = "targets = np.unique(filter_missing(np.concatenate([targets, dset.y])))"
 _EXCLUDE = """\
-mask = ~np.in1d({ind}, {removed})
+mask = ~in1d({ind}, {removed})
 np.any(mask)
 {ind}[mask]
 ds = Dataset({d}[0][mask], {d}[1][mask], {d}[2][mask], None, None, None)
@@ -462,7 +463,7 @@ OPERATIONS: List[Operation] = [
     Operation("update_buffer", "new y for 1 of 2 rows (align_arrays_by_key, np.in1d)",
               "layer.update_buffer(upd_ind, None, upd_y)",
               "half_u[1].shape[0] > 0\n_k, (i2, X2, y2) = align((half_u.ind,), (upd_ind, None, upd_y))\n"
-              "mask = np.in1d(half_u.ind, i2)\nhalf_u.y[mask] = y2",
+              "mask = in1d(half_u.ind, i2)\nhalf_u.y[mask] = y2",
               before="layer.buffer = half_u"),
     Operation("_add_to_buffer", "2 rows onto a 2-row buffer (3 concatenations)",
               "layer._add_to_buffer(incoming)",

@@ -201,7 +201,27 @@ def markdown(results: Dict[str, Any]) -> str:
             own = "–" if r["own"] is None else f"{r['own']:.2f}"
             out.append(f"| {r['operation']} | {figures} | {_ratio_cell(r['vs_cython'])} | {own} |")
         out += ["", _summary_line(counted["summary"]), ""]
+    if len(results["versions"]) > 1:
+        out += _across_versions(results["versions"])
     return "\n".join(out)
+
+
+def _across_versions(versions: List[Dict[str, Any]]) -> List[str]:
+    """Module / Cython per operation (rows) and version (columns), by time; by instructions where counted."""
+    counted = [v for v in versions if v.get("instructions") is not None]
+    heads = [v["label"] for v in versions] + [f"{v['label']}, instructions" for v in counted]
+    out = ["#### Module / Cython across versions", "", "| operation | " + " | ".join(heads) + " |",
+           "| --- |" + " ---: |" * len(heads)]
+    tables = [{r["operation"]: r for r in v["overhead"]["operations"]} for v in versions]
+    tables += [{r["operation"]: r for r in v["instructions"]["operations"]} for v in counted]
+    for r in versions[0]["overhead"]["operations"]:
+        name = r["operation"]
+        cells = [_ratio_cell(t[name]["vs_cython"]) if name in t else "–" for t in tables]
+        out.append(f"| {name} | " + " | ".join(cells) + " |")
+    medians = [v["overhead"]["summary"]["median_vs_cython"] for v in versions]
+    medians += [v["instructions"]["summary"]["median_vs_cython"] for v in counted]
+    out += ["| median | " + " | ".join(f"{m:.2f}" for m in medians) + " |", ""]
+    return out
 
 
 def main() -> None:
