@@ -653,7 +653,7 @@ def connect(
     default (unless it is set in this process's environment): setting it turns off the C library's
     adaptive threshold for serving large allocations from the heap, so every temporary array of a chunk
     build is mapped and unmapped afresh, which doubled the CPU time of the builds here (see
-    ``benchmarks/DISTRIBUTED.md``). The peak memory stayed the same.
+    ``benchmarks/README.md``). The peak memory stayed the same.
     """
     make_client: Any = distributed.Client
     if address == "local":
