@@ -294,7 +294,8 @@ package = os.path.dirname(quillmarsh.__file__)
 for name in ("py.typed", os.path.join("core", "tree", "chunk_layer.pyi")):
     assert os.path.exists(os.path.join(package, name)), name + " is not installed"
 assert chunk_layer.BUFFER_NODE_ID == "buffer"
-print("imported", chunk_layer.__file__)
+import numpy, pandas
+print(f"numpy {numpy.__version__}, pandas {pandas.__version__}")
 """
 
 
@@ -314,8 +315,8 @@ def smoke_test(python: Path, work: Path) -> List[str]:
     done = []
     smoke_import = f"SOURCE_TREE = {str(ROOT) + os.sep!r}\n{SMOKE_IMPORT}"
     (work / "smoke_import.py").write_text(smoke_import, encoding="utf-8")
-    run([python, "-I", work / "smoke_import.py"], cwd=work, env=env, what="import")
-    done.append("import")
+    versions = run([python, "-I", work / "smoke_import.py"], cwd=work, env=env, what="import")
+    done.append(f"import ({versions.strip()})")
     (work / "readme_snippet.py").write_text(readme_snippet(), encoding="utf-8")
     run([python, "-I", work / "readme_snippet.py"], cwd=work, env=env, what="README snippet")
     done.append("README snippet")
