@@ -31,11 +31,11 @@ class Built(NamedTuple):
 
 
 def load_script() -> ModuleType:
-    spec = importlib.util.spec_from_file_location("wheels_script", ROOT / "scripts" / "wheels.py")
-    assert spec is not None and spec.loader is not None
-    module = importlib.util.module_from_spec(spec)
-    sys.modules[spec.name] = module  # dataclasses look their module up while the class is made
-    spec.loader.exec_module(module)
+    found = importlib.util.spec_from_file_location("wheels_script", ROOT / "scripts" / "wheels.py")
+    assert found is not None and found.loader is not None
+    module = importlib.util.module_from_spec(found)
+    sys.modules[found.name] = module  # dataclasses look their module up while the class is made
+    found.loader.exec_module(module)
     return module
 
 
