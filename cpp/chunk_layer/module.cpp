@@ -212,10 +212,8 @@ void load(Handle module) {
         py::set_item(globals, kTest, py::new_dict());
     } catch (const py::Error&) {
         if (registered_here) {
-            PyObject *type, *value, *traceback;
-            PyErr_Fetch(&type, &value, &traceback);
+            const py::compat::PendingError pending;
             PyDict_DelItemString(PyImport_GetModuleDict(), kModuleName);
-            PyErr_Restore(type, value, traceback);
         }
         throw;
     }

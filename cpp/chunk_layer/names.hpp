@@ -47,6 +47,7 @@ inline const py::Str itemsize{"itemsize"};
 inline const py::Str array{"array"};
 inline const py::Str concatenate{"concatenate"};
 inline const py::Str in1d{"in1d"};
+inline const py::Str isin{"isin"};
 inline const py::Str any{"any"};
 inline const py::Str unique{"unique"};
 // the chunk layer's attributes and methods

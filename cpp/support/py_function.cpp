@@ -155,6 +155,7 @@ void bind(const FunctionObject& function, PyObject* const* positional, Py_ssize_
 PyObject* run(PyObject* self, PyObject* const* positional, Py_ssize_t given,
               const Keywords& keywords) {
     return guard([&] {
+        const RecursionLevel level;
         FunctionObject& function = *as_function(self);
         // The defaults tuple may be replaced through __defaults__ while the body runs.
         Ref defaults_in_use = function.fields.defaults;
@@ -427,19 +428,6 @@ Ref function_name(Handle function) {
 }
 Ref function_qualname(Handle function) {
     return as_function(function.get())->fields.qualname;
-}
-
-Ref call_positional(Handle function, std::span<PyObject* const> args) {
-    PyObject* object = function.get();
-    if (Py_TYPE(object) == &function_type) {
-        const FunctionObject& compiled = *as_function(object);
-        if (args.size() == compiled.fields.definition->parameters.size()) {
-            Call call{object, compiled.fields.globals.get(), compiled.fields.closure.get(),
-                      args.data()};
-            return compiled.fields.definition->body(call);
-        }
-    }
-    return Ref::steal(PyObject_Vectorcall(object, args.data(), args.size(), nullptr));
 }
 
 Ref global(Handle globals, const Str& name) {

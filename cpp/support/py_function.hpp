@@ -21,6 +21,8 @@ struct Parameter {
     const char* annotation = nullptr;  // stored as a string, never evaluated
 };
 
+class Held;  // py_generator.hpp
+
 // What a body receives: the bound arguments, one per parameter in order (defaults filled in),
 // all borrowed for the duration of the call.
 struct Call {
@@ -28,6 +30,7 @@ struct Call {
     PyObject* globals;      // its module's namespace
     PyObject* closure;      // what an inner function captured, or null
     PyObject* const* args;  // one per parameter
+    Held** held = nullptr;  // a generator body's: the objects it holds (see Held), else null
 
     Handle operator[](std::size_t index) const noexcept { return args[index]; }
 };
@@ -60,11 +63,6 @@ void ready_function_type();
 // is `globals`; `closure` (may be null) is what an inner function captures.
 Ref make_function(const FunctionDef& definition, Handle module_name, Handle globals,
                   Handle closure = nullptr);
-
-// function(*args), for a callable of any kind. A function of this type given exactly its parameters
-// runs its body at once: with every parameter given by position there is nothing to parse, and
-// defaults are never consulted.
-Ref call_positional(Handle function, std::span<PyObject* const> args);
 
 // The current __name__ and __qualname__ of a function object (for the generators it makes).
 Ref function_name(Handle function);

@@ -5,13 +5,16 @@
 #include "support/py_generator.hpp"
 
 #include <new>
+#include <optional>
 #include <stdexcept>
 
 namespace py {
 
-void Coroutine::promise_type::unhandled_exception() noexcept {
+void Coroutine::promise_type::unhandled_exception() {
     try {
         throw;
+    } catch (abi::__forced_unwind&) {
+        throw;  // a thread ended at finalisation: the unwinding goes on to the resumer
     } catch (const Error&) {
         // The Python error is already set.
     } catch (const std::bad_alloc&) {
@@ -41,6 +44,7 @@ struct GeneratorObject {
         Call call;
         Ref name;
         Ref qualname;
+        Held* held = nullptr;  // what the body holds across its co_yields
         bool started = false;
         bool running = false;
     } fields;
@@ -55,10 +59,8 @@ GeneratorObject* as_generator(PyObject* object) {
 void finish(GeneratorObject& generator) {
     Coroutine::Handle body = std::exchange(generator.fields.body, {});
     if (!body) return;
-    PyObject *type, *value, *traceback;
-    PyErr_Fetch(&type, &value, &traceback);
+    const compat::PendingError pending;
     body.destroy();
-    PyErr_Restore(type, value, traceback);
 }
 
 enum class Resume { next, send, throw_pending };
@@ -82,6 +84,14 @@ PyObject* resume(GeneratorObject& generator, Resume how, PyObject* sent) {
         return nullptr;
     }
 
+    // A resumption counts against the recursion limit as a call does; past it, the body stays
+    // where it is.
+    std::optional<RecursionLevel> level;
+    try {
+        level.emplace();
+    } catch (const Error&) {
+        return nullptr;
+    }
     Coroutine::promise_type& promise = fields.body.promise();
     bool failed;
     if (!fields.started && how == Resume::throw_pending) {
@@ -103,19 +113,12 @@ PyObject* resume(GeneratorObject& generator, Resume how, PyObject* sent) {
     if (failed) {
         // A StopIteration leaving the body would end the caller's loop silently: make it loud.
         if (PyErr_ExceptionMatches(PyExc_StopIteration)) {
-            PyObject *type, *value, *traceback;
-            PyErr_Fetch(&type, &value, &traceback);
-            PyErr_NormalizeException(&type, &value, &traceback);
-            if (traceback != nullptr) PyException_SetTraceback(value, traceback);
-            Ref stop_type = Ref::steal_or_null(type);
-            Ref stop = Ref::steal_or_null(value);
-            Ref stop_traceback = Ref::steal_or_null(traceback);
+            Ref stop = Ref::steal_or_null(compat::take_raised_exception());
             PyErr_SetString(PyExc_RuntimeError, "generator raised StopIteration");
-            PyErr_Fetch(&type, &value, &traceback);
-            PyErr_NormalizeException(&type, &value, &traceback);
-            PyException_SetCause(value, Ref(stop).release());
-            PyException_SetContext(value, stop.release());
-            PyErr_Restore(type, value, traceback);
+            Ref error = Ref::steal_or_null(compat::take_raised_exception());
+            PyException_SetCause(error.get(), Ref(stop).release());
+            PyException_SetContext(error.get(), stop.release());
+            compat::set_raised_exception(error.release());
         }
         return nullptr;
     }
@@ -202,13 +205,11 @@ PyObject* generator_close(PyObject* self, PyObject*) {
 void generator_finalize(PyObject* self) {
     GeneratorObject& generator = *as_generator(self);
     if (!generator.fields.body) return;
-    PyObject *type, *value, *traceback;
-    PyErr_Fetch(&type, &value, &traceback);
+    const compat::PendingError pending;
     if (Ref result = Ref::steal_or_null(close_generator(generator)); !result) {
         PyErr_WriteUnraisable(self);
     }
     finish(generator);
-    PyErr_Restore(type, value, traceback);
 }
 
 int generator_traverse(PyObject* self, visitproc visit, void* arg) {
@@ -217,7 +218,7 @@ int generator_traverse(PyObject* self, visitproc visit, void* arg) {
                            &fields.name, &fields.qualname}) {
         Py_VISIT(ref->get());
     }
-    return 0;
+    return Held::traverse(fields.held, visit, arg);
 }
 
 int generator_clear(PyObject* self) {
@@ -327,11 +328,13 @@ Ref make_generator(const Call& call, std::size_t argument_count, GeneratorBody b
         Ref::borrow(call.globals),
         Ref::borrow(call.closure),
         arguments,
-        Call{call.function, call.globals, call.closure, &PyTuple_GET_ITEM(arguments.get(), 0)},
+        Call{call.function, call.globals, call.closure, &PyTuple_GET_ITEM(arguments.get(), 0),
+             nullptr},
         function_name(call.function),
         function_qualname(call.function),
     };
     Ref result = Ref::steal(reinterpret_cast<PyObject*>(generator));
+    generator->fields.call.held = &generator->fields.held;
     // The body's Call points at the objects this generator owns, so it outlives every resumption.
     generator->fields.body = body(generator->fields.call).release();
     if (!generator->fields.body) {

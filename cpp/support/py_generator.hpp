@@ -46,7 +46,7 @@ class Coroutine {
         std::suspend_always initial_suspend() const noexcept { return {}; }
         std::suspend_always final_suspend() const noexcept { return {}; }
         void return_void() const noexcept {}
-        void unhandled_exception() noexcept;
+        void unhandled_exception();
         YieldPoint yield_value(Ref value) noexcept {
             yielded = std::move(value);
             return YieldPoint{*this};
@@ -66,6 +66,49 @@ class Coroutine {
   private:
     explicit Coroutine(Handle handle) noexcept : handle_(handle) {}
     Handle handle_;
+};
+
+// An object that a generator body keeps across a co_yield. It is listed with its generator, so the
+// cyclic collector sees it (tp_traverse) and can release it (tp_clear, which destroys the body).
+// A body keeps every object that lives across a co_yield in a Held, never in a plain Ref; the
+// objects a body uses only between two co_yields may stay plain Refs.
+class Held {
+  public:
+    explicit Held(const Call& call, Ref value = Ref()) noexcept
+        : list_(call.held), next_(*call.held), value_(std::move(value)) {
+        *list_ = this;
+    }
+    Held(const Held&) = delete;
+    Held& operator=(const Held&) = delete;
+    ~Held() {
+        // Locals go in the reverse order of their making, so this is normally the list's head.
+        Held** link = list_;
+        while (*link != this) link = &(*link)->next_;
+        *link = next_;
+    }
+
+    Held& operator=(Ref value) noexcept {
+        value_ = std::move(value);
+        return *this;
+    }
+
+    PyObject* get() const noexcept { return value_.get(); }
+    operator Handle() const noexcept { return value_.get(); }  // NOLINT: implicit by design
+    explicit operator bool() const noexcept { return static_cast<bool>(value_); }
+    bool is_none() const noexcept { return value_.is_none(); }
+
+    // Visits every object held for the body whose list starts at `first`.
+    static int traverse(const Held* first, visitproc visit, void* arg) {
+        for (const Held* held = first; held != nullptr; held = held->next_) {
+            Py_VISIT(held->value_.get());
+        }
+        return 0;
+    }
+
+  private:
+    Held** list_;
+    Held* next_;
+    Ref value_;
 };
 
 // The body of a generator method: it receives the call of the method, whose arguments the

@@ -7,6 +7,8 @@
 #define PY_SSIZE_T_CLEAN
 #include <Python.h>
 
+#include <cxxabi.h>
+
 #include <array>
 #include <cstddef>
 #include <exception>
@@ -15,6 +17,8 @@
 #include <span>
 #include <utility>
 #include <vector>
+
+#include "support/py_compat.hpp"
 
 namespace py {
 
@@ -34,6 +38,19 @@ inline int check_status(int status) {
     return status;
 }
 
+// One level of the interpreter's recursion count, held while a call into the module runs: calls
+// between the module's own methods recurse as deep as Python functions would, and then raise
+// RecursionError.
+class RecursionLevel {
+  public:
+    RecursionLevel() {
+        if (!compat::enter_recursive_call()) throw Error{};
+    }
+    RecursionLevel(const RecursionLevel&) = delete;
+    RecursionLevel& operator=(const RecursionLevel&) = delete;
+    ~RecursionLevel() { compat::leave_recursive_call(); }
+};
+
 // Raises a Python exception of `type` with a printf-style message (the interpreter's format).
 template <class... Args>
 [[noreturn]] void raise(PyObject* type, const char* format, Args... args) {
@@ -42,6 +59,16 @@ template <class... Args>
 }
 
 class Ref;
+
+// Gives back one reference. At finalisation the interpreter ends threads that wait for its lock
+// with pthread_exit(), whose unwinding runs the destructors of every frame in the module without
+// the lock: such a thread leaves its references to the dying process instead.
+inline void release_reference(PyObject* object) noexcept {
+    if (object == nullptr) return;
+    if (compat::interpreter_finalizing() && !compat::thread_holds_gil()) [[unlikely]]
+        return;
+    Py_DECREF(object);
+}
 
 // A borrowed reference: valid only while its owner keeps the object alive. Never null when it
 // comes from an API result; may be null only where a signature says so.
@@ -66,7 +93,7 @@ class Ref {
     Ref() noexcept = default;
     Ref(const Ref& other) noexcept : object_(other.object_) { Py_XINCREF(object_); }
     Ref(Ref&& other) noexcept : object_(std::exchange(other.object_, nullptr)) {}
-    ~Ref() { Py_XDECREF(object_); }
+    ~Ref() { release_reference(object_); }
 
     Ref& operator=(Ref other) noexcept {
         std::swap(object_, other.object_);
@@ -102,11 +129,15 @@ class Ref {
 inline Handle::Handle(const Ref& ref) noexcept : object_(ref.get()) {}
 
 // Runs `body` at an entry point called by the interpreter: a thrown `Error` becomes a NULL
-// return with the Python error set, and C++ failures become the matching Python errors.
+// return with the Python error set, and C++ failures become the matching Python errors. The
+// forced unwinding of a thread ended by pthread_exit() passes through, as it must: entry points
+// are never noexcept.
 template <class Body>
-PyObject* guard(Body&& body) noexcept {
+PyObject* guard(Body&& body) {
     try {
         return body().release();
+    } catch (abi::__forced_unwind&) {
+        throw;
     } catch (const Error&) {
         return nullptr;
     } catch (const std::bad_alloc&) {
@@ -119,10 +150,12 @@ PyObject* guard(Body&& body) noexcept {
 
 // Same for entry points that report failure with -1.
 template <class Body>
-int guard_status(Body&& body) noexcept {
+int guard_status(Body&& body) {
     try {
         body();
         return 0;
+    } catch (abi::__forced_unwind&) {
+        throw;
     } catch (const Error&) {
         return -1;
     } catch (const std::bad_alloc&) {
@@ -365,35 +398,69 @@ inline Ref next(Handle iterator) {
     return Ref::steal_or_null(item);
 }
 
-// Unpacks exactly N values from an iterable into an array. Its errors are "too many values to
-// unpack (expected N)" and "need more than K value(s) to unpack".
+// How an unpacking reports too few values.
+enum class TooFew {
+    statement,  // as `a, b = x` does: "not enough values to unpack (expected N, got K)"
+    need_more,  // "need more than K value(s) to unpack"
+};
+
+// Unpacks exactly N values from an iterable into an array, as `a, b = x` does: an object that
+// cannot be iterated gives "cannot unpack non-iterable %.200s object", too many values give
+// "too many values to unpack (expected N)", too few give the message that `too_few` names.
 template <std::size_t N>
-std::array<Ref, N> unpack(Handle iterable) {
+std::array<Ref, N> unpack(Handle iterable, TooFew too_few = TooFew::statement) {
     std::array<Ref, N> values;
+    constexpr auto expected = static_cast<Py_ssize_t>(N);
     auto too_many = [] {
-        raise(PyExc_ValueError, "too many values to unpack (expected %zd)",
-              static_cast<Py_ssize_t>(N));
+        raise(PyExc_ValueError, "too many values to unpack (expected %zd)", expected);
     };
-    auto need_more = [](Py_ssize_t got) {
-        raise(PyExc_ValueError, "need more than %zd value%.1s to unpack", got, got == 1 ? "" : "s");
+    auto need_more = [too_few](Py_ssize_t got) {
+        if (too_few == TooFew::need_more) {
+            raise(PyExc_ValueError, "need more than %zd value%.1s to unpack", got,
+                  got == 1 ? "" : "s");
+        }
+        raise(PyExc_ValueError, "not enough values to unpack (expected %zd, got %zd)", expected,
+              got);
     };
     PyObject* object = iterable.get();
     if (PyTuple_CheckExact(object) || PyList_CheckExact(object)) {
         Py_ssize_t size = PySequence_Fast_GET_SIZE(object);
-        if (size > static_cast<Py_ssize_t>(N)) too_many();
-        if (size < static_cast<Py_ssize_t>(N)) need_more(size);
+        if (size > expected) too_many();
+        if (size < expected) need_more(size);
         for (std::size_t i = 0; i < N; ++i) {
             values[i] = Ref::borrow(PySequence_Fast_GET_ITEM(object, i));
         }
         return values;
     }
-    Ref iterator = iter(iterable);
+    Ref iterator = Ref::steal_or_null(PyObject_GetIter(object));
+    if (!iterator) {
+        if (PyErr_ExceptionMatches(PyExc_TypeError) && Py_TYPE(object)->tp_iter == nullptr &&
+            !PySequence_Check(object)) {
+            raise(PyExc_TypeError, "cannot unpack non-iterable %.200s object",
+                  Py_TYPE(object)->tp_name);
+        }
+        throw Error{};
+    }
     for (std::size_t i = 0; i < N; ++i) {
         values[i] = next(iterator);
         if (!values[i]) need_more(static_cast<Py_ssize_t>(i));
     }
     if (next(iterator)) too_many();
     return values;
+}
+
+// callable(*iterable), as the interpreter evaluates it: the arguments are the items of the
+// iterable (an exact tuple as it is), and an object that cannot be iterated is reported as
+// "<callable>() argument after * must be an iterable, not <type>".
+inline Ref call_unpacked(Handle callable, Handle iterable) {
+    PyObject* object = iterable.get();
+    if (!PyTuple_CheckExact(object) && Py_TYPE(object)->tp_iter == nullptr &&
+        !PySequence_Check(object)) {
+        Ref name = Ref::steal(compat::function_str(callable.get()));
+        raise(PyExc_TypeError, "%U argument after * must be an iterable, not %.200s", name.get(),
+              Py_TYPE(object)->tp_name);
+    }
+    return call_tuple(callable, as_tuple(iterable));
 }
 
 }  // namespace py

@@ -6,6 +6,7 @@ passes, so a caller can hold back memory-hungry work until the rest of the pool 
 
 from __future__ import annotations
 
+import atexit
 import bisect
 import itertools
 import os
@@ -15,6 +16,9 @@ from typing import Any, Callable, List, Tuple
 
 # How often idle workers re-run the checks of deferred tasks when nothing else wakes them.
 POLL_INTERVAL = 0.02
+
+# How long the interpreter's exit waits for running tasks before it abandons them.
+EXIT_GRACE = 10.0
 
 
 class TaskError(Exception):
@@ -69,6 +73,20 @@ class ThreadPoolManager:
         self._threads: List[threading.Thread] = []
         self._generation = 0  # bumped by shutdown(); workers of an older generation exit
         self._max_workers = max(2, os.cpu_count() or 1)
+        atexit.register(self._stop_at_exit)
+
+    def _stop_at_exit(self) -> None:
+        """At interpreter exit: drop the queued tasks and let the workers go, so that no task starts
+        from now on, and give the running tasks up to ``EXIT_GRACE`` seconds to finish. A task still
+        running after that is abandoned: the interpreter ends its thread when it finalises."""
+        deadline = time.monotonic() + EXIT_GRACE
+        with self._cond:
+            self._queue.clear()
+            self._generation += 1
+            self._threads = []
+            self._cond.notify_all()
+            while self._running and time.monotonic() < deadline:
+                self._cond.wait(deadline - time.monotonic())
 
     @classmethod
     def configure(cls, max_workers: int) -> None:

@@ -158,3 +158,13 @@ class CreateNodeRecordingLayer(chunk_layer.ChunkLayer):
 def rows_of(dataset: Optional[Dataset]) -> List[int]:
     """The sample indices held by a dataset (empty for None)."""
     return [] if dataset is None else [int(i) for i in dataset.ind]
+
+
+def unpacking_message(value: object, targets: int) -> str:
+    """The message with which the plain statement ``a, b, ... = value`` (``targets`` names) fails."""
+    names = ", ".join(f"_{i}" for i in range(targets))
+    try:
+        exec(f"{names} = value", {"value": value})
+    except (TypeError, ValueError) as error:
+        return str(error)
+    raise AssertionError(f"{value!r} unpacks into {targets} names")

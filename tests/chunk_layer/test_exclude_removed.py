@@ -314,7 +314,7 @@ def test_numpy_membership_test_is_used(monkeypatch):
 
         def in1d(self, *args, **kwargs):
             calls.append((args, kwargs))
-            return np.in1d(*args, **kwargs)
+            return np.isin(*args, **kwargs)
 
     monkeypatch.setattr(chunk_layer, "np", NumpyProxy())
     indices = np.arange(4)
@@ -323,3 +323,38 @@ def test_numpy_membership_test_is_used(monkeypatch):
     assert len(calls) == 1
     assert calls[0][0][0] is indices
     assert calls[0][0][1] is removed
+
+
+def test_numpy_without_in1d_gets_the_same_membership_test_through_isin(monkeypatch):
+    calls = []
+
+    class NumpyWithoutIn1d:
+        def __getattr__(self, name):
+            if name == "in1d":
+                raise AttributeError(name)
+            return getattr(np, name)
+
+        def isin(self, *args, **kwargs):
+            calls.append((args, kwargs))
+            return np.isin(*args, **kwargs)
+
+    monkeypatch.setattr(chunk_layer, "np", NumpyWithoutIn1d())
+    indices = np.arange(5)
+    removed = np.array([4, 1])
+    dataset = Dataset(indices, np.arange(10.0).reshape(5, 2), None, None, None, None)
+    kept, rows = exclude_removed(removed, indices, dataset)
+    assert kept.tolist() == [0, 2, 3]
+    assert rows.X.tolist() == [[0.0, 1.0], [4.0, 5.0], [6.0, 7.0]]
+    assert [(args[0] is indices, args[1] is removed, kwargs) for args, kwargs in calls] == [(True, True, {})]
+
+
+def test_an_error_other_than_a_missing_in1d_is_not_hidden(monkeypatch):
+    class BrokenNumpy:
+        def __getattr__(self, name):
+            if name == "in1d":
+                raise RuntimeError("numpy is broken")
+            return getattr(np, name)
+
+    monkeypatch.setattr(chunk_layer, "np", BrokenNumpy())
+    with pytest.raises(RuntimeError, match="numpy is broken"):
+        exclude_removed([1], np.arange(3))

@@ -81,16 +81,17 @@ def test_constructor_attributes() -> None:
 def test_cat_encoding_config_clear_gives_fresh_copies() -> None:
     m = DataManager()
     first = m.cat_encoding_config_clear()
-    assert first == DEFAULT_CAT_ENCODING_CONFIG
+    assert first == {**DEFAULT_CAT_ENCODING_CONFIG, "feature_space": m.feature_space}
     first["max_categories"] = 1
     first["extra"] = True
-    assert m.cat_encoding_config_clear() == DEFAULT_CAT_ENCODING_CONFIG
+    assert m.cat_encoding_config_clear() == {**DEFAULT_CAT_ENCODING_CONFIG, "feature_space": m.feature_space}
     assert m.cat_encoding_config_clear() is not m.cat_encoding_config_clear()
     custom = {"max_categories": 5, "nested": {"a": 1}}
     c = DataManager(cat_encoding_config=custom)
     got = c.cat_encoding_config_clear()
     got["nested"]["a"] = 2
-    assert c.cat_encoding_config_clear() == {"max_categories": 5, "nested": {"a": 1}}
+    expected = {"max_categories": 5, "nested": {"a": 1}, "feature_space": c.feature_space}
+    assert c.cat_encoding_config_clear() == expected
     assert custom["nested"]["a"] == 1
 
 

@@ -28,7 +28,7 @@ def test_buffer_update_pattern() -> None:
     X = np.array([[1, 1], [9, 9], [7, 7], [5, 5]], dtype=float)
     y = np.array([1.0, 9.0, 7.0, 5.0])
     _, (indices, X, y) = align_arrays_by_key((buffer_ind,), (indices, X, y))
-    mask = np.in1d(buffer_ind, indices)
+    mask = np.isin(buffer_ind, indices)
     buffer_y[mask] = y
     buffer_X[mask] = X
     np.testing.assert_array_equal(buffer_y, [5, 0, 9, 1])

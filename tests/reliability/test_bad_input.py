@@ -374,7 +374,7 @@ def reference_exclude_removed(removed: Any, indices: Any, dataset: Any = None) -
     """The documented algorithm, step by step, in Python."""
     mask = None
     if removed is not None and len(removed) > 0:
-        mask = ~np.in1d(indices, removed)
+        mask = ~getattr(np, "in1d", np.isin)(indices, removed)
         if np.any(mask):
             indices = indices[mask]
     if dataset is None:

@@ -43,4 +43,5 @@ def filter_missing_and_inf(array: Any) -> np.ndarray:
         raise ValueError(f"filter_missing_and_inf expects a 1-D array, got {arr.ndim}-D")
     if arr.dtype.kind not in "fcmMO":
         return arr
-    return arr[~missing_or_inf_mask(arr)]
+    filtered: np.ndarray = arr[~missing_or_inf_mask(arr)]
+    return filtered

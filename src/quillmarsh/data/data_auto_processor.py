@@ -1,5 +1,10 @@
-"""Automatic preprocessing of one chunk: drop sparse columns and rows, fill missing values, one-hot
-encode categorical columns, and turn the targets into numbers."""
+"""Automatic preprocessing of one chunk: drop rows without a usable target, drop sparse columns and
+rows, fill missing values, one-hot encode categorical columns, turn timestamps and targets into numbers.
+
+The encoding itself lives in ``quillmarsh.data.feature_space``: a processor shares the stream's
+``FeatureSpace`` when its ``cat_encoding_config`` holds one under ``"feature_space"`` (the data manager
+puts it there), so that every chunk of a stream is encoded in one feature space.
+"""
 
 from __future__ import annotations
 
@@ -9,12 +14,9 @@ import numpy as np
 import pandas as pd
 
 from quillmarsh.core.numpy_extra import missing_or_inf_mask
+from quillmarsh.data.feature_space import MISSING_CATEGORY, OTHER_CATEGORY, FeatureSpace, as_numbers
 
-OTHER_CATEGORY = "<other>"
-"""Name suffix of the one-hot column that gathers the categories beyond ``max_categories``."""
-
-MISSING_CATEGORY = "<missing>"
-"""Replacement of a categorical column none of whose kept values is present."""
+__all__ = ["MISSING_CATEGORY", "OTHER_CATEGORY", "DataAutoProcessor"]
 
 
 def _check_fraction(name: str, value: float | None) -> float | None:
@@ -26,19 +28,36 @@ def _check_fraction(name: str, value: float | None) -> float | None:
 class DataAutoProcessor:
     """Turns a raw feature matrix into a dense float matrix that models can use.
 
-    ``X`` is 2-D: numeric (NaN for missing) or object (numbers, strings, None/NaN mixed). Missing means
-    None, NaN, pandas NA/NaT, and also ±inf. A column is categorical when its position is in
-    ``categorical_features``, or when it holds present values that are not numbers. ``feature_names``
-    names the input columns ("f0", "f1", ... when empty). ``cat_encoding_config`` is read for
-    ``max_categories`` (no cap when absent). ``missing_replacement`` is None or one entry per input
-    column; a None entry means compute it: the mean for numeric columns, the most frequent value for
-    categorical ones (``MISSING_CATEGORY``, or 0.0 for numeric, when the column has no present value).
+    ``X`` is 2-D: numeric (NaN for missing) or object (numbers, text, timestamps, None/NaN mixed).
+    Missing means None, NaN, pandas NA/NaT, and also ±inf. ``feature_names`` names the input columns
+    ("f0", "f1", ... when empty).
+
+    Each input column is, for the whole stream, one of:
+      - numeric: a numeric dtype, or text of which at least 90% of the present values are numbers (the
+        others count as missing);
+      - a timestamp: a datetime dtype, or text that reads as ISO 8601 timestamps as often; it becomes
+        seconds since 1970-01-01 UTC;
+      - categorical: listed in ``categorical_features``, or any other text; one-hot encoded;
+      - left out: text with more distinct values than ``max_text_values`` in the first chunk that holds
+        it; the stream's ``FeatureSpace.notes`` names it.
+    A column with no present value in the first chunks waits for a chunk that has one.
+
+    ``cat_encoding_config`` is read for ``max_categories`` (one-hot columns per input column; further
+    categories share one "<other>" column; no cap when absent), ``max_text_values`` (no limit when
+    absent) and ``feature_space``, the stream's ``FeatureSpace`` (a private one when absent).
+    ``missing_replacement`` is None or one entry per input column; a None entry means: the stream's
+    mean for numbers, its most frequent category for categories (``MISSING_CATEGORY`` when it has none).
     ``drop_rows_below`` and ``drop_cols_above`` are fractions in [0, 1], or None for no dropping.
+
+    Rows whose target is missing, infinite or not a number are dropped. A target counts as labels
+    (classification) instead when fewer than half of its present values are numbers; then only rows
+    with a missing label are dropped.
 
     After ``handle_missing_and_categorical_encoding``: ``X``, ``y``, ``ind`` and ``props`` hold the kept
     rows (``X`` with every input column, unencoded); ``removed_rows`` the input positions of the dropped
-    rows; ``feature_names`` the names of the processed columns; ``replacements_`` the replacement used
-    for each input column (None for dropped columns).
+    rows, of which ``removed_for_target`` were dropped for their target; ``feature_names`` the names of
+    the processed columns (those of the stream's feature space when this chunk was encoded);
+    ``replacements_`` the fill value of each input column (None for columns not encoded).
     """
 
     def __init__(
@@ -71,9 +90,16 @@ class DataAutoProcessor:
         for name, value in arrays.items():
             if value is not None and len(value) != n_rows:
                 raise ValueError(f"{name} has {len(value)} rows, but X has {n_rows}")
-        max_categories = (cat_encoding_config or {}).get("max_categories")
+        config = cat_encoding_config or {}
+        max_categories = config.get("max_categories")
         if max_categories is not None and (isinstance(max_categories, bool) or int(max_categories) < 1):
             raise ValueError(f"max_categories must be a positive int or None, got {max_categories!r}")
+        max_text_values = config.get("max_text_values")
+        if max_text_values is not None and (isinstance(max_text_values, bool) or int(max_text_values) < 1):
+            raise ValueError(f"max_text_values must be a positive int or None, got {max_text_values!r}")
+        feature_space = config.get("feature_space")
+        if feature_space is not None and not isinstance(feature_space, FeatureSpace):
+            raise TypeError(f"feature_space must be a FeatureSpace, got {type(feature_space).__name__}")
 
         self.X = X
         self.y = None if y is None else np.asarray(y)
@@ -83,22 +109,26 @@ class DataAutoProcessor:
         self.feature_names: List[str] = list(names)
         self.categorical_features = categorical
         self.max_categories = None if max_categories is None else int(max_categories)
+        self.max_text_values = None if max_text_values is None else int(max_text_values)
+        self.feature_space = feature_space if feature_space is not None else FeatureSpace()
         self.missing_replacement = None if missing_replacement is None else list(missing_replacement)
         self.drop_rows_below = _check_fraction("drop_rows_below", drop_rows_below)
         self.drop_cols_above = _check_fraction("drop_cols_above", drop_cols_above)
         self.removed_rows = np.empty(0, dtype=np.int64)
+        self.removed_for_target = 0
         self.replacements_: List[Any] = [None] * n_cols
         self.classes_: np.ndarray | None = None
 
     def handle_missing_and_categorical_encoding(self, sparse_threshold: float = 0.01) -> np.ndarray:
         """Process ``X`` and return the processed matrix: dense, float64, 2-D.
 
-        Steps, in order: drop the columns whose share of missing values is above ``drop_cols_above``;
-        drop the rows whose share of present values (over the kept columns) is below
-        ``drop_rows_below``; replace the missing values; one-hot encode the categorical columns, with
-        categories most frequent first (ties in order of appearance), at most ``max_categories`` of them
-        plus one "<other>" column for the rest. Kept numeric columns come first, in input order, then
-        the one-hot blocks in input order. Call it once per processor.
+        Steps, in order: drop the rows whose target is unusable; drop the columns whose share of missing
+        values is above ``drop_cols_above``; drop the rows whose share of present values (over the kept
+        columns) is below ``drop_rows_below``; encode the kept columns in the stream's feature space,
+        which first learns this chunk's new columns and categories (categories most frequent first, ties
+        in order of appearance, at most ``max_categories`` per column plus one "<other>" column) and
+        fills missing values. The matrix has a column for every name in ``feature_names``; those of
+        input columns dropped here are 0. Call it once per processor.
 
         ``sparse_threshold`` is the share of non-zero entries below which a sparse result would pay off
         (0 means always dense). The library has no sparse matrix type, so the result is dense whatever
@@ -109,50 +139,35 @@ class DataAutoProcessor:
         X = self.X
         n_rows, n_cols = X.shape
         missing = missing_or_inf_mask(X)
+        good_target = ~self._unusable_targets()
 
         keep_cols = np.ones(n_cols, dtype=bool)
-        if self.drop_cols_above is not None and n_rows:
-            keep_cols = missing.mean(axis=0) <= self.drop_cols_above
+        if self.drop_cols_above is not None and good_target.any():
+            keep_cols = missing[good_target].mean(axis=0) <= self.drop_cols_above
         cols = np.flatnonzero(keep_cols)
-        keep_rows = np.ones(n_rows, dtype=bool)
+        keep_rows = good_target.copy()
         if self.drop_rows_below is not None and cols.size:
-            keep_rows = 1.0 - missing[:, cols].mean(axis=1) >= self.drop_rows_below
+            keep_rows &= 1.0 - missing[:, cols].mean(axis=1) >= self.drop_rows_below
         rows = np.flatnonzero(keep_rows)
 
         self.removed_rows = np.flatnonzero(~keep_rows)
+        self.removed_for_target = int((~good_target).sum())
         self.X = X[rows]
         self.y = None if self.y is None else self.y[rows]
         self.ind = None if self.ind is None else self.ind[rows]
         self.props = None if self.props is None else self.props[rows]
-        missing = missing[rows]
 
-        numeric: List[np.ndarray] = []
-        numeric_names: List[str] = []
-        blocks: List[np.ndarray] = []
-        block_names: List[str] = []
-        for c in cols:
-            name = self.input_feature_names[c]
-            column, col_missing = self.X[:, c], missing[:, c]
-            given = None if self.missing_replacement is None else self.missing_replacement[c]
-            values = self._as_numeric(column, col_missing) if c not in self.categorical_features else None
-            if values is not None:
-                present = values[~col_missing]
-                fill = float(given) if given is not None else (float(present.mean()) if present.size else 0.0)
-                values[col_missing] = fill
-                numeric.append(values)
-                numeric_names.append(name)
-            else:
-                values = column.astype(object)
-                fill = given if given is not None else self._most_frequent(values[~col_missing])
-                values[col_missing] = fill
-                block, names = self._one_hot(values, name)
-                blocks.append(block)
-                block_names.extend(names)
-            self.replacements_[c] = fill
-
-        self.feature_names = numeric_names + block_names
-        parts = ([np.column_stack(numeric)] if numeric else []) + blocks
-        return np.hstack(parts).astype(np.float64, copy=False) if parts else np.empty((len(rows), 0))
+        matrix, self.feature_names, self.replacements_ = self.feature_space.encode(
+            self.X,
+            missing[rows],
+            self.input_feature_names,
+            cols.tolist(),
+            categorical=self.categorical_features,
+            replacements=self.missing_replacement,
+            max_categories=self.max_categories,
+            max_text_values=self.max_text_values,
+        )
+        return matrix
 
     def get_processed_arrays(self) -> Tuple[np.ndarray | None, np.ndarray | None, np.ndarray | None]:
         """Return ``(y_processed, ind, props)`` for the kept rows.
@@ -170,31 +185,19 @@ class DataAutoProcessor:
                 y = codes.astype(np.int64)
         return y, self.ind, self.props
 
-    @staticmethod
-    def _as_numeric(column: np.ndarray, col_missing: np.ndarray) -> np.ndarray | None:
-        """Return the column as a new float64 array, or None when a present value is not a number."""
-        if column.dtype.kind in "biuf":
-            return column.astype(np.float64)
-        values = pd.to_numeric(pd.Series(column, dtype=object), errors="coerce").to_numpy(dtype=np.float64)
-        if (np.isnan(values) & ~col_missing).any():
-            return None
-        return values
-
-    @staticmethod
-    def _most_frequent(present: np.ndarray) -> Any:
-        if not present.size:
-            return MISSING_CATEGORY
-        codes, uniques = pd.factorize(present)
-        return uniques[np.argmax(np.bincount(codes))]
-
-    def _one_hot(self, values: np.ndarray, name: str) -> Tuple[np.ndarray, List[str]]:
-        codes, uniques = pd.factorize(values)
-        order = np.argsort(-np.bincount(codes, minlength=len(uniques)), kind="stable")
-        top = order if self.max_categories is None else order[: self.max_categories]
-        has_other = len(top) < len(order)
-        column_of = np.full(len(uniques), len(top))  # categories beyond the cap go to "<other>"
-        column_of[top] = np.arange(len(top))
-        block = np.zeros((len(values), len(top) + has_other))
-        block[np.arange(len(values)), column_of[codes]] = 1.0
-        names = [f"{name}={uniques[t]}" for t in top] + ([f"{name}={OTHER_CATEGORY}"] if has_other else [])
-        return block, names
+    def _unusable_targets(self) -> np.ndarray:
+        """The mask of rows whose target is missing, infinite, or (for a numeric target) not a number."""
+        y = self.y
+        n_rows = self.X.shape[0]
+        if y is None:
+            return np.zeros(n_rows, dtype=bool)
+        if y.dtype.kind in "biu":
+            return np.zeros(n_rows, dtype=bool)
+        if y.dtype.kind == "f":
+            return ~np.isfinite(y)
+        missing = missing_or_inf_mask(y)
+        numbers = np.isfinite(as_numbers(y))
+        present = int((~missing).sum())
+        if present and numbers.sum() >= 0.5 * present:
+            return ~numbers
+        return missing

@@ -23,9 +23,11 @@ from typing import IO, Any, Callable, Dict, Hashable, List, Sequence, Tuple, Typ
 import numpy as np
 
 from quillmarsh.data.common import Dataset
+from quillmarsh.data.feature_space import FeatureSpace
 
-DEFAULT_CAT_ENCODING_CONFIG: Dict[str, Any] = {"max_categories": 100}
-"""Categorical encoding used when none is given: at most 100 one-hot columns per feature (plus "other")."""
+DEFAULT_CAT_ENCODING_CONFIG: Dict[str, Any] = {"max_categories": 100, "max_text_values": 1000}
+"""Categorical encoding used when none is given: at most 100 one-hot columns per feature (plus "other"),
+and a text column with more than 1000 distinct values (in the first chunk that holds it) is left out."""
 
 _REMOVED_FILE = "removed.npy"
 
@@ -91,6 +93,11 @@ class DataManagerBase(abc.ABC):
     Attributes: ``data_params``, ``data_params_internal``, ``n_jobs`` (parallelism for the caller's own
     processing; the manager itself saves on one thread), ``verbose`` and ``n_instances`` (the expected
     total number of samples, or None). Usable as a context manager, which calls ``close`` on exit.
+
+    ``feature_space`` is the stream's ``FeatureSpace``: every preprocessing pass that gets its
+    configuration from ``cat_encoding_config_clear()`` encodes into it, so all chunks share one feature
+    space. ``cat_encoding_config`` holds ``max_categories`` and ``max_text_values`` (see
+    ``DataAutoProcessor``).
     """
 
     def __init__(
@@ -112,13 +119,18 @@ class DataManagerBase(abc.ABC):
         self._cat_encoding_config = copy.deepcopy(
             cat_encoding_config if cat_encoding_config is not None else DEFAULT_CAT_ENCODING_CONFIG
         )
+        self.feature_space = FeatureSpace()
 
     def cat_encoding_config_clear(self) -> Dict[str, Any]:
-        """Return a fresh copy of the categorical-encoding configuration, for a new preprocessing pass.
+        """Return the categorical-encoding configuration for a new preprocessing pass.
 
-        Each call returns a new dict that the caller may mutate freely.
+        Each call returns a new dict: a deep copy of the configuration, which the caller may change
+        freely, plus the key ``"feature_space"``, which is the manager's own ``FeatureSpace`` (shared,
+        not copied: the pass adds the columns and categories it finds to it).
         """
-        return copy.deepcopy(self._cat_encoding_config)
+        config = copy.deepcopy(self._cat_encoding_config)
+        config["feature_space"] = self.feature_space
+        return config
 
     @abc.abstractmethod
     def get_removed(self) -> np.ndarray | None:

@@ -1,0 +1,70 @@
+// Every difference between the CPython versions the module supports (3.9 to 3.13), and every use
+// of an interpreter function outside the stable public API, in one place and gated on
+// PY_VERSION_HEX. The rest of the extension calls these and never tests a version itself.
+//
+// Nothing here reads an interpreter structure directly: what 3.14 removes (ma_version_tag, for
+// one) is not used at all.
+#pragma once
+
+#define PY_SSIZE_T_CLEAN
+#include <Python.h>
+
+namespace py::compat {
+
+// True once the interpreter has begun to finalise. From then on a thread that is not holding the
+// interpreter lock may be ended with pthread_exit() while it is inside the module.
+inline bool interpreter_finalizing() noexcept {
+#if PY_VERSION_HEX >= 0x030D0000
+    return Py_IsFinalizing() != 0;
+#else
+    return _Py_IsFinalizing() != 0;
+#endif
+}
+
+// True when the calling thread holds the interpreter lock.
+inline bool thread_holds_gil() noexcept {
+    return PyGILState_Check() != 0;
+}
+
+// One more level of the interpreter's recursion count, for a call into the module; false, with
+// RecursionError set, past the limit. Up to 3.11 the count that Python functions use also guards
+// C calls. From 3.12 on Python calls have a count of their own, which extensions cannot reach, so
+// the module's calls are also counted per thread against sys.getrecursionlimit().
+bool enter_recursive_call() noexcept;
+
+// Leaves the level entered by a successful enter_recursive_call(); not when the thread is ended
+// without the interpreter lock (its thread state is gone with it).
+void leave_recursive_call() noexcept;
+
+// What the interpreter names a callable in its call errors: "module.qualname()", or
+// "qualname()" for builtins, as in "f() argument after * must be an iterable, not int".
+// A new reference, or null with an error set.
+inline PyObject* function_str(PyObject* callable) {
+    // The same text on every supported version; the function is exported by each of them.
+    return _PyObject_FunctionStr(callable);
+}
+
+// The error being raised, taken out of the error indicator so that other code can run, and put
+// back when this goes out of scope. Exceptions of 3.12 and later are one object; earlier versions
+// keep three.
+class PendingError {
+  public:
+    PendingError() noexcept;
+    PendingError(const PendingError&) = delete;
+    PendingError& operator=(const PendingError&) = delete;
+    ~PendingError();  // puts the error back (whatever the indicator holds then is dropped)
+
+  private:
+    PyObject* type_ = nullptr;  // before 3.12 only
+    PyObject* value_ = nullptr;
+    PyObject* traceback_ = nullptr;  // before 3.12 only
+};
+
+// The error being raised, as one normalised exception object whose traceback is attached, cleared
+// from the indicator (new reference); null when none is set.
+PyObject* take_raised_exception() noexcept;
+
+// Raises `exception` with its traceback; steals the reference.
+void set_raised_exception(PyObject* exception) noexcept;
+
+}  // namespace py::compat

@@ -1,0 +1,293 @@
+"""The feature space of one stream: what each input column becomes, the same for every chunk.
+
+Chunks of one stream are preprocessed one by one, often on several threads. For their coresets to
+describe the same features, every chunk must encode a column the same way: a column is numeric, a
+timestamp, categorical or left out for the whole stream, and a category keeps its one-hot column once
+it has one. ``FeatureSpace`` keeps those decisions. The data manager owns one and hands it to every
+preprocessing pass through ``cat_encoding_config_clear()`` (under the key ``"feature_space"``).
+
+The processed columns are listed in the order they were first needed, and a new column is always added
+at the end. So the features of a chunk processed earlier are a prefix of the features of any chunk
+processed later: padding an earlier chunk's matrix with zero columns puts it in the later space, and
+zero is right for those columns (the earlier rows did not hold the new categories).
+"""
+
+from __future__ import annotations
+
+import threading
+from dataclasses import dataclass, field
+from typing import Any, Dict, List, Sequence, Tuple
+
+import numpy as np
+import pandas as pd
+
+from quillmarsh.core.numpy_extra import missing_or_inf_mask
+
+NUMERIC = "numeric"
+TIMESTAMP = "timestamp"
+CATEGORICAL = "categorical"
+EXCLUDED = "excluded"
+
+OTHER_CATEGORY = "<other>"
+"""Name suffix of the one-hot column that gathers the categories beyond ``max_categories``."""
+
+MISSING_CATEGORY = "<missing>"
+"""The category of a categorical column that has no present value to fill missing entries with."""
+
+NUMBER_SHARE = 0.9
+"""An undecided text column whose present values are numbers (or timestamps) at least this often is
+numeric (or a timestamp column); its other values then count as missing."""
+
+
+def category_key(value: Any) -> str:
+    """The category of a present value: the text itself, or the text form of any other value."""
+    return value if isinstance(value, str) else str(value)
+
+
+def as_numbers(column: np.ndarray) -> np.ndarray:
+    """Return the column as a new, writable float64 array; values that are not numbers become NaN."""
+    if column.dtype.kind in "biuf":
+        return np.array(column, dtype=np.float64)
+    if column.dtype.kind == "m":
+        return np.array(pd.to_timedelta(column) / pd.Timedelta(seconds=1), dtype=np.float64)
+    series = pd.Series(column, dtype=object)
+    # A new array: pandas 3 hands out read-only views (copy on write).
+    return np.array(pd.to_numeric(series, errors="coerce"), dtype=np.float64)
+
+
+def as_seconds(column: np.ndarray) -> np.ndarray:
+    """Return timestamps as float64 seconds since 1970-01-01 UTC; other values become NaN.
+
+    Text is read as ISO 8601 (``2024-05-01``, ``2024-05-01 13:45:00``, with or without an offset); a
+    timestamp without an offset is taken as UTC.
+    """
+    series = pd.Series(column) if column.dtype.kind == "M" else pd.Series(column, dtype=object)
+    stamps = pd.to_datetime(series, errors="coerce", format="ISO8601" if column.dtype.kind != "M" else None,
+                            utc=True)
+    return np.array((stamps - pd.Timestamp(0, tz="UTC")) / pd.Timedelta(seconds=1), dtype=np.float64)
+
+
+@dataclass
+class _Column:
+    """What the stream knows of one input column."""
+
+    kind: str | None = None
+    total: float = 0.0  # sum and count of the present values of a numeric or timestamp column
+    count: int = 0
+    position: int | None = None  # its processed column (numeric, timestamp)
+    categories: Dict[str, int] = field(default_factory=dict)  # category -> processed column
+    counts: Dict[str, int] = field(default_factory=dict)  # category -> rows seen
+    other: int | None = None  # the "<other>" column, once needed
+    not_numbers: int = 0  # present values of a numeric column that were not numbers
+    note: str | None = None
+
+
+class FeatureSpace:
+    """The processed columns of one stream and how each input column maps to them. Thread-safe.
+
+    ``feature_names`` lists the processed columns ("size", "colour=red", "colour=<other>", ...), in the
+    order they were added. ``notes`` says which input columns were left out and why, and where text
+    was found in a numeric or timestamp column. ``kinds`` gives each input column's kind by name:
+    "numeric", "timestamp", "categorical", "excluded", or None while no chunk had a present value in it.
+    """
+
+    def __init__(self) -> None:
+        self._lock = threading.Lock()
+        self._input_names: List[str] | None = None
+        self._columns: List[_Column] = []
+        self._names: List[str] = []
+
+    @property
+    def feature_names(self) -> List[str]:
+        """The names of the processed columns, in order."""
+        with self._lock:
+            return list(self._names)
+
+    @property
+    def input_names(self) -> List[str]:
+        """The names of the input columns, once a chunk was processed (empty before)."""
+        with self._lock:
+            return list(self._input_names or [])
+
+    @property
+    def kinds(self) -> Dict[str, str | None]:
+        """The kind of each input column, by name."""
+        with self._lock:
+            return {name: column.kind for name, column in zip(self._input_names or [], self._columns)}
+
+    @property
+    def notes(self) -> List[str]:
+        """One line for every input column left out, and for every numeric column that held text."""
+        with self._lock:
+            lines = [column.note for column in self._columns if column.note]
+            for name, column in zip(self._input_names or [], self._columns):
+                if column.not_numbers:
+                    what = "timestamps" if column.kind == TIMESTAMP else "numbers"
+                    lines.append(
+                        f"column {name!r}: {column.not_numbers} value(s) that are not {what} "
+                        "taken as missing"
+                    )
+            return lines
+
+    def encode(
+        self,
+        X: np.ndarray,
+        missing: np.ndarray,
+        input_names: Sequence[str],
+        columns: Sequence[int],
+        categorical: Sequence[int] = (),
+        replacements: Sequence[Any] | None = None,
+        max_categories: int | None = None,
+        max_text_values: int | None = None,
+        learn: bool = True,
+    ) -> Tuple[np.ndarray, List[str], List[Any]]:
+        """Encode the ``columns`` of the 2-D ``X`` into this space; return ``(matrix, names, fills)``.
+
+        ``missing`` is the mask of missing entries of ``X``; ``categorical`` lists the input columns
+        declared categorical; ``replacements`` holds one fill value per input column (None: the stream's
+        mean, or its most frequent category so far). With ``learn`` the chunk's kinds, categories and
+        sums are added to the space first; without it nothing is added, and unknown categories go to
+        "<other>" (or nowhere when the column has none). The matrix has one column per processed column
+        known now (all of ``names``); a processed column of an input column not in ``columns`` is 0.
+        ``fills`` holds the fill value used for each input column (None for columns not encoded).
+        """
+        n_rows = X.shape[0]
+        with self._lock:
+            names = list(input_names)
+            if self._input_names is None:
+                self._input_names = names
+                self._columns = [_Column() for _ in names]
+            elif names != self._input_names:
+                raise ValueError(f"this feature space holds the columns {self._input_names}, got {names}")
+            declared = set(int(c) for c in categorical)
+            prepared: Dict[int, Any] = {}
+            numbers: Dict[int, Any] = {}  # numbers already computed while deciding a kind
+            fills: List[Any] = [None] * len(names)
+            # Numeric and timestamp columns take their places before the categories of this chunk.
+            for c in columns:
+                col = self._columns[c]
+                if col.kind is None and learn:
+                    col.kind, numbers[c] = self._decide(
+                        X[:, c], missing[:, c], c in declared, max_text_values
+                    )
+                    if col.kind == EXCLUDED:
+                        col.note = (
+                            f"column {names[c]!r} left out: text with more than {max_text_values} distinct "
+                            "values (max_text_values)"
+                        )
+                if col.kind in (NUMERIC, TIMESTAMP):
+                    values = numbers.get(c)
+                    if values is None:
+                        values = as_numbers(X[:, c]) if col.kind == NUMERIC else as_seconds(X[:, c])
+                    bad = ~np.isfinite(values)
+                    if learn:
+                        col.not_numbers += int((bad & ~missing[:, c]).sum())
+                        col.total += float(values[~bad].sum())
+                        col.count += int((~bad).sum())
+                        if col.position is None:
+                            col.position = self._add(names[c])
+                    given = None if replacements is None else replacements[c]
+                    mean = col.total / col.count if col.count else 0.0
+                    fill = float(given) if given is not None else mean
+                    values[bad] = fill
+                    prepared[c], fills[c] = values, fill
+            for c in columns:
+                col = self._columns[c]
+                if col.kind != CATEGORICAL:
+                    continue
+                present = ~missing[:, c]
+                keys = np.array([category_key(v) for v in X[present, c]], dtype=object)
+                if learn:
+                    codes, uniques = pd.factorize(keys)
+                    seen = np.bincount(codes, minlength=len(uniques))
+                    for u in np.argsort(-seen, kind="stable"):  # most frequent first, ties in order seen
+                        key = str(uniques[u])
+                        col.counts[key] = col.counts.get(key, 0) + int(seen[u])
+                        self._place(col, names[c], key, max_categories)
+                given = None if replacements is None else replacements[c]
+                if given is not None:
+                    fill_key = category_key(given)
+                elif col.counts:
+                    fill_key = max(col.counts, key=lambda k: col.counts[k])  # first registered wins ties
+                else:
+                    fill_key = MISSING_CATEGORY
+                if learn and (~present).any():
+                    self._place(col, names[c], fill_key, max_categories)
+                positions = np.empty(n_rows, dtype=np.intp)
+                positions[present] = [self._position(col, key) for key in keys]
+                positions[~present] = self._position(col, fill_key)
+                prepared[c], fills[c] = positions, fill_key
+            width = len(self._names)
+            feature_names = list(self._names)
+            kinds = {c: self._columns[c].kind for c in prepared}
+            numeric_at = {c: self._columns[c].position for c in prepared}
+
+        out = np.zeros((n_rows, width), dtype=np.float64)
+        for c, values in prepared.items():
+            if kinds[c] == CATEGORICAL:
+                hit = values >= 0
+                out[np.flatnonzero(hit), values[hit]] = 1.0
+            else:
+                out[:, numeric_at[c]] = values
+        return out, feature_names, fills
+
+    def transform(self, X: Any, replacements: Sequence[Any] | None = None) -> np.ndarray:
+        """Encode rows of the stream's input columns into the current space, learning nothing.
+
+        ``X`` is 2-D with the input columns in order. Missing numbers get the stream's mean, missing
+        categories its most frequent one; a category the stream never placed goes to "<other>" (or
+        nowhere). Returns a float64 matrix with one column per name in ``feature_names``.
+        """
+        X = np.asarray(X)
+        if X.ndim != 2:
+            raise ValueError(f"X must be 2-D, got {X.ndim}-D")
+        names = self.input_names
+        if len(names) != X.shape[1]:
+            raise ValueError(f"the stream has {len(names)} input columns, X has {X.shape[1]}")
+        matrix, _, _ = self.encode(
+            X, missing_or_inf_mask(X), names, range(X.shape[1]), replacements=replacements, learn=False
+        )
+        return matrix
+
+    def _decide(
+        self, column: np.ndarray, missing: np.ndarray, declared: bool, max_text_values: int | None
+    ) -> Tuple[str | None, Any]:
+        """The kind of a column seen for the first time, and its numbers when it is numeric or a timestamp."""
+        if declared:
+            return CATEGORICAL, None
+        if column.dtype.kind in "biufm":
+            return NUMERIC, as_numbers(column)
+        if column.dtype.kind == "M":
+            return TIMESTAMP, as_seconds(column)
+        present = int((~missing).sum())
+        if not present:
+            return None, None  # nothing to judge by: decided by a later chunk
+        numbers = as_numbers(column)
+        if np.isfinite(numbers[~missing]).sum() >= NUMBER_SHARE * present:
+            return NUMERIC, numbers
+        seconds = as_seconds(column)
+        if np.isfinite(seconds[~missing]).sum() >= NUMBER_SHARE * present:
+            return TIMESTAMP, seconds
+        if max_text_values is not None:
+            distinct = len({category_key(v) for v in column[~missing]})
+            if distinct > max_text_values:
+                return EXCLUDED, None
+        return CATEGORICAL, None
+
+    def _add(self, name: str) -> int:
+        self._names.append(name)
+        return len(self._names) - 1
+
+    def _place(self, col: _Column, name: str, key: str, max_categories: int | None) -> None:
+        """Give ``key`` its own column, or the column's "<other>" once ``max_categories`` are placed."""
+        if key in col.categories:
+            return
+        if max_categories is None or len(col.categories) < max_categories:
+            col.categories[key] = self._add(f"{name}={key}")
+        elif col.other is None:
+            col.other = self._add(f"{name}={OTHER_CATEGORY}")
+
+    @staticmethod
+    def _position(col: _Column, key: str) -> int:
+        position = col.categories.get(key, col.other)
+        return -1 if position is None else position
