@@ -95,6 +95,14 @@ def run(args: Sequence[object], *, cwd: Optional[Path] = None, env: Optional[Dic
     return result.stdout
 
 
+def runs(python: Path) -> bool:
+    """Whether ``python`` exists and starts."""
+    try:
+        return subprocess.run([python, "-c", ""], capture_output=True).returncode == 0
+    except OSError:
+        return False
+
+
 def interpreter_version(python: Path) -> str:
     out = run([python, "-c", "import sys; print('%d.%d' % sys.version_info[:2])"], what=f"{python}")
     return out.strip()
@@ -110,7 +118,7 @@ def find_interpreters(requested: Sequence[str]) -> List[Interpreter]:
             found.append(Interpreter(python, interpreter_version(python)))
             continue
         on_path = shutil.which(f"python{item}")
-        if on_path and subprocess.run([on_path, "-c", ""], capture_output=True).returncode == 0:
+        if on_path and runs(Path(on_path)):
             found.append(Interpreter(Path(on_path), item))
         elif item in pyenv_versions:
             found.append(Interpreter(pyenv_versions[item], item))
@@ -155,9 +163,11 @@ def clean_env() -> Dict[str, str]:
 
 def make_venv(base: Interpreter, where: Path, packages: Sequence[str], *, binary_only: bool = True) -> Path:
     """Create a virtual environment of ``base`` at ``where`` and install ``packages``; return its python."""
-    if not (where / "bin" / "python").exists():
-        run([base.path, "-m", "venv", where], what=f"venv for {base.version}")
     python = where / "bin" / "python"
+    if where.exists() and not runs(python):
+        shutil.rmtree(where)  # left over from an interpreter that is gone
+    if not python.exists():
+        run([base.path, "-m", "venv", where], what=f"venv for {base.version}")
     if packages:
         # Everything comes as a wheel, except the project itself when it is installed from its sdist.
         extra = ["--only-binary", ":all:"] + ([] if binary_only else ["--no-binary", PACKAGE])
@@ -265,6 +275,10 @@ def twine_check(base: Interpreter, artefacts: Sequence[Path]) -> None:
 def build_all(interpreters: Sequence[Interpreter], dist: Path, report: Report) -> Optional[Path]:
     """Build the sdist and every wheel into ``dist``; return the sdist (None if it failed)."""
     dist.mkdir(parents=True, exist_ok=True)
+    # Nothing from an earlier run may stand in for an artefact that fails to build now.
+    for interpreter in interpreters:
+        for old in dist.glob(f"{PACKAGE}-*-{interpreter.tag}-{interpreter.tag}-*.whl"):
+            old.unlink()
     try:
         sdist = build_sdist(interpreters[0], dist)
     except StepError as exc:
@@ -308,12 +322,15 @@ print(f"numpy {numpy.__version__}, pandas {pandas.__version__}")
 """
 
 
+README_USAGE = "## Using the chunk layer from Python"
+
+
 def readme_snippet() -> str:
-    """The README's Python usage snippet (its first ``python`` code block)."""
+    """The README's usage snippet: the first ``python`` code block of its section on using the layer."""
     text = (ROOT / "README.md").read_text(encoding="utf-8")
-    match = re.search(r"```python\n(.*?)```", text, re.S)
+    match = re.search(re.escape(README_USAGE) + r"\n.*?```python\n(.*?)```", text, re.S)
     if not match:
-        raise SystemExit("wheels: README.md has no ```python block")
+        raise SystemExit(f"wheels: README.md has no python block under {README_USAGE!r}")
     return match.group(1)
 
 

@@ -53,7 +53,9 @@ def run_stubtest(source_root: Path, tmp_path: Path) -> subprocess.CompletedProce
 
 
 def readme_snippet() -> str:
-    match = re.search(r"```python\n(.*?)```", (ROOT / "README.md").read_text(encoding="utf-8"), re.S)
+    """The python block of the README's section on using the chunk layer."""
+    text = (ROOT / "README.md").read_text(encoding="utf-8")
+    match = re.search(r"## Using the chunk layer from Python\n.*?```python\n(.*?)```", text, re.S)
     assert match, "README.md has no python usage snippet"
     return match.group(1)
 
