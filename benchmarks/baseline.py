@@ -1,44 +1,204 @@
-"""The chunk layer's hot steps written as a small pure-Python class: the baseline of the benchmarks.
+"""The chunk layer written as plain Python: the baseline of the benchmarks, and the source of the Cython peer.
 
-A line-by-line transcription of the documented algorithms of ``has_buffer``, ``get_buffer_size``,
-``_add_to_buffer``, ``_create_node``, ``_get_from_buffer`` and ``process``, written the plain way a
-Python programmer would write them. Module-level names (``np``, ``Dataset``, ``ChunkNode``, ``utils``,
-...) are looked up in this module's namespace at call time, as the compiled module looks them up in its
-own, so a benchmark can swap ``ChunkNode`` here exactly as it swaps it there.
+A line-by-line transcription of the module ``quillmarsh.core.tree.chunk_layer``: the constant, the two
+records, ``exclude_removed``, ``ChunkNode`` and every method of ``ChunkLayer`` (the three generators and
+their inner functions included), with the same calls on the same objects in the same order, and the same
+results, state changes and errors. Module-level names (``np``, ``Dataset``, ``ChunkNode``, ``utils``,
+``DataAutoProcessor``, ...) are looked up in this module's namespace at call time, as the compiled module
+looks them up in its own, so a benchmark can swap a collaborator here exactly as it swaps it there.
+
+``cython_peer.py`` compiles this very file with Cython 3 into the module ``baseline_cython``: what a team
+without C++ would ship. Annotations are kept as strings (``from __future__ import annotations``) and are
+not used for typing (the peer is built with ``annotation_typing=False``): Cython 3 would otherwise convert
+a ``bool`` or a float given for an ``int`` annotation where the module refuses it, so the three argument
+types that the module checks are checked here in code, with the module's message.
+
+Where the plain interpreter words an error differently from compiled code, this file, run as Python, gives
+the interpreter's wording: a wrong argument count ("takes 2 positional arguments but 3 were given") and an
+unpacking of too few values ("not enough values to unpack"). Compiled by Cython, it gives the module's.
+``rebuild`` checks its argument when called and then returns a generator made by an inner function, since
+a Python generator function runs nothing, not even a check, before its first step.
 
 Only the benchmarks use this module; it is not part of the library.
 """
 
+# ruff: noqa: E501, I001
 from __future__ import annotations
 
+import itertools
 import time
+from dataclasses import dataclass
+from typing import Iterable, Union, Optional, Any, List, Tuple, Iterator, Dict  # noqa: F401
+from uuid import uuid4
 
 import numpy as np
-from quillmarsh.core.tree.chunk_layer import ChunkNode
+import pandas as pd  # noqa: F401  (bound at load, as in the module)
+import psutil  # noqa: F401  (bound at load, as in the module)
 
-from quillmarsh.common import ThreadPoolManager
-from quillmarsh.core.numpy_extra import filter_missing_and_inf
-from quillmarsh.core.tree import utils
 from quillmarsh.core.tree.utils import evaluate_max_batch_size
+from quillmarsh.core.coreset._base import CoresetBase
+from quillmarsh.core.helpers import align_arrays_by_key
+from quillmarsh.core.numpy_extra import filter_missing_and_inf
 from quillmarsh.data.common import Dataset
+from quillmarsh.data.manager import DataManagerT
+from quillmarsh.core.tree import utils
+from quillmarsh.data.data_auto_processor import DataAutoProcessor
+from quillmarsh.common import ThreadPoolManager
 
-__all__ = ["BaselineChunkLayer", "ChunkNode"]
+# ``print`` as a global of this module, so that compiled code looks it up at call time (in the module's
+# namespace first, then the built-ins), as the module does; Cython would otherwise bind the built-in.
+print = print
+
+BUFFER_NODE_ID = "buffer"
 
 
-class BaselineChunkLayer:
-    """The compiled ``ChunkLayer``'s hot path, in Python (constructor, buffer, drain, process)."""
+@dataclass
+class ChunkSensitivitiesParams:
+    coreset_params: dict = None
+    coreset_cls: Any = None
+    coreset_size: int = 10
+    chunk_id: Any = None
+
+
+@dataclass
+class ChunkSensitivities:
+    coreset: dict = None
+    params: ChunkSensitivitiesParams = None
+    removed_rows: np.ndarray = None
+    no_features: int = None
+
+
+def _type_name(obj):
+    # The name that C code reports for a type (its tp_name): "numpy.int64" where __name__ says "int64".
+    cls = type(obj)
+    if cls.__flags__ & (1 << 9) or cls.__module__ == "builtins":  # a heap type, or a built-in one
+        return cls.__name__
+    return f"{cls.__module__}.{cls.__name__}"
+
+
+def _argument_type_error(name, expected, obj):
+    return TypeError(f"Argument '{name}' has incorrect type (expected {expected}, got {_type_name(obj)})")
+
+
+def _membership_test(np):
+    # np.in1d; where numpy has it no more (2.4 and later), np.isin, which gives the same mask for the
+    # one-dimensional index arrays passed here.
+    try:
+        return np.in1d
+    except AttributeError:
+        return np.isin
+
+
+def exclude_removed(removed, indices, dataset=None):
+    "\n    Exclude removed indices from the given indices and dataset.\n\n    Args:\n        removed: A list or array-like object containing the indices to be removed.\n        indices: The original indices from which to exclude the removed indices.\n        dataset: A tuple or list containing arrays or None representing the dataset.\n\n    Returns:\n        Tuple: A tuple containing the updated indices and the updated dataset (if provided).\n\n    The function creates a mask to exclude the removed indices from the given indices. If a dataset is provided,\n    it applies the mask to the dataset, updating the corresponding arrays.\n\n    If no dataset is provided, only the indices are returned.\n\n    Example:\n        removed = [2, 5, 7]\n        indices = [1, 2, 3, 4, 5, 6, 7, 8, 9]\n        dataset = (array1, array2, array3)  # Arrays representing the dataset\n\n        new_indices, new_dataset = exclude_removed(removed, indices, dataset)\n\n        # new_indices: [1, 3, 4, 6, 8, 9]\n        # new_dataset: (updated_array1, updated_array2, updated_array3)\n    "
+    mask = None
+    if removed is not None and len(removed) > 0:
+        mask = ~_membership_test(np)(indices, removed)
+        if np.any(mask):
+            indices = indices[mask]
+    if dataset is None:
+        return indices
+    if mask is None:
+        return indices, dataset
+    return indices, Dataset(*[d[mask] if d is not None else None for d in dataset])
+
+
+class ChunkNode:
+    "\n    A class for creating chunk nodes.\n\n    Parameters\n    ----------\n    dset : Dataset\n        The dataset to build the coreset from.\n    params : Iterable[ChunkSensitivitiesParams]\n        A list of parameters to build the coreset.\n    node_id : str, optional\n        A unique identifier for the node, by default None.\n    "
 
     def __init__(
-        self, data_manager, chunk_corset_params=None, chunk_size=None, parent=None, chunk_index=None
+        self,
+        dset: Dataset,
+        params: Iterable[ChunkSensitivitiesParams],
+        node_id=None,
+        tree_build_params: dict = None,
+        data_manager: DataManagerT = None,
+    ):
+        self.params = list(params)
+        self.dset = dset
+        self.node_id = node_id if node_id else uuid4().hex
+        self.tree_build_params = tree_build_params
+        self.indices = np.array([], dtype=int)
+        self.sensitivities = []
+        self.coresets = []
+        self.data_manager = data_manager
+
+    def is_buffer(self):
+        "\n        Returns True if the node_id is the BUFFER_NODE_ID.\n        "
+        return self.node_id == BUFFER_NODE_ID
+
+    def _instantiate_coreset(self, coreset_cls, coreset_params) -> CoresetBase:
+        "\n        Instantiates a coreset object.\n\n        Parameters\n        ----------\n        coreset_cls : CoresetBase class\n            A CoresetBase class.\n        coreset_params : dict, optional\n            A dictionary of coreset parameters, by default None.\n\n        Returns\n        -------\n        CoresetBase\n            A coreset object.\n        "
+        coreset_params = coreset_params or {}
+        coreset = coreset_cls(**coreset_params)
+        if self.is_buffer():
+            coreset.safe_mode = True
+        return coreset
+
+    def build(self):
+        "\n        Builds the coreset.\n\n        Returns\n        -------\n        ChunkNode\n            The ChunkNode object.\n        "
+        for cor_params in self.params:
+            coreset = self._instantiate_coreset(cor_params.coreset_cls, cor_params.coreset_params)
+            cat_encoding_config = self.data_manager.cat_encoding_config_clear()
+            dap = DataAutoProcessor(
+                X=self.dset.X,
+                y=self.dset.y,
+                ind=self.dset.ind,
+                props=self.dset.props,
+                categorical_features=self.data_manager.data_params_internal.categorical_features_,
+                feature_names=[f.name for f in self.data_manager.data_params.features],
+                cat_encoding_config=cat_encoding_config,
+                missing_replacement=self.data_manager.data_params_internal.aggregated_missing_replacements,
+                drop_rows_below=self.data_manager.data_params.drop_rows_below,
+                drop_cols_above=self.data_manager.data_params.drop_cols_above,
+            )
+            X_processed = dap.handle_missing_and_categorical_encoding(sparse_threshold=0)
+            self.dset = self.dset._replace(X=dap.X, y=dap.y, ind=dap.ind, props=dap.props)
+            y_processed, _, _ = dap.get_processed_arrays()
+            coreset.compute_sensitivities(X=X_processed, y=y_processed)
+            chunk_sensi = ChunkSensitivities(
+                coreset=coreset.to_dict(with_important=True, use_keep_selected_only=False),
+                params=cor_params,
+                removed_rows=dap.removed_rows,
+                no_features=len(dap.feature_names),
+            )
+            self.coresets.append(chunk_sensi)
+        return self
+
+    def save(self, data_manager: DataManagerT, save_all=False):
+        "\n        Saves the selected samples asynchronously.\n\n        Parameters\n        ----------\n        data_manager : object\n            The data manager object.\n        "
+        # The operation is looked up first (compiled code would otherwise read the arguments first).
+        save_selected_samples_async = data_manager.save_selected_samples_async
+        save_selected_samples_async(
+            self.dset,
+            None if save_all else self.indices,
+            self.node_id,
+            is_buffer=self.node_id == BUFFER_NODE_ID,
+        )
+
+    def add_indices(self, indices):
+        "\n        Adds indices to the node.\n\n        Parameters\n        ----------\n        indices : numpy.ndarray\n            An array of indices.\n        "
+        if self.indices is None:
+            self.indices = indices
+        else:
+            self.indices = np.concatenate([self.indices, indices])
+
+
+class ChunkLayer:
+    "\n    A chunk layer for incremental learning.\n\n    This layer divides the dataset into chunks of samples and performs incremental learning on each chunk.\n\n    Args:\n        data_manager: A data manager instance that provides access to the dataset.\n        chunk_corset_params: An iterable of `ChunkSensitivitiesParams` objects, each containing the parameters for\n            building a coreset on a chunk of data. Default is `None`.\n        chunk_size: The maximum size of a chunk. If `None`, the entire dataset is treated as a single chunk.\n            Default is `None`.\n    "
+
+    def __init__(
+        self,
+        data_manager: DataManagerT,
+        chunk_corset_params: Iterable[ChunkSensitivitiesParams] = None,
+        chunk_size: Optional[int] = None,
+        parent: Optional[Any] = None,
+        chunk_index: int = None,
     ):
         if chunk_size is not None and type(chunk_size) is not int:
-            raise TypeError(
-                f"Argument 'chunk_size' has incorrect type (expected int, got {type(chunk_size).__name__})"
-            )
+            raise _argument_type_error("chunk_size", "int", chunk_size)
         if chunk_index is not None and type(chunk_index) is not int:
-            raise TypeError(
-                f"Argument 'chunk_index' has incorrect type (expected int, got {type(chunk_index).__name__})"
-            )
+            raise _argument_type_error("chunk_index", "int", chunk_index)
         self.build_params = None
         self.chunk_corset_params = chunk_corset_params
         self.buffer = None
@@ -48,16 +208,28 @@ class BaselineChunkLayer:
         self.chunk_index = chunk_index if chunk_index is not None else 0
 
     def has_buffer(self):
+        "\n        Checks if there is a buffer available.\n\n        Returns:\n            bool: True if there is a buffer available and not empty, False otherwise.\n        "
         if self.buffer is None:
             return False
         return self.buffer[1].shape[0] > 0
 
-    def get_buffer_size(self):
+    def get_buffer(self) -> Union[Dataset, None]:
+        "\n        returns unhandled instances.\n\n        Returns\n        -------\n        a list of numpy arrays\n\n        "
         if not self.has_buffer():
-            return 0
-        return self.buffer[1].shape[0]
+            return None
+        removed_indices = self.data_manager.get_removed()
+        _, dataset = exclude_removed(removed_indices, self.buffer.ind, self.buffer)
+        return dataset
+
+    def set_buffer(self, buffer: Union[List[np.ndarray], Tuple[np.ndarray]] = None):
+        "\n        set tree's internal buffer of unhandled instances\n\n        Parameters\n        ----------\n        buffer: list of numpy ndarrays\n\n        Returns\n        -------\n\n        "
+        if buffer is None:
+            self.buffer = None
+        else:
+            self.buffer = Dataset(*buffer)
 
     def _add_to_buffer(self, dataset):
+        "\n        Adds the given dataset to the buffer.\n\n        Args:\n            dataset: The dataset to be added to the buffer.\n        "
         if self.has_buffer():
             self.buffer = tuple(
                 np.concatenate((b, d)) if d is not None else b for b, d in zip(self.buffer, dataset)
@@ -67,7 +239,19 @@ class BaselineChunkLayer:
         self.buffer = Dataset(*self.buffer)
         self.parent.update_build_params()
 
-    def _create_node(self, dset, node_id=None, leaf_node_index=None):
+    def remove_from_buffer(self, indices):
+        if not self.has_buffer():
+            return
+        _, dataset = exclude_removed(indices, self.buffer.ind, self.buffer)
+        self.set_buffer(dataset)
+
+    def _rebuild_node(self, dset: Dataset, node_id):
+        return ChunkNode(
+            dset=dset, params=self.chunk_corset_params, node_id=node_id, data_manager=self.data_manager
+        ).build()
+
+    def _create_node(self, dset, node_id=None, leaf_node_index=None) -> ChunkNode:
+        "\n        Creates a new ChunkNode object.\n\n        Args:\n            dset: The dataset used to build the ChunkNode.\n            node_id: Optional parameter specifying the ID of the new ChunkNode.\n            leaf_node_index: Optional parameter specifying the chunk index for verbose, can be None for buffer node.\n        Returns:\n            ChunkNode: A new ChunkNode object.\n        "
         t = time.time()
         chunk_node = ChunkNode(
             dset=dset, params=self.chunk_corset_params, node_id=node_id, data_manager=self.data_manager
@@ -78,6 +262,7 @@ class BaselineChunkLayer:
         return chunk_node
 
     def _print_progress(self, chunk_build_time, leaf_node_index):
+        "\n        print progress in case n_instances is not None:\n        2024-04-01 14:10:37 Completed 19 out of 100 chunks, (chunk was built in 0.003 seconds)\n        else:\n        2024-04-01 14:10:37 Completed 19 chunks, (chunk was built in 0.003 seconds)\n        chunk build time is printed in yellow\n        Args:\n            chunk_build_time: time it took to build a chunk in seconds\n        "
         chunks = ""
         if self.data_manager.n_instances is not None and self.build_params.get("chunk_size", 0) > 0:
             if leaf_node_index + 1 <= self.data_manager.n_instances // self.build_params["chunk_size"]:
@@ -88,7 +273,24 @@ class BaselineChunkLayer:
             f"\033[33m(chunk was built in {chunk_build_time:.3f} seconds)\033[00m"
         )
 
+    def get_buffer_size(self):
+        "\n        Returns the size of the buffer.\n\n        Returns:\n            int: The size of the buffer.\n        "
+        if not self.has_buffer():
+            return 0
+        return self.buffer[1].shape[0]
+
+    def create_buffer_node(self, after_create_leaf_node=None):
+        "\n        Creates a new ChunkNode object using the data stored in the buffer.\n\n        Returns:\n            Union[None, ChunkNode]: A new ChunkNode object if there is a buffer available, None otherwise.\n        "
+        if not self.has_buffer():
+            return None
+        dset = Dataset(*self.buffer)
+        node = self._create_node(dset, BUFFER_NODE_ID)
+        if after_create_leaf_node:
+            after_create_leaf_node(node, None)
+        return node
+
     def _get_from_buffer(self, after_create_leaf_node=None):
+        "\n        Generator that moves data from buffer to CoreSet tree if the length of buffer is greater than chunk_size.\n        If the buffer has not enough elements to form a chunk according to the chunk_size, no node will be yielded.\n        If the chunk_size is set to 0, the whole buffer will be consumed for creating a single coreset node.\n\n        Yields:\n            ChunkNode: A ChunkNode object that contains coreset information computed from the chunk of data\n            in the buffer.\n"
         if not utils.is_simple_chunk_size(self.chunk_size) and not self.chunk_size == 0:
             return
         ignore_chunk_size = self.chunk_size == 0
@@ -126,7 +328,10 @@ class BaselineChunkLayer:
                 self.chunk_index += 1
                 yield None
             else:
-                node = self._create_node(buffer, leaf_node_index=self.chunk_index)
+                # The method is looked up before the leaf index is read (compiled code would read the
+                # keyword's value first).
+                create_node = self._create_node
+                node = create_node(buffer, leaf_node_index=self.chunk_index)
                 if after_create_leaf_node is not None:
                     after_create_leaf_node(node, None)
                 self.chunk_index += 1
@@ -134,16 +339,8 @@ class BaselineChunkLayer:
                     pass
                 yield node
 
-    def create_buffer_node(self, after_create_leaf_node=None):
-        if not self.has_buffer():
-            return None
-        dset = Dataset(*self.buffer)
-        node = self._create_node(dset, "buffer")
-        if after_create_leaf_node:
-            after_create_leaf_node(node, None)
-        return node
-
-    def process(self, dsets=None, create_buffer=True, is_classification=False, after_create_leaf_node=None):
+    def process(self, dsets: Iterator = None, create_buffer=True, is_classification=False, after_create_leaf_node=None):
+        "\n        Process input datasets by adding them to the internal buffer and creating coreset nodes from the buffered data.\n\n        Args:\n            dsets (List[Dataset]): A list of input datasets to be processed.\n            create_buffer (bool, optional): Whether to create a buffer node from the remaining data in the buffer\n                after processing all input datasets. Defaults to True.\n            is_classification (bool, optional): Whether the task is classification. Defaults to False.\n            after_create_leaf_node: callable to be executed after node leaf creation\n        Yields:\n            ChunkNode: A coreset node created from the buffered data.\n\n        Returns:\n            None\n"
         size_bytes = 0
         number_of_features_orig = 0
         number_of_samples = 0
@@ -173,3 +370,44 @@ class BaselineChunkLayer:
                 yield node
         if create_buffer and self.has_buffer():
             yield self.create_buffer_node(after_create_leaf_node)
+
+    def update_buffer(self, indices, X=None, y=None):
+        if not self.has_buffer():
+            return
+        _, (indices, X, y) = align_arrays_by_key((self.buffer.ind,), (indices, X, y))
+        mask = _membership_test(np)(self.buffer.ind, indices)
+        if y is not None:
+            self.buffer.y[mask] = y
+        if X is not None:
+            self.buffer.X[mask] = X
+
+    def rebuild(self, chunk_ids: List[str]):
+        if type(chunk_ids) is not list:
+            raise _argument_type_error("chunk_ids", "list", chunk_ids)
+
+        def rebuild():
+            for chunk_id in chunk_ids:
+                if chunk_id == BUFFER_NODE_ID:
+                    dset = self.get_buffer()
+                else:
+                    dset = self.data_manager.get_by_nodes([chunk_id])
+                node = self._rebuild_node(dset, chunk_id)
+                yield node
+
+        generator = rebuild()
+        generator.__qualname__ = "ChunkLayer.rebuild"
+        return generator
+
+    def filter_out_samples(self, filter_function, node_ids, with_buffer=True):
+        indexes_for_remove = np.array([])
+        datasets = map(lambda node_id: self.data_manager.get_by_nodes([node_id], with_props=True), node_ids)
+        if with_buffer and self.has_buffer():
+            datasets = itertools.chain(datasets, [self.buffer])
+        for dset in datasets:
+            filtered_ind = filter_function(dset.ind, dset.X, dset.y, dset.props)
+            if len(filtered_ind) > 0:
+                indexes_for_remove = np.concatenate([indexes_for_remove, filtered_ind])
+        return indexes_for_remove
+
+
+__test__ = {}

@@ -1,13 +1,16 @@
-"""Per-call overhead of the chunk layer's hot operations counted in machine instructions (callgrind).
+"""Per-call cost of the chunk layer's operations counted in machine instructions (callgrind).
 
-The same operations, fixture and implementations as ``bench_overhead.py`` (compiled, baseline, floor), but
-counted instead of timed, so the figures do not move with the load of a shared machine. For each operation
-and implementation, ``profile_op.py`` runs under ``valgrind --tool=callgrind`` twice: with ``--calls N``
-and with ``--calls 0``. The difference divided by N is the instruction count of one call, with start-up,
-imports and warm-up cancelled out. String hashing is fixed (``PYTHONHASHSEED=0``) so that dict probes,
-and so the counts, repeat exactly.
+The same operations, fixture and implementations as ``bench_overhead.py`` (module, cython, floor, harness,
+and with ``--with-python`` plain Python), counted instead of timed, so that the figures do not move with
+the load of a shared machine.
+One valgrind run per implementation goes through every operation (``profile_op.py --marked``): each
+operation's ``--calls`` calls and the harness's as many iterations land in dumps of their own
+(``--dump-before=getppid``), so that (calls - harness) / N is the instruction count of one call, with
+start-up, imports, set-up and warm-up outside it. String hashing is fixed (``PYTHONHASHSEED=0``) so that
+dict probes, and so the counts, repeat exactly.
 
     .venv/bin/python benchmarks/bench_instructions.py [--calls N] [--jobs J] [--operation NAME ...]
+    .venv/bin/python benchmarks/bench_instructions.py --breakdown "ChunkNode.is_buffer"
 
 Needs valgrind on the PATH; without it the script says so and exits.
 """
@@ -15,6 +18,7 @@ Needs valgrind on the PATH; without it the script says so and exits.
 from __future__ import annotations
 
 import argparse
+import json
 import os
 import re
 import shutil
@@ -23,12 +27,13 @@ import sys
 import tempfile
 from concurrent.futures import ThreadPoolExecutor
 from pathlib import Path
-from typing import Any, Dict, List, Optional
+from typing import Any, Dict, List, Optional, Tuple
 
 import bench_overhead
+import cython_peer
 
 HERE = Path(__file__).resolve().parent
-IMPLEMENTATIONS = ("compiled", "baseline", "floor")
+COUNTED = ("module", "cython", "floor")  # and "python" when asked: the slowest run of all
 TOTALS = re.compile(r"^(?:summary|totals):\s+(\d+)", re.MULTILINE)
 
 
@@ -36,83 +41,153 @@ def valgrind() -> Optional[str]:
     return shutil.which("valgrind")
 
 
-def count(operation: str, implementation: str, calls: int, workdir: Path) -> int:
-    """Instructions of one whole run of profile_op.py (start-up included)."""
-    stem = re.sub(r"\W+", "_", operation)
-    out = workdir / f"{stem}-{implementation}-{calls}.callgrind"
+def count(
+    implementation: str, calls: int, workdir: Path, operations: Optional[List[str]]
+) -> Dict[str, float]:
+    """Instructions per call of every operation for one implementation (harness subtracted)."""
+    out = workdir / f"{implementation}.callgrind"
+    labels = workdir / f"{implementation}.labels"
     environment = dict(os.environ, PYTHONHASHSEED="0")
     for variable in ("OPENBLAS_NUM_THREADS", "OMP_NUM_THREADS", "MKL_NUM_THREADS"):
         environment.setdefault(variable, "1")
-    subprocess.run(
-        [
-            valgrind() or "valgrind",
-            "--tool=callgrind",
-            f"--callgrind-out-file={out}",
-            sys.executable,
-            str(HERE / "profile_op.py"),
-            operation,
-            implementation,
-            "--calls",
-            str(calls),
-        ],
-        cwd=HERE,
-        env=environment,
-        check=True,
-        stdout=subprocess.DEVNULL,
-        stderr=subprocess.DEVNULL,
-    )
-    match = TOTALS.search(out.read_text(errors="replace"))
-    if match is None:
-        raise RuntimeError(f"no instruction total in {out}")
-    return int(match.group(1))
+    command = [
+        valgrind() or "valgrind",
+        "--tool=callgrind",
+        "--dump-before=getppid",
+        f"--callgrind-out-file={out}",
+        sys.executable,
+        str(HERE / "profile_op.py"),
+        implementation,
+        "--calls",
+        str(calls),
+        "--marked",
+        str(labels),
+    ]
+    for name in operations or []:
+        command += ["--operation", name]
+    subprocess.run(command, cwd=HERE, env=environment, check=True,
+                   stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+    parts: Dict[str, Dict[str, int]] = {}
+    for number, label in enumerate(json.loads(labels.read_text()), start=1):
+        match = TOTALS.search(Path(f"{out}.{number}").read_text(errors="replace"))
+        if match is None:
+            raise RuntimeError(f"no instruction total in {out}.{number}")
+        part, op = label.split("\t")
+        parts.setdefault(op, {})[part] = int(match.group(1))
+    return {op: (p[implementation] - p["harness"]) / calls for op, p in parts.items()}
 
 
-def run(calls: int = 10_000, jobs: Optional[int] = None, operations: Optional[List[str]] = None,
-        verbose: bool = True) -> Dict[str, Any]:
+def self_costs(path: Path) -> Dict[str, int]:
+    """Instructions spent in each function itself (callees excluded), from one callgrind dump."""
+    names: Dict[str, str] = {}
+    costs: Dict[str, int] = {}
+    current = ""
+    after_call = False
+
+    def name_of(spec: str) -> str:
+        # "(12) name" defines a compressed name, "(12)" refers to one.
+        if spec.startswith("("):
+            key, _, rest = spec.partition(")")
+            rest = rest.strip()
+            if rest:
+                names[key] = rest
+            return names.get(key, spec)
+        return spec
+
+    for line in path.read_text(errors="replace").splitlines():
+        if line.startswith("fn="):
+            current = name_of(line[3:])
+        elif line.startswith("cfn="):
+            name_of(line[4:])
+        elif line.startswith("calls="):
+            after_call = True
+        elif line[:1].isdigit() or line[:1] in "+-*":
+            fields = line.split()
+            if after_call:
+                after_call = False  # the inclusive cost of the call just named
+            elif len(fields) > 1:
+                costs[current] = costs.get(current, 0) + int(fields[1])
+    return costs
+
+
+def breakdown(operation: str, calls: int = 2_000,
+              implementations=("module", "cython")) -> Dict[str, List[Tuple[float, str]]]:
+    """Where one call of ``operation`` spends its instructions: the functions with the most instructions
+    of their own (callees excluded) in the counted part only, per call, for each implementation, less
+    what the same function spends in the harness loop."""
+    cython_peer.build()
+    bench_overhead.select([operation])
+    found: Dict[str, List[Tuple[float, str]]] = {}
+    with tempfile.TemporaryDirectory(prefix="chunk-layer-callgrind-") as directory:
+        workdir = Path(directory)
+        for impl in implementations:
+            count(impl, calls, workdir, [operation])
+            labels = json.loads((workdir / f"{impl}.labels").read_text())
+            number = labels.index(f"{impl}\t{operation}") + 1
+            costs = self_costs(Path(f"{workdir / impl}.callgrind.{number}"))
+            harness = self_costs(Path(f"{workdir / impl}.callgrind.{number + 1}"))
+            rows = [((n - harness.get(name, 0)) / calls, name) for name, n in costs.items()]
+            found[impl] = sorted(rows, reverse=True)
+    return found
+
+
+def format_breakdown(operation: str, found: Dict[str, List[Tuple[float, str]]], top: int = 12) -> str:
+    lines = [f"Where one call of {operation!r} goes (instructions per call, own cost of each function)"]
+    for impl, rows in found.items():
+        lines.append(f"  {impl}: {sum(n for n, _ in rows):,.0f} in all, the top {top}:")
+        lines += [f"    {n:9,.0f}  {name[:110]}" for n, name in rows[:top]]
+    if set(found) == {"module", "cython"}:
+        module = {name: n for n, name in found["module"]}
+        cython = {name: n for n, name in found["cython"]}
+        difference = sorted(
+            ((module.get(name, 0.0) - cython.get(name, 0.0), name) for name in set(module) | set(cython)),
+            reverse=True,
+        )
+        lines.append(f"  module - cython, where the module spends more (top {top}):")
+        lines += [f"    {n:+9,.0f}  {name[:110]}" for n, name in difference[:top] if n > 0]
+        lines.append(f"  module - cython, where the module spends less (top {top}):")
+        lines += [f"    {n:+9,.0f}  {name[:110]}" for n, name in reversed(difference[-top:]) if n < 0]
+    return "\n".join(lines)
+
+
+def run(calls: int = 500, jobs: Optional[int] = None, operations: Optional[List[str]] = None,
+        with_python: bool = False, verbose: bool = True) -> Dict[str, Any]:
     """Count every operation; returns a JSON-ready dict (instructions per call, ratios, settings)."""
-    names = [op for op, _note, _factory in bench_overhead.OPERATIONS if not operations or op in operations]
-    notes = {op: note for op, note, _factory in bench_overhead.OPERATIONS}
+    cython_peer.build()  # not under valgrind
+    chosen = bench_overhead.select(operations)
+    names = [op.name for op in chosen] if operations else None
     with tempfile.TemporaryDirectory(prefix="chunk-layer-callgrind-") as directory, ThreadPoolExecutor(
         jobs or os.cpu_count() or 1
     ) as pool:
         workdir = Path(directory)
-        pending = {
-            (op, impl, n): pool.submit(count, op, impl, n, workdir)
-            for op in names
-            for impl in IMPLEMENTATIONS
-            for n in (calls, 0)
-        }
-        per_call = {
-            (op, impl): (pending[(op, impl, calls)].result() - pending[(op, impl, 0)].result()) / calls
-            for op in names
-            for impl in IMPLEMENTATIONS
-        }
+        counted = (*COUNTED, "python") if with_python else COUNTED
+        # The slowest first, so that the two cores stay busy to the end.
+        pending = {impl: pool.submit(count, impl, calls, workdir, names) for impl in reversed(counted)}
+        per_call = {impl: future.result() for impl, future in pending.items()}
     results = []
-    for op in names:
-        compiled, baseline, floor = (per_call[(op, impl)] for impl in IMPLEMENTATIONS)
+    for op in chosen:
+        module, cython, floor = (per_call[impl][op.name] for impl in COUNTED)
+        python = per_call["python"][op.name] if with_python else None
         results.append(
             {
-                "operation": op,
-                "what": notes[op],
-                "compiled_instructions": round(compiled),
-                "baseline_instructions": round(baseline),
-                "floor_instructions": round(floor),
-                **bench_overhead.ratios(compiled, baseline, floor),
+                "operation": op.name,
+                "what": op.what,
+                **{f"{impl}_instructions": round(per_call[impl][op.name]) for impl in counted},
+                **bench_overhead.ratios(module, cython, python, floor),
             }
         )
-    report = {"calls": calls, "target_ratio": bench_overhead.TARGET_RATIO, "operations": results}
+    report = {"calls": calls, "operations": results, "summary": bench_overhead.summary(results)}
     if verbose:
         print(format_table(report))
     return report
 
 
-def format_table(report: Dict[str, Any]) -> str:
+def format_table(report: Dict[str, Any], label: str = "") -> str:
     title = (
-        f"Per-call overhead in instructions (callgrind, {report['calls']:,} calls; "
-        f"target own <= {report['target_ratio']})"
+        f"Per-call instructions{' under ' + label if label else ''} (callgrind, {report['calls']:,} calls; "
+        "* above the Cython peer)"
     )
-    lines = bench_overhead.ratio_table(title, report, "instructions", "11,")
-    lines.append("own = (compiled-floor)/(baseline-floor): the layer's overhead as a share of the baseline's")
+    lines = bench_overhead.ratio_table(title, report, "instructions", "9,")
     return "\n".join(lines)
 
 
@@ -120,13 +195,18 @@ def main() -> None:
     parser = argparse.ArgumentParser(
         description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter
     )
-    parser.add_argument("--calls", type=int, default=10_000)
+    parser.add_argument("--calls", type=int, default=500)
+    parser.add_argument("--with-python", action="store_true", help="count plain Python too (slow)")
     parser.add_argument("--jobs", type=int, default=None, help="valgrind runs at once (default: CPUs)")
     parser.add_argument("--operation", action="append", dest="operations", metavar="NAME")
+    parser.add_argument("--breakdown", metavar="NAME", help="the functions one call of NAME spends in")
     args = parser.parse_args()
     if valgrind() is None:
         sys.exit("bench_instructions: valgrind is not on the PATH")
-    run(calls=args.calls, jobs=args.jobs, operations=args.operations)
+    if args.breakdown:
+        print(format_breakdown(args.breakdown, breakdown(args.breakdown, calls=max(args.calls, 2_000))))
+        return
+    run(calls=args.calls, jobs=args.jobs, operations=args.operations, with_python=args.with_python)
 
 
 if __name__ == "__main__":

@@ -1,8 +1,6 @@
 // The chunk layer: its buffer of samples that do not fill a chunk yet, the cutting of incoming
 // datasets into chunk nodes (in order, or on the shared task pool), the buffer node, and the
 // work on chunks already built (rebuild by id, filtering with a caller's predicate).
-#include <array>
-#include <cstdint>
 #include <optional>
 
 #include "chunk_layer/callables.hpp"

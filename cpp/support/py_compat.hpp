@@ -29,7 +29,9 @@ inline bool thread_holds_gil() noexcept {
 // One more level of the interpreter's recursion count, for a call into the module; false, with
 // RecursionError set, past the limit. Up to 3.11 the count that Python functions use also guards
 // C calls. From 3.12 on Python calls have a count of their own, which extensions cannot reach, so
-// the module's calls are also counted per thread against sys.getrecursionlimit().
+// the module's calls are also counted per thread against sys.getrecursionlimit(). On every version
+// a call is also refused when the thread's stack is nearly used up, as it can be on a thread with
+// a small stack long before the limit.
 bool enter_recursive_call() noexcept;
 
 // Leaves the level entered by a successful enter_recursive_call(); not when the thread is ended

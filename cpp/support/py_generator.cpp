@@ -10,11 +10,11 @@
 
 namespace py {
 
+// Not noexcept: the forced unwinding of a thread ended at finalisation matches none of the handlers
+// and goes on to the resumer.
 void Coroutine::promise_type::unhandled_exception() {
     try {
         throw;
-    } catch (abi::__forced_unwind&) {
-        throw;  // a thread ended at finalisation: the unwinding goes on to the resumer
     } catch (const Error&) {
         // The Python error is already set.
     } catch (const std::bad_alloc&) {

@@ -7,8 +7,6 @@
 #define PY_SSIZE_T_CLEAN
 #include <Python.h>
 
-#include <cxxabi.h>
-
 #include <array>
 #include <cstddef>
 #include <exception>
@@ -130,14 +128,13 @@ inline Handle::Handle(const Ref& ref) noexcept : object_(ref.get()) {}
 
 // Runs `body` at an entry point called by the interpreter: a thrown `Error` becomes a NULL
 // return with the Python error set, and C++ failures become the matching Python errors. The
-// forced unwinding of a thread ended by pthread_exit() passes through, as it must: entry points
-// are never noexcept.
+// forced unwinding of a thread ended by pthread_exit() (abi::__forced_unwind) matches none of the
+// handlers and passes through, as it must: entry points are never noexcept, and nothing here
+// catches everything.
 template <class Body>
 PyObject* guard(Body&& body) {
     try {
         return body().release();
-    } catch (abi::__forced_unwind&) {
-        throw;
     } catch (const Error&) {
         return nullptr;
     } catch (const std::bad_alloc&) {
@@ -154,8 +151,6 @@ int guard_status(Body&& body) {
     try {
         body();
         return 0;
-    } catch (abi::__forced_unwind&) {
-        throw;
     } catch (const Error&) {
         return -1;
     } catch (const std::bad_alloc&) {

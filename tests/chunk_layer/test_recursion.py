@@ -75,7 +75,8 @@ def test_recursion_respects_a_changed_limit(case: Callable[[], None], limit: int
 
 
 @pytest.mark.parametrize("case", CASES)
-def test_recursion_on_a_thread_with_a_small_stack(case: Callable[[], None]) -> None:
+@pytest.mark.parametrize("stack_size", [1024 * 1024, 4 * 1024 * 1024])
+def test_recursion_on_a_thread_with_a_small_stack(case: Callable[[], None], stack_size: int) -> None:
     errors: list = []
 
     def run() -> None:
@@ -84,7 +85,7 @@ def test_recursion_on_a_thread_with_a_small_stack(case: Callable[[], None]) -> N
         except BaseException as error:  # reported to the test's thread
             errors.append(error)
 
-    old = threading.stack_size(4 * 1024 * 1024)
+    old = threading.stack_size(stack_size)
     try:
         thread = threading.Thread(target=run)
         thread.start()

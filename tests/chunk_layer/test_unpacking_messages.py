@@ -51,10 +51,9 @@ def test_process_makes_each_item_a_record_as_the_star_call_does(item: Any) -> No
     assert_same_error(lambda: next(make_layer().process([item])), lambda: Dataset(*item))
 
 
-@pytest.mark.parametrize("item", ODD_RECORDS, ids=lambda item: type(item).__name__)
+@pytest.mark.parametrize("item", [record for record in ODD_RECORDS if record is not None],
+                         ids=lambda item: type(item).__name__)
 def test_set_buffer_makes_a_record_as_the_star_call_does(item: Any) -> None:
-    if item is None:
-        pytest.skip("None clears the buffer")
     layer = make_layer()
     assert_same_error(lambda: layer.set_buffer(item), lambda: Dataset(*item))
     assert layer.buffer is None
