@@ -66,7 +66,7 @@ class ThreadPoolManager:
 
     def _setup(self) -> None:
         self._cond = threading.Condition(threading.RLock())
-        self._queue: List[Tuple[Any, int, Callable[..., Any], Callable[..., Any], tuple]] = []
+        self._queue: List[Tuple[Any, int, Callable[..., Any], Callable[..., Any], Tuple[Any, ...]]] = []
         self._seq = itertools.count()
         self._running = 0
         self._errors: List[BaseException] = []
@@ -179,7 +179,7 @@ class ThreadPoolManager:
             self._threads.append(thread)
             thread.start()
 
-    def _next_runnable(self) -> Tuple[Callable[..., Any], tuple] | None:
+    def _next_runnable(self) -> Tuple[Callable[..., Any], Tuple[Any, ...]] | None:
         """Pop and return the first queued task whose check passes; called with the lock held."""
         position = 0
         while position < len(self._queue):

@@ -27,13 +27,13 @@ import distributed
 import numpy as np
 import pandas as pd
 from dask.delayed import Delayed, delayed
-from tqdm import tqdm
-
-from quillmarsh.core.tree.chunk_layer import (  # type: ignore[import-untyped]
+from quillmarsh.core.tree.chunk_layer import (
     BUFFER_NODE_ID,
     ChunkLayer,
     ChunkSensitivitiesParams,
 )
+from tqdm import tqdm
+
 from quillmarsh.data.common import Dataset
 from quillmarsh.data.manager import DataManager, DataParams, DataParamsInternal
 
@@ -209,7 +209,7 @@ class _Parent:
         """Hear of an addition to the buffer."""
 
 
-class _RecordingLayer(ChunkLayer):  # type: ignore[misc]
+class _RecordingLayer(ChunkLayer):
     """A chunk layer that keeps the sample indices of the chunk of the node it built last."""
 
     last_indices: Optional[np.ndarray[Any, Any]] = None

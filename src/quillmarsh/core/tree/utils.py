@@ -2,9 +2,10 @@
 
 from __future__ import annotations
 
-from typing import Any, Union
+from typing import Any
 
 import numpy as np
+import numpy.typing as npt
 import psutil
 
 # Share of the reported memory that a batch may take; the rest is left for copies, the preprocessing
@@ -23,7 +24,7 @@ def is_simple_chunk_size(chunk_size: Any) -> bool:
 
 
 def evaluate_max_batch_size(
-    n_features: int, available: bool = True, dtype: Union[str, np.dtype, type] = "float32"
+    n_features: int, available: bool = True, dtype: npt.DTypeLike = "float32"
 ) -> int:
     """Return how many rows of ``n_features`` columns of ``dtype`` fit in memory.
 
