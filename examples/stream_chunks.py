@@ -304,7 +304,8 @@ def r_squared(coefficients: np.ndarray, X: np.ndarray, y: np.ndarray, mean: np.n
 
 def sq_distances(X: np.ndarray, centres: np.ndarray) -> np.ndarray:
     d2 = (X * X).sum(axis=1)[:, None] - 2.0 * X @ centres.T + (centres * centres).sum(axis=1)[None, :]
-    return np.maximum(d2, 0.0)
+    clipped: np.ndarray = np.maximum(d2, 0.0)
+    return clipped
 
 
 def fit_kmeans(X: np.ndarray, weights: np.ndarray, k: int, seed: int, iterations: int = 25) -> np.ndarray:

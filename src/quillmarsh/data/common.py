@@ -39,4 +39,4 @@ class Dataset(NamedTuple):
 
         Selection by position array or mask always copies, so the result shares no memory with ``self``.
         """
-        return Dataset(*(None if a is None else np.asarray(a)[rows] for a in self))
+        return Dataset._make(None if a is None else np.asarray(a)[rows] for a in self)

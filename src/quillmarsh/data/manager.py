@@ -195,7 +195,7 @@ def _as_index_array(values: Any) -> np.ndarray:
 
 
 def _concat(parts: List[Dataset], with_props: bool, node_ids: List[Hashable]) -> Dataset:
-    values = []
+    values: List[np.ndarray | None] = []
     for name in Dataset._fields:
         column = [getattr(part, name) for part in parts]
         present = [value is not None for value in column]
@@ -205,7 +205,7 @@ def _concat(parts: List[Dataset], with_props: bool, node_ids: List[Hashable]) ->
             raise ValueError(f"field {name!r} is stored for some but not all of the nodes {node_ids!r}")
         else:
             values.append(np.concatenate(column))
-    return Dataset(*values)
+    return Dataset._make(values)
 
 
 def _atomic_write(path: str, write: Callable[[IO[bytes]], None]) -> None:
@@ -257,7 +257,7 @@ class DataManager(DataManagerBase):
         n_jobs: int | None = None,
         verbose: int = 0,
         n_instances: int | None = None,
-        storage_dir: Union[str, os.PathLike, None] = None,
+        storage_dir: Union[str, os.PathLike[str], None] = None,
         cat_encoding_config: Dict[str, Any] | None = None,
     ) -> None:
         super().__init__(
@@ -275,7 +275,7 @@ class DataManager(DataManagerBase):
         self._removed = np.empty(0, dtype=np.int64)
         self._pending: Dict[Hashable, int] = {}
         self._errors: List[Tuple[Hashable, BaseException]] = []
-        self._saves: queue.Queue = queue.Queue()
+        self._saves: queue.Queue[Any] = queue.Queue()
         self._worker: threading.Thread | None = None
         self._closed = False
         if self.storage_dir is not None:
@@ -424,7 +424,9 @@ class DataManager(DataManagerBase):
     def _write_node(self, node_id: Union[str, int], dset: Dataset, is_buffer: bool) -> str:
         assert self.storage_dir is not None
         path = os.path.join(self.storage_dir, _node_file_name(node_id))
-        arrays = {name: value for name, value in zip(Dataset._fields, dset) if value is not None}
+        arrays: Dict[str, Any] = {
+            name: value for name, value in zip(Dataset._fields, dset) if value is not None
+        }
         arrays["__node_id__"] = np.array(node_id)
         arrays["__is_buffer__"] = np.array(is_buffer)
         _atomic_write(path, lambda f: np.savez(f, **arrays))
@@ -433,7 +435,7 @@ class DataManager(DataManagerBase):
     @staticmethod
     def _read_node(path: str) -> Dataset:
         with np.load(path, allow_pickle=True) as data:
-            return Dataset(*(data[name] if name in data.files else None for name in Dataset._fields))
+            return Dataset._make(data[name] if name in data.files else None for name in Dataset._fields)
 
     def _load_directory(self) -> None:
         """Index the nodes and load the removals that an earlier manager left in ``storage_dir``."""

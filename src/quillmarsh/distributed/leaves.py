@@ -516,7 +516,7 @@ def build_leaves(
 
     tasks = [delayed(_build_partition, pure=False)(part, number, job, dask_key_name=f"{topic}-{number}")
              for number, part in enumerate(parts)]
-    pending: Dict[int, distributed.Future] = dict(enumerate(cluster.compute(tasks)))
+    pending: Dict[int, distributed.Future[Any]] = dict(enumerate(cluster.compute(tasks)))
     del tasks
     partition_of = {future.key: number for number, future in pending.items()}
     as_completed: Any = distributed.as_completed
@@ -594,7 +594,7 @@ def scatter_batches(
     feature_names: Sequence[str],
     target: Optional[str] = "y",
     rows_per_partition: int = 100_000,
-) -> List[distributed.Future]:
+) -> List[distributed.Future[Any]]:
     """Gather datasets made on the client into partitions on the cluster, for ``build_leaves``.
 
     ``batches`` are ``Dataset`` records (or tuples in its field order: ``ind``, ``X``, ``y``, ...), as a
@@ -610,7 +610,7 @@ def scatter_batches(
     if rows_per_partition < 1:
         raise ValueError(f"rows_per_partition must be positive, got {rows_per_partition}")
     names = list(feature_names)
-    futures: List[distributed.Future] = []
+    futures: List[distributed.Future[Any]] = []
     pending: List[pd.DataFrame] = []
     held = 0
     sender: Any = client

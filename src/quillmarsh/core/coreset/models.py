@@ -12,7 +12,8 @@ from quillmarsh.core.coreset._base import CoresetBase, RandomState
 def _sq_distances(X: np.ndarray, centers: np.ndarray) -> np.ndarray:
     """Squared Euclidean distances, shape (rows of X, centers), clipped at 0 against rounding."""
     d2 = (X * X).sum(axis=1)[:, None] - 2.0 * (X @ centers.T) + (centers * centers).sum(axis=1)[None, :]
-    return np.maximum(d2, 0, out=d2)
+    clipped: np.ndarray = np.maximum(d2, 0, out=d2)
+    return clipped
 
 
 class CoresetKMeans(CoresetBase):
@@ -69,7 +70,7 @@ class CoresetLinearRegression(CoresetBase):
     """
 
     def _min_samples(self, X: np.ndarray, y: np.ndarray | None) -> int:
-        return X.shape[1] + (0 if y is None else y.shape[1])
+        return int(X.shape[1] + (0 if y is None else y.shape[1]))
 
     def _sensitivities(self, X: np.ndarray, y: np.ndarray | None) -> np.ndarray:
         Z = X if y is None else np.hstack([X, y])
@@ -77,4 +78,5 @@ class CoresetLinearRegression(CoresetBase):
         tolerance = singular.max(initial=0) * max(Z.shape) * np.finfo(self.dtype).eps
         rank = int((singular > tolerance).sum())
         leverage = (U[:, :rank] ** 2).sum(axis=1)
-        return (leverage + 1.0 / Z.shape[0]).astype(self.dtype)
+        sensitivities: np.ndarray = (leverage + 1.0 / Z.shape[0]).astype(self.dtype)
+        return sensitivities
