@@ -5,6 +5,13 @@
 
 #include <cstddef>
 
+#if defined(__GLIBC__) && defined(__x86_64__)
+// glibc 2.32 and 2.34 moved these two into libc under new symbol versions; binding the versions
+// every glibc has keeps the module loadable on systems older than the one that built it.
+__asm__(".symver pthread_getattr_np,pthread_getattr_np@GLIBC_2.2.5");
+__asm__(".symver pthread_attr_getstack,pthread_attr_getstack@GLIBC_2.2.5");
+#endif
+
 #include "support/py_ref.hpp"
 
 namespace py::compat {
