@@ -15,6 +15,8 @@ data. With --out the coresets are saved, and ``quillmarsh.io.load_coresets`` loa
     python examples/stream_chunks.py                           # synthetic data, sequential
     python examples/stream_chunks.py --csv data.csv --target price --out coresets/
     OPENBLAS_NUM_THREADS=1 python examples/stream_chunks.py --csv data.csv --target price --jobs 4
+    python examples/stream_chunks.py --csv data.csv --target price --dask local --jobs 2
+    python examples/stream_chunks.py --csv data.csv --target price --dask tcp://scheduler:8786
 
 --jobs N builds chunks on N worker threads. On 2 cores it does not pay, whatever the chunk size:
 measured with 200,000 rows of 8 features and chunks of 5,000 to 100,000 rows, --jobs 2 took 1.05
@@ -22,6 +24,17 @@ to 1.4 times as long as the sequential run, since numpy's BLAS already spreads e
 and SVD over both cores; with OPENBLAS_NUM_THREADS=1 neither mode won consistently, as reading and
 the Python parts of preprocessing hold the interpreter lock. It can pay only with more cores than
 that, large chunks (50,000 rows and more) and OPENBLAS_NUM_THREADS=1.
+
+--dask builds the chunks on a Dask cluster instead (``quillmarsh.distributed``): a local one of --jobs
+worker processes, or a running scheduler. The rows are still read here, then sent to the cluster in
+partitions of at least four chunks; each worker cuts its partition into chunks with a data manager of its
+own, and the rows the partitions leave over come back and are drained here, so the run has as many
+chunks as in one process. No worker sees the whole stream, so this process learns the stream's feature
+space itself (it preprocesses the rows it sends, chunk by chunk, building no coreset): the workers get
+its column decisions (which columns are categorical, which are left out), and the coresets they send
+back are saved and judged encoded in it. Categories and fill values are still each partition's own when
+its coresets are built; the summary says so, with the time read here, on the workers and in the last
+layer here.
 """
 
 from __future__ import annotations
