@@ -997,6 +997,7 @@ def build_on_cluster(args: argparse.Namespace, client: Any, data_manager: DataMa
     finally:
         bar.close()
     loaded = time.perf_counter()
+    n_parts = len(parts)
     if not parts:
         raise UserError("no row was fed to the cluster: the input has too few rows")
     settings, features = worker_settings(data_manager.feature_space, names,
@@ -1006,9 +1007,10 @@ def build_on_cluster(args: argparse.Namespace, client: Any, data_manager: DataMa
                               n_rows=fed_rows, progress=not args.quiet)
     except PartitionError as exc:
         number = exc.partition
-        first, last = partitions.ranges[number]
-        raise UserError(f"partition #{number + 1} of {len(parts)} (sample indices {first} to {last}) failed "
-                        f"on its worker: {type(exc.error).__name__}: {one_line(exc.error)}") from None
+        rows = (f" (sample indices {partitions.ranges[number][0]} to {partitions.ranges[number][1]})"
+                if number < len(partitions.ranges) else "")
+        raise UserError(f"partition #{number + 1} of {n_parts}{rows} failed on its worker: "
+                        f"{type(exc.error).__name__}: {one_line(exc.error)}") from None
     except Exception as exc:  # the client's last layer, which drains the rows the partitions left over
         raise UserError(f"the client's last layer (the rows the partitions left over) could not be built: "
                         f"{type(exc).__name__}: {one_line(exc)}") from None
@@ -1020,7 +1022,7 @@ def build_on_cluster(args: argparse.Namespace, client: Any, data_manager: DataMa
     details: Dict[str, object] = {
         "mode": f"Dask, {where}",
         "workers": workers,
-        "partitions": len(partitions.ranges),
+        "partitions": n_parts,
         "time reading and scattering (s)": round(loaded - started, 3),
         "time building on the cluster (s)": round(result.wall_seconds - result.tail_seconds, 3),
         "time on the workers, summed (s)": round(sum(p.seconds for p in result.partitions), 3),

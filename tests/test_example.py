@@ -360,3 +360,13 @@ def test_cluster_errors_are_one_line_from_a_fresh_process(tmp_path):
     assert failed.returncode == 1, failed.stderr
     assert failed.stderr.strip().count("\n") == 0, failed.stderr  # no worker log, no traceback
     assert "partition #1 of 1 (sample indices 0 to 598) failed on its worker" in failed.stderr
+
+
+def test_a_failing_last_layer_on_the_client_gives_one_line(example, scheduler, tmp_path, capsys):
+    rows = 1000
+    y = np.arange(rows, dtype=float)
+    y[860:] = np.nan  # the rows left over after the last full chunk have no usable target
+    pd.DataFrame({"a": np.arange(rows) * 0.5, "y": y}).to_csv(tmp_path / "t.csv", index=False)
+    line = run_failing(example, capsys, ["--csv", str(tmp_path / "t.csv"), "--target", "y", "--chunk-size",
+                                         "200", "--quiet", "--no-eval", "--dask", scheduler])
+    assert "the client's last layer (the rows the partitions left over) could not be built" in line
