@@ -307,6 +307,7 @@ class StreamSpace:
         self.manager, self.names, self.chunk_size = manager, names, chunk_size
         self.pending: List[Dataset] = []
         self.held = 0
+        self.seconds = 0.0
 
     def add(self, dset: Dataset) -> None:
         self.pending.append(dset)
@@ -319,6 +320,7 @@ class StreamSpace:
             self._learn(self.held)
 
     def _learn(self, rows: int) -> None:
+        started = time.perf_counter()
         X = np.concatenate([d.X for d in self.pending]) if len(self.pending) > 1 else self.pending[0].X
         y = np.concatenate([d.y for d in self.pending]) if len(self.pending) > 1 else self.pending[0].y
         ind = np.concatenate([d.ind for d in self.pending]) if len(self.pending) > 1 else self.pending[0].ind
@@ -335,6 +337,7 @@ class StreamSpace:
             drop_rows_below=manager.data_params.drop_rows_below,
             drop_cols_above=manager.data_params.drop_cols_above,
         ).handle_missing_and_categorical_encoding()
+        self.seconds += time.perf_counter() - started
 
 
 @dataclass
@@ -806,8 +809,8 @@ def stream(args: argparse.Namespace, source: Any, cluster: Optional[Tuple[Any, f
         collector = build_here(args, data_manager, params, batches(), bar, jobs, parallel)
     else:
         client, connect_seconds = cluster
-        collector, features, details = build_on_cluster(args, client, data_manager, params, batches(), bar,
-                                                        started)
+        collector, features, details = build_on_cluster(args, client, data_manager, params, encoding,
+                                                        batches(), bar, started)
         started_up = "cluster start-up (s)" if args.dask == "local" else "connecting (s)"
         details[started_up] = round(connect_seconds, 3)
     elapsed = time.perf_counter() - started
@@ -966,7 +969,7 @@ def build_here(args: argparse.Namespace, data_manager: DataManager, params: List
 
 
 def build_on_cluster(args: argparse.Namespace, client: Any, data_manager: DataManager, params: List[Any],
-                     batches: Iterator[Dataset], bar: Any,
+                     encoding: Dict[str, Any], batches: Iterator[Dataset], bar: Any,
                      started: float) -> Tuple[Collector, List[str], Dict[str, object]]:
     """Send the batches to the cluster as partitions, and build every leaf there.
 
@@ -1000,8 +1003,7 @@ def build_on_cluster(args: argparse.Namespace, client: Any, data_manager: DataMa
     n_parts = len(parts)
     if not parts:
         raise UserError("no row was fed to the cluster: the input has too few rows")
-    settings, features = worker_settings(data_manager.feature_space, names,
-                                         {"max_categories": 100, "max_text_values": args.max_text_values})
+    settings, features = worker_settings(data_manager.feature_space, names, encoding)
     try:
         result = build_leaves(parts, target, settings, params, args.chunk_size, client=client,
                               n_rows=fed_rows, progress=not args.quiet)
@@ -1024,6 +1026,7 @@ def build_on_cluster(args: argparse.Namespace, client: Any, data_manager: DataMa
         "workers": workers,
         "partitions": n_parts,
         "time reading and scattering (s)": round(loaded - started, 3),
+        "  of which learning the features (s)": round(space.seconds, 3),
         "time building on the cluster (s)": round(result.wall_seconds - result.tail_seconds, 3),
         "time on the workers, summed (s)": round(sum(p.seconds for p in result.partitions), 3),
         "time in the client's last layer (s)": round(result.tail_seconds, 3),
