@@ -32,9 +32,9 @@ own, and the rows the partitions leave over come back and are drained here, so t
 chunks as in one process. No worker sees the whole stream, so this process learns the stream's feature
 space itself (it preprocesses the rows it sends, chunk by chunk, building no coreset): the workers get
 its column decisions (which columns are categorical, which are left out), and the coresets they send
-back are saved and judged encoded in it. Categories and fill values are still each partition's own when
-its coresets are built; the summary says so, with the time read here, on the workers and in the last
-layer here.
+back are saved and judged encoded in it. Numbers and timestamps in text columns are still recognised by
+each partition, and categories and fill values are each partition's own when its coresets are built;
+the summary says so, with the time spent here, on the workers and in the last layer here.
 """
 
 from __future__ import annotations
@@ -375,7 +375,8 @@ def worker_settings(space: FeatureSpace, names: List[str], config: Dict[str, Any
 
     The stream's decisions, taken on the client from the first chunk that held each column, are fixed
     for all partitions: a left-out column is not a feature, a categorical one is declared so. What a
-    worker still learns by itself: the categories (and so its one-hot columns), and the fill values.
+    worker still decides by itself: whether a text column holds numbers or timestamps (by the same rule,
+    on its partition's first chunk), the categories (and so its one-hot columns), and the fill values.
     """
     from quillmarsh.distributed import ManagerSettings
 
@@ -644,9 +645,10 @@ def parse(argv: Optional[Sequence[str]]) -> argparse.Namespace:
         f"Cluster mode (--dask): the rows are read here and sent as partitions of {PARTITION_CHUNKS} "
         "chunks or more; each partition is cut into chunks on a worker by a data manager of its own, and "
         "the rows the partitions leave over are drained here, so the chunks are as many as in one "
-        "process. The column kinds and left-out columns are decided here for all, from the stream's "
-        "first chunks, but every partition learns its own categories and fill values: the coresets "
-        "are saved and judged encoded in this process's feature space of the whole stream.",
+        "process. Which columns are categorical and which are left out is decided here for all, from the "
+        "stream's first chunks, but every partition recognises numbers and timestamps in text by itself "
+        "and learns its own categories and fill values: the coresets are saved and judged encoded in "
+        "this process's feature space of the whole stream.",
     )
     parser.add_argument("--csv", help="stream this CSV file (with --target) instead of synthetic data")
     parser.add_argument("--target", help="the CSV column to predict; rows where it is missing or not a "
@@ -872,8 +874,9 @@ def stream(args: argparse.Namespace, source: Any, cluster: Optional[Tuple[Any, f
         widths = f"{built[0]} to {built[-1]}" if len(built) > 1 else f"{built[0]}"
         notes.append(
             "on the cluster every partition, and the client's last layer, preprocessed its rows in a "
-            "feature space of its own: the column kinds and left-out columns were fixed for all from the "
-            "stream's first chunks, but each learnt its own categories and fill values "
+            "feature space of its own: the categorical and left-out columns were fixed for all from the "
+            "stream's first chunks, but each recognised numbers and timestamps in text by itself and "
+            "learnt its own categories and fill values "
             f"({widths} processed features when built). The coresets are saved and "
             "judged encoded in the client's feature space of the whole stream (the figures above)."
         )
