@@ -1022,8 +1022,9 @@ def build_on_cluster(args: argparse.Namespace, client: Any, data_manager: DataMa
     finally:
         del parts
     workers = len(client.scheduler_info().get("workers", {}))
-    where = f"local cluster of {workers} worker processes" if args.dask == "local" else \
-        f"scheduler {args.dask}, {workers} workers"
+    plural = "" if workers == 1 else "es"
+    where = f"local cluster of {workers} worker process{plural}" if args.dask == "local" else \
+        f"scheduler {args.dask}, {workers} worker{plural[1:]}"
     details: Dict[str, object] = {
         "mode": f"Dask, {where}",
         "workers": workers,

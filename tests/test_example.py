@@ -304,7 +304,7 @@ def test_cluster_run_on_a_running_scheduler(example, scheduler, tmp_path):
     argv = ["--rows", "2350", "--batch-rows", "700", "--chunk-size", "500", "--features", "4", "--quiet"]
     alone = example.main(argv + ["--no-eval"])
     summary = example.main(argv + ["--dask", scheduler, "--no-eval", "--out", str(tmp_path)])
-    assert summary["mode"] == f"Dask, scheduler {scheduler}, 1 workers"
+    assert summary["mode"] == f"Dask, scheduler {scheduler}, 1 worker" and summary["workers"] == 1
     assert summary["chunks"] == alone["chunks"] == 4
     assert summary["rows in the buffer node"] == alone["rows in the buffer node"] == 115
     assert summary["partitions"] == 1  # 2,115 rows fed: fewer than 4 chunks' worth after the first 3 batches
