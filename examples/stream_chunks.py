@@ -412,21 +412,24 @@ def connect_cluster(args: argparse.Namespace) -> Any:
         except Exception as exc:
             raise UserError(f"--dask local: the local cluster did not start: {type(exc).__name__}: "
                             f"{one_line(exc)}") from None
-    client = None
     try:
         with dask.config.set({"distributed.comm.timeouts.connect": f"{CONNECT_TIMEOUT}s"}):
             client = connect(args.dask)
-        client.wait_for_workers(1, timeout=CONNECT_TIMEOUT)
-        return client
     except ValueError as exc:  # Dask's word for an address it cannot parse
         raise UserError(f"--dask {args.dask}: not a scheduler address ({one_line(exc)})") from None
-    except Exception as exc:
-        if client is not None:
-            client.close()
-            raise UserError(f"--dask {args.dask}: the scheduler has no worker "
-                            f"(waited {CONNECT_TIMEOUT:g} s)") from None
+    except OSError as exc:  # refused, unknown host, or timed out
         raise UserError(f"--dask {args.dask}: no scheduler answered within {CONNECT_TIMEOUT:g} s "
                         f"({type(exc).__name__}: {one_line(exc)})") from None
+    except Exception as exc:
+        raise UserError(f"--dask {args.dask}: could not connect: {type(exc).__name__}: {one_line(exc)}") \
+            from None
+    try:
+        client.wait_for_workers(1, timeout=CONNECT_TIMEOUT)
+    except Exception:
+        client.close()
+        raise UserError(f"--dask {args.dask}: the scheduler has no worker (waited {CONNECT_TIMEOUT:g} s)") \
+            from None
+    return client
 
 
 def collect_leaves(leaves: List[Any]) -> Collector:

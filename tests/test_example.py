@@ -1,6 +1,7 @@
 """The main job, end to end: streaming a dirty table into coresets, saving them, judging them, and
 telling the user in one line what is wrong with their input."""
 
+import contextlib
 import subprocess
 import sys
 from pathlib import Path
@@ -234,15 +235,40 @@ def free_local_port() -> int:
         return sock.getsockname()[1]
 
 
+SCHEDULER = """
+import logging, sys
+from distributed import LocalCluster
+with LocalCluster(n_workers=int(sys.argv[1]), threads_per_worker=1, processes=False, protocol="tcp",
+                  host="127.0.0.1", dashboard_address=None, silence_logs=logging.CRITICAL) as cluster:
+    print(cluster.scheduler_address, flush=True)
+    sys.stdin.read()
+"""
+
+
+@contextlib.contextmanager
+def running_scheduler(workers):
+    """A scheduler (with ``workers`` worker threads) in a process of its own, as a user would have one."""
+    pytest.importorskip("distributed")
+    process = subprocess.Popen([sys.executable, "-W", "ignore", "-c", SCHEDULER, str(workers)],
+                               stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True)
+    try:
+        address = process.stdout.readline().strip()
+        assert address.startswith("tcp://127.0.0.1:"), address
+        yield address
+    finally:
+        process.stdin.close()
+        try:
+            process.wait(timeout=60)
+        except subprocess.TimeoutExpired:
+            process.kill()
+            process.wait()
+
+
 @pytest.fixture(scope="module")
 def scheduler():
-    """The address of a running scheduler with one worker process, for --dask ADDRESS."""
-    import logging
-
-    distributed = pytest.importorskip("distributed")
-    with distributed.LocalCluster(n_workers=1, threads_per_worker=1, processes=True, dashboard_address=None,
-                                  silence_logs=logging.CRITICAL) as cluster:
-        yield cluster.scheduler_address
+    """The address of a running scheduler with one worker, for --dask ADDRESS."""
+    with running_scheduler(1) as address:
+        yield address
 
 
 def nodes_of(loaded):
@@ -331,6 +357,13 @@ def test_an_unreachable_scheduler_is_told_after_a_bounded_wait(example, capsys, 
     assert f"--dask {address}: no scheduler answered within 1 s" in line
     line = run_failing(example, capsys, ["--rows", "1000", "--quiet", "--dask", "nowhere://x"])
     assert "--dask nowhere://x: not a scheduler address" in line
+
+
+def test_a_scheduler_without_workers_is_told_after_a_bounded_wait(example, capsys, monkeypatch):
+    monkeypatch.setattr(example, "CONNECT_TIMEOUT", 1.0)
+    with running_scheduler(0) as address:
+        line = run_failing(example, capsys, ["--rows", "1000", "--quiet", "--dask", address])
+    assert f"--dask {address}: the scheduler has no worker (waited 1 s)" in line
 
 
 @pytest.mark.parametrize(
