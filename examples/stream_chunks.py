@@ -1019,6 +1019,9 @@ def build_on_cluster(args: argparse.Namespace, client: Any, data_manager: DataMa
                 if number < len(partitions.ranges) else "")
         raise UserError(f"partition #{number + 1} of {n_parts}{rows} failed on its worker: "
                         f"{type(exc.error).__name__}: {one_line(exc.error)}") from None
+    except OSError as exc:  # Dask's closed connections and timeouts are OSErrors
+        raise UserError(f"--dask {args.dask}: the connection to the cluster failed: {type(exc).__name__}: "
+                        f"{one_line(exc)}") from None
     except Exception as exc:  # the client's last layer, which drains the rows the partitions left over
         raise UserError(f"the client's last layer (the rows the partitions left over) could not be built: "
                         f"{type(exc).__name__}: {one_line(exc)}") from None
