@@ -40,6 +40,7 @@ the summary says so, with the time spent here, on the workers and in the last la
 from __future__ import annotations
 
 import argparse
+import gc
 import logging
 import os
 import sys
@@ -403,32 +404,38 @@ def connect_cluster(args: argparse.Namespace) -> Any:
     except ImportError:
         raise UserError("--dask needs Dask and its distributed scheduler "
                         "(pip install 'quillmarsh[dask]')") from None
-    if args.dask == "local":
-        try:
+    failure = None
+    try:
+        if args.dask == "local":
             with warnings.catch_warnings():  # its HTTP server moves to a free port when 8787 is taken
                 warnings.filterwarnings("ignore", message="Port .* is already in use")
                 return connect("local", n_workers=args.jobs or DASK_LOCAL_WORKERS,
                                silence_logs=logging.CRITICAL)  # a failed partition is told once, here
-        except Exception as exc:
-            raise UserError(f"--dask local: the local cluster did not start: {type(exc).__name__}: "
-                            f"{one_line(exc)}") from None
-    try:
         with dask.config.set({"distributed.comm.timeouts.connect": f"{CONNECT_TIMEOUT}s"}):
             client = connect(args.dask)
-    except ValueError as exc:  # Dask's word for an address it cannot parse
-        raise UserError(f"--dask {args.dask}: not a scheduler address ({one_line(exc)})") from None
-    except OSError as exc:  # refused, unknown host, or timed out
-        raise UserError(f"--dask {args.dask}: no scheduler answered within {CONNECT_TIMEOUT:g} s "
-                        f"({type(exc).__name__}: {one_line(exc)})") from None
     except Exception as exc:
-        raise UserError(f"--dask {args.dask}: could not connect: {type(exc).__name__}: {one_line(exc)}") \
-            from None
+        if args.dask == "local":
+            failure = f"--dask local: the local cluster did not start: {type(exc).__name__}: {one_line(exc)}"
+        elif isinstance(exc, ValueError):  # Dask's word for an address it cannot parse
+            failure = f"--dask {args.dask}: not a scheduler address ({one_line(exc)})"
+        elif isinstance(exc, OSError):  # refused, unknown host, or timed out
+            failure = (f"--dask {args.dask}: no scheduler answered within {CONNECT_TIMEOUT:g} s "
+                       f"({type(exc).__name__}: {one_line(exc)})")
+        else:
+            failure = f"--dask {args.dask}: could not connect: {type(exc).__name__}: {one_line(exc)}"
+    if failure is not None:
+        # A client that failed to start closes itself when it is collected, and closing takes a lock
+        # that a client being started holds: collected in the middle of a later client's start (in
+        # this process), it would deadlock that start. So it is collected now, its exception gone.
+        gc.collect()
+        raise UserError(failure)
     try:
         client.wait_for_workers(1, timeout=CONNECT_TIMEOUT)
     except Exception:
+        failure = f"--dask {args.dask}: the scheduler has no worker (waited {CONNECT_TIMEOUT:g} s)"
+    if failure is not None:
         client.close()
-        raise UserError(f"--dask {args.dask}: the scheduler has no worker (waited {CONNECT_TIMEOUT:g} s)") \
-            from None
+        raise UserError(failure)
     return client
 
 
