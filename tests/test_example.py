@@ -293,9 +293,11 @@ def test_cluster_run_cuts_the_chunks_of_one_process_and_saves_every_leaf_once(ex
         assert summary[key] == alone[key], key
     assert summary["rows kept"] == expected["kept"] and summary["chunks"] == 5
     assert summary["rows in the buffer node"] == 80
-    for key in ("time reading and scattering (s)", "time building on the cluster (s)",
-                "time on the workers, summed (s)", "time in the client's last layer (s)"):
-        assert 0 <= summary[key] <= summary["time incl. reading (s)"] + 1e-3, key
+    # the time is split into reading (and scattering), waiting for the cluster and the last layer here
+    split = [summary[key] for key in ("time reading and scattering (s)", "time building on the cluster (s)",
+                                      "time in the client's last layer (s)")]
+    assert min(split) >= 0 and sum(split) <= summary["time incl. reading (s)"] + 0.01
+    assert summary["time on the workers, summed (s)"] > 0
     assert any("feature space of its own" in note for note in summary["notes"])
     # the comparison is made in one feature space, as in one process
     assert summary["linear regression quality ratio"] > 0.9
