@@ -322,9 +322,8 @@ class StreamSpace:
 
     def _learn(self, rows: int) -> None:
         started = time.perf_counter()
-        X = np.concatenate([d.X for d in self.pending]) if len(self.pending) > 1 else self.pending[0].X
-        y = np.concatenate([d.y for d in self.pending]) if len(self.pending) > 1 else self.pending[0].y
-        ind = np.concatenate([d.ind for d in self.pending]) if len(self.pending) > 1 else self.pending[0].ind
+        X, y, ind = (np.concatenate([np.asarray(getattr(d, name)) for d in self.pending])
+                     for name in ("X", "y", "ind"))
         rest = len(ind) - rows
         self.pending = [Dataset(ind[rows:], X[rows:], y[rows:])] if rest else []
         self.held = rest
@@ -405,6 +404,7 @@ def connect_cluster(args: argparse.Namespace) -> Any:
         raise UserError("--dask needs Dask and its distributed scheduler "
                         "(pip install 'quillmarsh[dask]')") from None
     failure = None
+    client: Any = None  # distributed's Client is only partly annotated
     try:
         if args.dask == "local":
             with warnings.catch_warnings():  # its HTTP server moves to a free port when 8787 is taken
