@@ -15,6 +15,8 @@ data. With --out the coresets are saved, and ``quillmarsh.io.load_coresets`` loa
     python examples/stream_chunks.py                           # synthetic data, sequential
     python examples/stream_chunks.py --csv data.csv --target price --out coresets/
     OPENBLAS_NUM_THREADS=1 python examples/stream_chunks.py --csv data.csv --target price --jobs 4
+    python examples/stream_chunks.py --csv data.csv --target price --dask local --jobs 2
+    python examples/stream_chunks.py --csv data.csv --target price --dask tcp://scheduler:8786
 
 --jobs N builds chunks on N worker threads. On 2 cores it does not pay, whatever the chunk size:
 measured with 200,000 rows of 8 features and chunks of 5,000 to 100,000 rows, --jobs 2 took 1.05
@@ -22,11 +24,24 @@ to 1.4 times as long as the sequential run, since numpy's BLAS already spreads e
 and SVD over both cores; with OPENBLAS_NUM_THREADS=1 neither mode won consistently, as reading and
 the Python parts of preprocessing hold the interpreter lock. It can pay only with more cores than
 that, large chunks (50,000 rows and more) and OPENBLAS_NUM_THREADS=1.
+
+--dask builds the chunks on a Dask cluster instead (``quillmarsh.distributed``): a local one of --jobs
+worker processes, or a running scheduler. The rows are still read here, then sent to the cluster in
+partitions of at least four chunks; each worker cuts its partition into chunks with a data manager of its
+own, and the rows the partitions leave over come back and are drained here, so the run has as many
+chunks as in one process. No worker sees the whole stream, so this process learns the stream's feature
+space itself (it preprocesses the rows it sends, chunk by chunk, building no coreset): the workers get
+its column decisions (which columns are categorical, which are left out), and the coresets they send
+back are saved and judged encoded in it. Numbers and timestamps in text columns are still recognised by
+each partition, and categories and fill values are each partition's own when its coresets are built;
+the summary says so, with the time spent here, on the workers and in the last layer here.
 """
 
 from __future__ import annotations
 
 import argparse
+import gc
+import logging
 import os
 import sys
 import threading
@@ -47,8 +62,9 @@ except ImportError:  # said in one line, like every other problem the user can f
 from quillmarsh.common import TaskError, ThreadPoolManager
 from quillmarsh.core.coreset import CoresetKMeans, CoresetLinearRegression
 from quillmarsh.data.common import Dataset
-from quillmarsh.data.feature_space import FeatureSpace, as_numbers
-from quillmarsh.data.manager import DataManager, DataParams, FeatureField
+from quillmarsh.data.data_auto_processor import DataAutoProcessor
+from quillmarsh.data.feature_space import CATEGORICAL, EXCLUDED, FeatureSpace, as_numbers
+from quillmarsh.data.manager import DataManager, DataParams, DataParamsInternal, FeatureField
 from quillmarsh.io import StoredCoreset, save_coresets
 
 HOLD_OUT_EVERY = 10
@@ -62,6 +78,12 @@ MODELS = {CoresetKMeans: "kmeans", CoresetLinearRegression: "linear_regression"}
 PROGRESS_DELAY = 1.0
 """Seconds before the progress bar shows: short runs and early input errors print no bar."""
 DEFAULTS = {"rows": 203_500, "features": 8, "batch_rows": 25_000, "chunk_size": 10_000}
+DASK_LOCAL_WORKERS = 2
+"""Worker processes of ``--dask local`` when --jobs does not say."""
+PARTITION_CHUNKS = 4
+"""With --dask, every partition sent to the cluster holds at least this many chunks' rows."""
+CONNECT_TIMEOUT = 10.0
+"""Seconds that --dask ADDRESS waits for the scheduler to answer and to have a worker."""
 
 
 class UserError(Exception):
@@ -217,6 +239,7 @@ class Collected:
     y: np.ndarray
     weights: np.ndarray
     ind: np.ndarray
+    extra: Dict[str, Any] = field(default_factory=dict)
 
 
 @dataclass
@@ -265,6 +288,193 @@ class Tree:
 
     def update_build_params(self) -> None:
         pass
+
+
+# Building on a Dask cluster (--dask).
+
+
+class StreamSpace:
+    """The client's share of the preprocessing in cluster mode: the stream's feature space.
+
+    On a cluster every partition is preprocessed on its worker by a data manager of its own, so no
+    process sees the whole stream. The client therefore cuts the rows it feeds into chunks of
+    ``chunk_size``, as a single layer does, and preprocesses each one into its own data manager's
+    feature space, building no coreset: it learns the space a single layer would learn (the same kinds,
+    left-out columns, categories and means). The workers get its column decisions; the coresets they
+    send back are encoded in it for saving and for the comparison.
+    """
+
+    def __init__(self, manager: DataManager, names: List[str], chunk_size: int) -> None:
+        self.manager, self.names, self.chunk_size = manager, names, chunk_size
+        self.pending: List[Dataset] = []
+        self.held = 0
+        self.seconds = 0.0
+
+    def add(self, dset: Dataset) -> None:
+        self.pending.append(dset)
+        self.held += len(dset.ind)
+        while self.held >= self.chunk_size:
+            self._learn(self.chunk_size)
+
+    def finish(self) -> None:
+        if self.held:
+            self._learn(self.held)
+
+    def _learn(self, rows: int) -> None:
+        started = time.perf_counter()
+        X, y, ind = (np.concatenate([np.asarray(getattr(d, name)) for d in self.pending])
+                     for name in ("X", "y", "ind"))
+        rest = len(ind) - rows
+        self.pending = [Dataset(ind[rows:], X[rows:], y[rows:])] if rest else []
+        self.held = rest
+        manager = self.manager
+        internal = manager.data_params_internal
+        DataAutoProcessor(
+            X=X[:rows], y=y[:rows], ind=ind[:rows], props=None,
+            categorical_features=internal.categorical_features_, feature_names=self.names,
+            cat_encoding_config=manager.cat_encoding_config_clear(),
+            missing_replacement=internal.aggregated_missing_replacements,
+            drop_rows_below=manager.data_params.drop_rows_below,
+            drop_cols_above=manager.data_params.drop_cols_above,
+        ).handle_missing_and_categorical_encoding()
+        self.seconds += time.perf_counter() - started
+
+
+@dataclass
+class Partitions:
+    """The sample-index range of every partition that ``scatter_batches`` makes of the fed batches.
+
+    It mirrors that function's rule (batches are joined, in order, until a partition holds at least
+    ``rows`` rows), so that a failed partition can be named by its rows.
+    """
+
+    rows: int
+    ranges: List[Tuple[int, int]] = field(default_factory=list)
+    first: Optional[int] = None
+    last: int = 0
+    held: int = 0
+
+    def add(self, ind: np.ndarray) -> None:
+        if not len(ind):
+            return
+        if self.first is None:
+            self.first = int(ind[0])
+        self.last = int(ind[-1])
+        self.held += len(ind)
+        if self.held >= self.rows:
+            self.close()
+
+    def close(self) -> None:
+        if self.first is not None:
+            self.ranges.append((self.first, self.last))
+        self.first, self.held = None, 0
+
+
+def worker_settings(space: FeatureSpace, names: List[str], config: Dict[str, Any]) -> Tuple[Any, List[str]]:
+    """The data manager settings every worker makes its own manager from, and the feature columns.
+
+    The stream's decisions, taken on the client from the first chunk that held each column, are fixed
+    for all partitions: a left-out column is not a feature, a categorical one is declared so. What a
+    worker still decides by itself: whether a text column holds numbers or timestamps (by the same rule,
+    on its partition's first chunk), the categories (and so its one-hot columns), and the fill values.
+    """
+    from quillmarsh.distributed import ManagerSettings
+
+    kinds = space.kinds
+    features = [name for name in names if kinds.get(name) != EXCLUDED]
+    if not features:
+        raise UserError("every input column was left out (see --max-text-values): nothing to build on")
+    categorical = [i for i, name in enumerate(features) if kinds.get(name) == CATEGORICAL]
+    settings = ManagerSettings(
+        data_params=DataParams(features=[FeatureField(name, categorical=kinds.get(name) == CATEGORICAL)
+                                         for name in features]),
+        data_params_internal=DataParamsInternal(categorical_features_=categorical),
+        cat_encoding_config=dict(config),
+    )
+    return settings, features
+
+
+def connect_cluster(args: argparse.Namespace) -> Any:
+    """A client of the cluster --dask names, or one clear line of why there is none."""
+    try:
+        import dask
+
+        from quillmarsh.distributed import connect
+    except ImportError:
+        raise UserError("--dask needs Dask and its distributed scheduler "
+                        "(pip install 'quillmarsh[dask]')") from None
+    failure = None
+    client: Any = None  # distributed's Client is only partly annotated
+    try:
+        if args.dask == "local":
+            with warnings.catch_warnings():  # its HTTP server moves to a free port when 8787 is taken
+                warnings.filterwarnings("ignore", message="Port .* is already in use")
+                return connect("local", n_workers=args.jobs or DASK_LOCAL_WORKERS,
+                               silence_logs=logging.CRITICAL)  # a failed partition is told once, here
+        with dask.config.set({"distributed.comm.timeouts.connect": f"{CONNECT_TIMEOUT}s"}):
+            client = connect(args.dask)
+    except Exception as exc:
+        if args.dask == "local":
+            failure = f"--dask local: the local cluster did not start: {type(exc).__name__}: {one_line(exc)}"
+        elif isinstance(exc, ValueError):  # Dask's word for an address it cannot parse
+            failure = f"--dask {args.dask}: not a scheduler address ({one_line(exc)})"
+        elif isinstance(exc, OSError):  # refused, unknown host, or timed out
+            failure = (f"--dask {args.dask}: no scheduler answered within {CONNECT_TIMEOUT:g} s "
+                       f"({type(exc).__name__}: {one_line(exc)})")
+        else:
+            failure = f"--dask {args.dask}: could not connect: {type(exc).__name__}: {one_line(exc)}"
+    if failure is not None:
+        # A client that failed to start closes itself when it is collected, and closing takes a lock
+        # that a client being started holds: collected in the middle of a later client's start (in
+        # this process), it would deadlock that start. So it is collected now, its exception gone.
+        gc.collect()
+        raise UserError(failure)
+    try:
+        client.wait_for_workers(1, timeout=CONNECT_TIMEOUT)
+    except Exception:
+        failure = f"--dask {args.dask}: the scheduler has no worker (waited {CONNECT_TIMEOUT:g} s)"
+    if failure is not None:
+        client.close()
+        raise UserError(failure)
+    return client
+
+
+def collect_leaves(leaves: List[Any]) -> Collector:
+    """The run's counts and coreset rows, from the leaves the cluster sent back."""
+    collector = Collector()
+    for leaf in leaves:
+        dropped = sum(len(record.removed_rows) for record in leaf.coresets)
+        kept = leaf.n_rows - dropped
+        for record, sample in zip(leaf.coresets, leaf.samples):
+            if sample is None or int(record.coreset["n_samples"]) != kept:
+                raise RuntimeError(f"leaf {leaf.node_id}: a coreset was built on other rows than it kept")
+            collector.coresets.append(Collected(
+                node_id=leaf.node_id,
+                rows=kept,
+                model=MODELS.get(record.params.coreset_cls, record.params.coreset_cls.__name__),
+                parameters=dict(record.params.coreset_params or {}),
+                X_raw=np.asarray(sample.X),
+                y=as_numbers(np.asarray(sample.y)),
+                weights=np.asarray(sample.sample_weight, dtype=np.float64),
+                ind=np.asarray(sample.ind),
+                extra={"partition": "client" if leaf.partition is None else leaf.partition + 1,
+                       "chunk_rows": leaf.n_rows, "features_when_built": record.no_features},
+            ))
+        collector.nodes += 1
+        collector.rows_kept += kept
+        collector.rows_dropped += dropped
+        if leaf.is_buffer:
+            collector.buffer_rows = leaf.n_rows
+    return collector
+
+
+def widened(X: np.ndarray, features: List[str], names: List[str]) -> np.ndarray:
+    """Rows of the feature columns put back among all input columns (left-out ones empty)."""
+    if features == names:
+        return X
+    full = np.full((len(X), len(names)), None, dtype=object)
+    full[:, [names.index(name) for name in features]] = X
+    return full
 
 
 # Fitting the two model families, on weighted rows (the coresets) and on the full data.
@@ -442,7 +652,14 @@ def parse(argv: Optional[Sequence[str]]) -> argparse.Namespace:
         epilog="Parallel building (--jobs): measured on 2 cores it never paid (1.05-1.4x slower with "
         "chunks of 5,000 to 100,000 rows; no consistent gain with OPENBLAS_NUM_THREADS=1), because "
         "numpy already uses both cores for each chunk. Try it only with more cores, chunks of 50,000 "
-        "rows or more, and OPENBLAS_NUM_THREADS=1.",
+        "rows or more, and OPENBLAS_NUM_THREADS=1. "
+        f"Cluster mode (--dask): the rows are read here and sent as partitions of {PARTITION_CHUNKS} "
+        "chunks or more; each partition is cut into chunks on a worker by a data manager of its own, and "
+        "the rows the partitions leave over are drained here, so the chunks are as many as in one "
+        "process. Which columns are categorical and which are left out is decided here for all, from the "
+        "stream's first chunks, but every partition recognises numbers and timestamps in text by itself "
+        "and learns its own categories and fill values: the coresets are saved and judged encoded in "
+        "this process's feature space of the whole stream.",
     )
     parser.add_argument("--csv", help="stream this CSV file (with --target) instead of synthetic data")
     parser.add_argument("--target", help="the CSV column to predict; rows where it is missing or not a "
@@ -454,7 +671,12 @@ def parse(argv: Optional[Sequence[str]]) -> argparse.Namespace:
     parser.add_argument("--chunk-size", type=int, default=DEFAULTS["chunk_size"],
                         help="rows per chunk (default %(default)s)")
     parser.add_argument("--jobs", type=int, help="build chunks on N worker threads (N >= 2; see below "
-                        "for when it pays)")
+                        f"for when it pays); with --dask local, the number of worker processes (default "
+                        f"{DASK_LOCAL_WORKERS})")
+    parser.add_argument("--dask", metavar="local|ADDRESS",
+                        help="build the chunks on a Dask cluster: 'local' starts one on this machine, "
+                        "anything else is the address of a running scheduler (tcp://host:8786; "
+                        f"{CONNECT_TIMEOUT:g} s to answer); see below for what differs")
     parser.add_argument("--max-text-values", type=int, default=1000,
                         help="leave out a text column with more distinct values than this in its first "
                         "chunk (default %(default)s)")
@@ -492,6 +714,13 @@ def parse(argv: Optional[Sequence[str]]) -> argparse.Namespace:
         parser.error("--plot needs the comparison that --no-eval skips")
     if args.verbose and args.quiet:
         parser.error("--verbose and --quiet exclude each other")
+    if args.dask is not None:
+        if not args.dask.strip():
+            parser.error("--dask needs 'local' or the address of a scheduler")
+        if args.dask != "local" and args.jobs is not None:
+            parser.error("--jobs applies to --dask local only (a running scheduler has its own workers)")
+        if args.verbose:
+            parser.error("--verbose applies without --dask only (with it, chunks are built on the workers)")
     if args.out is not None and os.path.exists(args.out):
         if not os.path.isdir(args.out):
             parser.error(f"--out {args.out} is a file, not a folder")
@@ -515,21 +744,34 @@ def main(argv: Optional[Sequence[str]] = None) -> Dict[str, object]:
 
 
 def run(args: argparse.Namespace) -> Dict[str, object]:
-    started = time.perf_counter()
     source: Any
     if args.csv is not None:
         source = CsvSource(args.csv, args.target, args.batch_rows)
     else:
         source = SyntheticSource(args.rows, args.features, args.batch_rows, args.seed)
+    if args.dask is None:
+        return stream(args, source, None)
+    started = time.perf_counter()
+    client = connect_cluster(args)
+    try:
+        return stream(args, source, (client, time.perf_counter() - started))
+    finally:
+        client.close()
+
+
+def stream(args: argparse.Namespace, source: Any, cluster: Optional[Tuple[Any, float]]) -> Dict[str, object]:
+    """Stream the source into coresets, here or on the cluster, then save, judge and tell."""
+    started = time.perf_counter()
     jobs = args.jobs or 1
-    parallel = jobs > 1
+    parallel = cluster is None and jobs > 1
     fed_total = None if source.total_rows is None else source.total_rows - source.total_rows // HOLD_OUT_EVERY
+    encoding = {"max_categories": 100, "max_text_values": args.max_text_values}
     data_manager = DataManager(
         data_params=DataParams(features=[FeatureField(name) for name in source.names]),
         n_jobs=jobs if parallel else None,
         verbose=1 if args.verbose else 0,
         n_instances=fed_total,
-        cat_encoding_config={"max_categories": 100, "max_text_values": args.max_text_values},
+        cat_encoding_config=encoding,
     )
     params = [
         ChunkSensitivitiesParams(
@@ -539,20 +781,13 @@ def run(args: argparse.Namespace) -> Dict[str, object]:
         ChunkSensitivitiesParams(coreset_params={"dtype": "float64", "random_state": args.seed},
                                  coreset_cls=CoresetLinearRegression),
     ]
-    if parallel:
-        pool = ThreadPoolManager()
-        if pool.max_workers != jobs:
-            pool.shutdown()
-            ThreadPoolManager.configure(max_workers=jobs)
-    layer = StreamLayer(data_manager, params, args.chunk_size, Tree())
-    layer.target = args.target or "y"
-    collector = Collector()
     held_X: List[np.ndarray] = []
     held_y: List[np.ndarray] = []
     counts = {"read": 0, "held": 0, "held out": 0}
 
     bar = tqdm(total=source.total_rows, unit=" rows", unit_scale=True, file=sys.stderr,
-               disable=args.quiet, mininterval=0.5, dynamic_ncols=True, desc="streaming",
+               disable=args.quiet, mininterval=0.5, dynamic_ncols=True,
+               desc="streaming" if cluster is None else "reading and scattering",
                delay=PROGRESS_DELAY, leave=False)
 
     def batches() -> Iterator[Dataset]:
@@ -579,35 +814,27 @@ def run(args: argparse.Namespace) -> Dict[str, object]:
                 bar.total = max(counts["read"], int(counts["read"] / fraction))
             yield Dataset(ind[~held], X[~held], y[~held])
 
-    pool = ThreadPoolManager()
-    try:
-        for _ in layer.process(batches(), create_buffer=True, after_create_leaf_node=collector):
-            # Parallel mode: hold the reading back while 2 x jobs chunks wait or run, so memory stays
-            # bounded by the chunk size, not by the file.
-            while parallel and layer.failure is None and pool.pending_count() >= jobs:
-                time.sleep(0.005)
-            if layer.failure is not None:
-                break
-        if parallel:
-            try:
-                pool.wait_until_idle()
-            except TaskError as exc:
-                if layer.failure is not None:
-                    raise layer.failure from None
-                raise UserError(f"a chunk's callback failed: {one_line(exc)}") from None
-    finally:
-        bar.close()
-    if layer.failure is not None:
-        raise layer.failure
+    space = data_manager.feature_space
+    names = list(source.names)
+    features = names
+    details: Dict[str, object] = {}
+    if cluster is None:
+        collector = build_here(args, data_manager, params, batches(), bar, jobs, parallel)
+    else:
+        client, connect_seconds = cluster
+        collector, features, details = build_on_cluster(args, client, data_manager, params, encoding,
+                                                        batches(), bar, started)
+        started_up = "cluster start-up (s)" if args.dask == "local" else "connecting (s)"
+        details[started_up] = round(connect_seconds, 3)
     elapsed = time.perf_counter() - started
     if collector.rows_kept == 0:
         raise UserError("no row was kept: every row lacks a usable target or the input has too few rows")
 
-    space = data_manager.feature_space
-    names = space.feature_names
+    encoded_names = space.feature_names
     stored = [
         StoredCoreset(node_id=c.node_id, rows=c.rows, model=c.model, parameters=c.parameters,
-                      feature_names=names, X=space.transform(c.X_raw), y=c.y, weights=c.weights, ind=c.ind)
+                      feature_names=encoded_names, X=space.transform(widened(c.X_raw, features, names)),
+                      y=c.y, weights=c.weights, ind=c.ind, extra=c.extra)
         for c in collector.coresets
     ]
     if args.out is not None:
@@ -618,11 +845,19 @@ def run(args: argparse.Namespace) -> Dict[str, object]:
     }
     compression = {model: collector.rows_kept / rows if rows else float("nan")
                    for model, rows in coreset_rows.items()}
-    in_flight = 2 * jobs * args.chunk_size if parallel else 0
-    in_memory = args.batch_rows + args.chunk_size + args.batch_rows + in_flight
+    if cluster is None:
+        mode = f"parallel, {jobs} jobs" if parallel else "sequential"
+        in_flight = 2 * jobs * args.chunk_size if parallel else 0
+        in_memory = args.batch_rows + args.chunk_size + args.batch_rows + in_flight
+    else:
+        mode = str(details.pop("mode"))
+        # a batch being read, a partition being gathered, the client's chunk of the feature space and
+        # its last layer's buffer
+        in_memory = (args.batch_rows + PARTITION_CHUNKS * args.chunk_size + args.batch_rows
+                     + 2 * (args.chunk_size + args.batch_rows))
     summary: Dict[str, object] = {
         "input": args.csv if args.csv is not None else f"synthetic, {args.rows} x {args.features}",
-        "mode": f"parallel, {jobs} jobs" if parallel else "sequential",
+        "mode": mode,
         "rows read": counts["read"],
         "rows held out for evaluation": counts["held out"],
         "rows dropped (unusable target)": collector.rows_dropped,
@@ -630,19 +865,32 @@ def run(args: argparse.Namespace) -> Dict[str, object]:
         "malformed lines skipped": source.malformed_lines,
         "chunks": collector.nodes - (1 if collector.buffer_rows else 0),
         "rows in the buffer node": collector.buffer_rows,
-        "features (processed)": len(names),
+        "features (processed)": len(encoded_names),
         "coreset rows, k-means": coreset_rows["kmeans"],
         "coreset rows, linear regression": coreset_rows["linear_regression"],
         "compression, k-means": round(compression["kmeans"], 1),
         "compression, linear regression": round(compression["linear_regression"], 1),
         "time incl. reading (s)": round(elapsed, 3),
         "rows per second": int(counts["read"] / elapsed) if elapsed > 0 else 0,
-        "memory bound (rows held at once)": in_memory,
-        "peak memory (MB)": peak_memory_mb(),
+        **details,
+        "memory bound (rows held at once)" if cluster is None else "memory bound, client (rows at once)":
+            in_memory,
+        "peak memory (MB)" if cluster is None else "peak memory, client (MB)": peak_memory_mb(),
     }
     if args.out is not None:
         summary["coresets saved to"] = args.out
     notes = space.notes
+    if cluster is not None:
+        built = sorted({int(c.extra["features_when_built"]) for c in collector.coresets})
+        widths = f"{built[0]} to {built[-1]}" if len(built) > 1 else f"{built[0]}"
+        notes.append(
+            "on the cluster every partition, and the client's last layer, preprocessed its rows in a "
+            "feature space of its own: the categorical and left-out columns were fixed for all from the "
+            "stream's first chunks, but each recognised numbers and timestamps in text by itself and "
+            "learnt its own categories and fill values "
+            f"({widths} processed features when built). The coresets are saved and "
+            "judged encoded in the client's feature space of the whole stream (the figures above)."
+        )
 
     judgement = None
     if not args.no_eval:
@@ -677,9 +925,15 @@ def run(args: argparse.Namespace) -> Dict[str, object]:
     for key, value in summary.items():
         shown = f"{value:,}" if isinstance(value, int) and not isinstance(value, bool) else value
         print(f"  {key:<36} {shown}")
-    print(f"  Memory: about {in_memory:,} rows at once (a batch being read, the buffer of up to "
-          f"chunk + batch rows{', and up to 2 x jobs chunks waiting or built' if parallel else ''}), "
-          f"plus at most {MAX_HELD_OUT:,} held-out rows and the coresets; not the file.")
+    if cluster is None:
+        print(f"  Memory: about {in_memory:,} rows at once (a batch being read, the buffer of up to "
+              f"chunk + batch rows{', and up to 2 x jobs chunks waiting or built' if parallel else ''}), "
+              f"plus at most {MAX_HELD_OUT:,} held-out rows and the coresets; not the file.")
+    else:
+        print(f"  Memory: the client holds about {in_memory:,} rows at once (a batch being read, a partition "
+              "being gathered, a chunk of its feature space and its last layer's buffer), plus at most "
+              f"{MAX_HELD_OUT:,} held-out rows and the coresets; the cluster holds every row fed until "
+              "its leaves are built.")
     if judgement is not None:
         print("  Quality ratio: the coresets' model against the full data's (R² on held-out rows, coresets "
               "over full; k-means cost, full over coresets): 1.0 = as good, below 1 = worse.")
@@ -687,11 +941,115 @@ def run(args: argparse.Namespace) -> Dict[str, object]:
         print(f"  Note: {note}")
     if judgement is not None:
         print("  Coefficients (full data | coresets):")
-        for name, full, core in zip(names + ["(intercept, at the mean)"], judgement.lr_coefficients_full,
-                                    judgement.lr_coefficients_coreset):
+        for name, full, core in zip(encoded_names + ["(intercept, at the mean)"],
+                                    judgement.lr_coefficients_full, judgement.lr_coefficients_coreset):
             print(f"    {name[:34]:<34} {full:>12.5g} | {core:>12.5g}")
     summary["notes"] = notes
     return summary
+
+
+def build_here(args: argparse.Namespace, data_manager: DataManager, params: List[Any],
+               batches: Iterator[Dataset], bar: Any, jobs: int, parallel: bool) -> Collector:
+    """Stream the batches through a chunk layer in this process (on worker threads with --jobs)."""
+    if parallel:
+        pool = ThreadPoolManager()
+        if pool.max_workers != jobs:
+            pool.shutdown()
+            ThreadPoolManager.configure(max_workers=jobs)
+    layer = StreamLayer(data_manager, params, args.chunk_size, Tree())
+    layer.target = args.target or "y"
+    collector = Collector()
+    pool = ThreadPoolManager()
+    try:
+        for _ in layer.process(batches, create_buffer=True, after_create_leaf_node=collector):
+            # Parallel mode: hold the reading back while 2 x jobs chunks wait or run, so memory stays
+            # bounded by the chunk size, not by the file.
+            while parallel and layer.failure is None and pool.pending_count() >= jobs:
+                time.sleep(0.005)
+            if layer.failure is not None:
+                break
+        if parallel:
+            try:
+                pool.wait_until_idle()
+            except TaskError as exc:
+                if layer.failure is not None:
+                    raise layer.failure from None
+                raise UserError(f"a chunk's callback failed: {one_line(exc)}") from None
+    finally:
+        bar.close()
+    if layer.failure is not None:
+        raise layer.failure
+    return collector
+
+
+def build_on_cluster(args: argparse.Namespace, client: Any, data_manager: DataManager, params: List[Any],
+                     encoding: Dict[str, Any], batches: Iterator[Dataset], bar: Any,
+                     started: float) -> Tuple[Collector, List[str], Dict[str, object]]:
+    """Send the batches to the cluster as partitions, and build every leaf there.
+
+    Returns the collected leaves, the feature columns the workers used, and the summary's lines about
+    the cluster (workers, partitions, where the time went).
+    """
+    from quillmarsh.distributed import PartitionError, build_leaves, scatter_batches
+
+    names = [feature.name for feature in data_manager.data_params.features]
+    target = args.target or "y"
+    space = StreamSpace(data_manager, names, args.chunk_size)
+    partitions = Partitions(PARTITION_CHUNKS * args.chunk_size)
+
+    fed_rows = 0
+
+    def fed() -> Iterator[Dataset]:
+        nonlocal fed_rows
+        for dset in batches:
+            space.add(dset)
+            partitions.add(dset.ind)
+            fed_rows += len(dset.ind)
+            yield dset
+        partitions.close()
+        space.finish()
+
+    try:
+        parts = scatter_batches(client, fed(), names, target=target, rows_per_partition=partitions.rows)
+    finally:
+        bar.close()
+    loaded = time.perf_counter()
+    n_parts = len(parts)
+    if not parts:
+        raise UserError("no row was fed to the cluster: the input has too few rows")
+    settings, features = worker_settings(data_manager.feature_space, names, encoding)
+    try:
+        result = build_leaves(parts, target, settings, params, args.chunk_size, client=client,
+                              n_rows=fed_rows, progress=not args.quiet)
+    except PartitionError as exc:
+        number = exc.partition
+        rows = (f" (sample indices {partitions.ranges[number][0]} to {partitions.ranges[number][1]})"
+                if number < len(partitions.ranges) else "")
+        raise UserError(f"partition #{number + 1} of {n_parts}{rows} failed on its worker: "
+                        f"{type(exc.error).__name__}: {one_line(exc.error)}") from None
+    except OSError as exc:  # Dask's closed connections and timeouts are OSErrors
+        raise UserError(f"--dask {args.dask}: the connection to the cluster failed: {type(exc).__name__}: "
+                        f"{one_line(exc)}") from None
+    except Exception as exc:  # the client's last layer, which drains the rows the partitions left over
+        raise UserError(f"the client's last layer (the rows the partitions left over) could not be built: "
+                        f"{type(exc).__name__}: {one_line(exc)}") from None
+    finally:
+        del parts
+    workers = len(client.scheduler_info().get("workers", {}))
+    plural = "" if workers == 1 else "es"
+    where = f"local cluster of {workers} worker process{plural}" if args.dask == "local" else \
+        f"scheduler {args.dask}, {workers} worker{plural[1:]}"
+    details: Dict[str, object] = {
+        "mode": f"Dask, {where}",
+        "workers": workers,
+        "partitions": n_parts,
+        "time reading and scattering (s)": round(loaded - started, 3),
+        "  of which learning the features (s)": round(space.seconds, 3),
+        "time building on the cluster (s)": round(result.wall_seconds - result.tail_seconds, 3),
+        "time on the workers, summed (s)": round(sum(p.seconds for p in result.partitions), 3),
+        "time in the client's last layer (s)": round(result.tail_seconds, 3),
+    }
+    return collect_leaves(result.leaves), features, details
 
 
 def summary_ratio(judgement: Judgement, model: str) -> str:

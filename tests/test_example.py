@@ -1,6 +1,7 @@
 """The main job, end to end: streaming a dirty table into coresets, saving them, judging them, and
 telling the user in one line what is wrong with their input."""
 
+import contextlib
 import subprocess
 import sys
 from pathlib import Path
@@ -221,3 +222,186 @@ def test_command_line_runs_from_a_fresh_process(tmp_path):
     )
     assert failed.returncode == 1 and "Traceback" not in failed.stderr
     assert failed.stderr.strip().count("\n") == 0 and "no such file" in failed.stderr
+
+
+# Cluster mode (--dask): the same job, its chunks built on the worker processes of a Dask cluster.
+
+
+def free_local_port() -> int:
+    import socket
+
+    with socket.socket() as sock:
+        sock.bind(("127.0.0.1", 0))
+        return sock.getsockname()[1]
+
+
+SCHEDULER = """
+import logging, sys
+from distributed import LocalCluster
+with LocalCluster(n_workers=int(sys.argv[1]), threads_per_worker=1, processes=False, protocol="tcp",
+                  host="127.0.0.1", dashboard_address=None, silence_logs=logging.CRITICAL) as cluster:
+    print(cluster.scheduler_address, flush=True)
+    sys.stdin.read()
+"""
+
+
+@contextlib.contextmanager
+def running_scheduler(workers):
+    """A scheduler (with ``workers`` worker threads) in a process of its own, as a user would have one."""
+    pytest.importorskip("distributed")
+    process = subprocess.Popen([sys.executable, "-W", "ignore", "-c", SCHEDULER, str(workers)],
+                               stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True)
+    try:
+        address = process.stdout.readline().strip()
+        assert address.startswith("tcp://127.0.0.1:"), address
+        yield address
+    finally:
+        process.stdin.close()
+        try:
+            process.wait(timeout=60)
+        except subprocess.TimeoutExpired:
+            process.kill()
+            process.wait()
+
+
+@pytest.fixture(scope="module")
+def scheduler():
+    """The address of a running scheduler with one worker, for --dask ADDRESS."""
+    with running_scheduler(1) as address:
+        yield address
+
+
+def nodes_of(loaded):
+    """Each node's rows and its coresets' sample indices, by model, from a saved folder."""
+    nodes = {}
+    for coreset in loaded:
+        nodes.setdefault(coreset.node_id, {})[coreset.model] = coreset
+    return nodes
+
+
+def test_cluster_run_cuts_the_chunks_of_one_process_and_saves_every_leaf_once(example, tmp_path):
+    pytest.importorskip("distributed")
+    expected = write_dirty_csv(tmp_path / "dirty.csv")
+    argv = ["--csv", str(tmp_path / "dirty.csv"), *DIRTY_ARGS]
+    alone = example.main(argv + ["--no-eval", "--out", str(tmp_path / "alone")])
+    summary = example.main(argv + ["--dask", "local", "--jobs", "2", "--out", str(tmp_path / "cluster"),
+                                   "--plot", str(tmp_path / "quality.png")])
+    assert summary["mode"] == "Dask, local cluster of 2 worker processes" and summary["workers"] == 2
+    assert summary["partitions"] == 2  # 1,080 rows fed, in partitions of at least 4 x 200
+    for key in ("rows read", "rows held out for evaluation", "rows dropped (unusable target)", "rows kept",
+                "chunks", "rows in the buffer node", "features (processed)"):
+        assert summary[key] == alone[key], key
+    assert summary["rows kept"] == expected["kept"] and summary["chunks"] == 5
+    assert summary["rows in the buffer node"] == 80
+    # the time is split into reading (and scattering), waiting for the cluster and the last layer here
+    split = [summary[key] for key in ("time reading and scattering (s)", "time building on the cluster (s)",
+                                      "time in the client's last layer (s)")]
+    assert min(split) >= 0 and sum(split) <= summary["time incl. reading (s)"] + 0.01
+    assert summary["time on the workers, summed (s)"] > 0
+    assert any("feature space of its own" in note for note in summary["notes"])
+    # the comparison is made in one feature space, as in one process
+    assert summary["linear regression quality ratio"] > 0.9
+    assert 0.5 < summary["k-means quality ratio"] <= 1.0 + 1e-9
+    assert (tmp_path / "quality.png").stat().st_size > 0
+
+    alone_nodes = nodes_of(load_coresets(tmp_path / "alone"))
+    cluster_nodes = nodes_of(load_coresets(tmp_path / "cluster"))
+    assert len(cluster_nodes) == len(alone_nodes) == 6  # five chunks and the buffer node
+    # as cut, every chunk holds 200 rows and the buffer node 80, as in one process; the rows kept (those
+    # with a usable target) add up to the same
+    assert sorted(n["kmeans"].extra["chunk_rows"] for n in cluster_nodes.values()) == [80] + [200] * 5
+    for nodes in (alone_nodes, cluster_nodes):
+        for model in ("kmeans", "linear_regression"):
+            assert sum(n[model].rows for n in nodes.values()) == expected["kept"]
+    # every leaf's coresets hold its own rows: no sample index is chosen by two leaves
+    for model in ("kmeans", "linear_regression"):
+        chosen = np.concatenate([n[model].ind for n in cluster_nodes.values()])
+        assert len(np.unique(chosen)) == len(chosen)
+        assert not (chosen % 10 == 9).any()  # held-out rows never reach the cluster
+    # where each leaf was built: a partition's worker, or the client's last layer (the buffer node)
+    places = [n["kmeans"].extra["partition"] for n in cluster_nodes.values()]
+    assert set(places) <= {1, 2, "client"} and "client" in places
+    names = next(iter(cluster_nodes.values()))["kmeans"].feature_names
+    assert names[:2] == ["size", "when"] and "colour=violet" in names
+    for node in cluster_nodes.values():
+        for coreset in node.values():
+            assert coreset.feature_names == names and np.isfinite(coreset.X).all()
+
+
+def test_cluster_run_on_a_running_scheduler(example, scheduler, tmp_path):
+    argv = ["--rows", "2350", "--batch-rows", "700", "--chunk-size", "500", "--features", "4", "--quiet"]
+    alone = example.main(argv + ["--no-eval"])
+    summary = example.main(argv + ["--dask", scheduler, "--no-eval", "--out", str(tmp_path)])
+    assert summary["mode"] == f"Dask, scheduler {scheduler}, 1 worker" and summary["workers"] == 1
+    assert summary["chunks"] == alone["chunks"] == 4
+    assert summary["rows in the buffer node"] == alone["rows in the buffer node"] == 115
+    assert summary["partitions"] == 1  # 2,115 rows fed: fewer than 4 chunks' worth after the first 3 batches
+    saved = load_coresets(tmp_path)
+    assert sum(c.rows for c in saved if c.model == "linear_regression") == 2115
+
+
+def test_a_failing_partition_is_named_with_the_workers_error(example, scheduler, tmp_path, capsys):
+    rows = 1000
+    y = np.arange(rows, dtype=float)
+    y[200:400] = np.nan  # the second chunk of the first partition has no usable target
+    pd.DataFrame({"a": np.arange(rows) * 0.5, "y": y}).to_csv(tmp_path / "t.csv", index=False)
+    line = run_failing(example, capsys, ["--csv", str(tmp_path / "t.csv"), "--target", "y", "--chunk-size",
+                                         "180", "--batch-rows", "100", "--quiet", "--dask", scheduler])
+    assert line.startswith("stream_chunks.py: error: partition #1 of 2 (sample indices 0 to 798) failed on "
+                           "its worker: ValueError: ")
+
+
+def test_an_unreachable_scheduler_is_told_after_a_bounded_wait(example, capsys, monkeypatch):
+    pytest.importorskip("distributed")
+    monkeypatch.setattr(example, "CONNECT_TIMEOUT", 1.0)
+    address = f"tcp://127.0.0.1:{free_local_port()}"  # nothing listens there
+    line = run_failing(example, capsys, ["--rows", "1000", "--quiet", "--dask", address])
+    assert f"--dask {address}: no scheduler answered within 1 s" in line
+    line = run_failing(example, capsys, ["--rows", "1000", "--quiet", "--dask", "nowhere://x"])
+    assert "--dask nowhere://x: not a scheduler address" in line
+
+
+def test_a_scheduler_without_workers_is_told_after_a_bounded_wait(example, capsys, monkeypatch):
+    monkeypatch.setattr(example, "CONNECT_TIMEOUT", 1.0)
+    with running_scheduler(0) as address:
+        line = run_failing(example, capsys, ["--rows", "1000", "--quiet", "--dask", address])
+    assert f"--dask {address}: the scheduler has no worker (waited 1 s)" in line
+
+
+@pytest.mark.parametrize(
+    "argv, message",
+    [
+        (["--dask", ""], "--dask needs 'local' or the address"),
+        (["--dask", "tcp://127.0.0.1:8786", "--jobs", "2"], "--jobs applies to --dask local only"),
+        (["--dask", "local", "--verbose"], "--verbose applies without --dask only"),
+        (["--dask", "local", "--jobs", "0"], "--jobs must be a positive"),
+    ],
+)
+def test_options_that_do_not_apply_to_a_cluster_give_one_line(example, capsys, argv, message):
+    assert message in run_failing(example, capsys, argv)
+
+
+def test_cluster_errors_are_one_line_from_a_fresh_process(tmp_path):
+    pytest.importorskip("distributed")
+    rows = 600
+    y = np.arange(rows, dtype=float)
+    y[:150] = np.nan  # the first chunk has no usable target
+    pd.DataFrame({"a": np.arange(rows) * 0.5, "y": y}).to_csv(tmp_path / "t.csv", index=False)
+    failed = subprocess.run(
+        [sys.executable, str(EXAMPLE), "--csv", str(tmp_path / "t.csv"), "--target", "y", "--chunk-size",
+         "100", "--quiet", "--dask", "local", "--jobs", "1"],
+        capture_output=True, text=True, timeout=120,
+    )
+    assert failed.returncode == 1, failed.stderr
+    assert failed.stderr.strip().count("\n") == 0, failed.stderr  # no worker log, no traceback
+    assert "partition #1 of 1 (sample indices 0 to 598) failed on its worker" in failed.stderr
+
+
+def test_a_failing_last_layer_on_the_client_gives_one_line(example, scheduler, tmp_path, capsys):
+    rows = 1000
+    y = np.arange(rows, dtype=float)
+    y[860:] = np.nan  # the rows left over after the last full chunk have no usable target
+    pd.DataFrame({"a": np.arange(rows) * 0.5, "y": y}).to_csv(tmp_path / "t.csv", index=False)
+    line = run_failing(example, capsys, ["--csv", str(tmp_path / "t.csv"), "--target", "y", "--chunk-size",
+                                         "200", "--quiet", "--no-eval", "--dask", scheduler])
+    assert "the client's last layer (the rows the partitions left over) could not be built" in line

@@ -81,6 +81,9 @@ class Leaf:
     - ``samples``: per coreset, the rows it selected as a ``Dataset`` (``ind``, ``X`` and ``y`` of the
       node's dataset after preprocessing, ``sample_weight`` the coreset's weights), or None when the
       coreset was computed on other rows than the node kept (a later preprocessing pass dropped more).
+      Preprocessing drops rows and turns the target into numbers, but leaves ``X`` as it came: its
+      feature columns, unencoded (text stays text, missing values stay missing), because each worker
+      encodes in a feature space of its own; encode the rows in one space before fitting on them.
     - ``partition``: the number of the partition it was cut from, or None for a leaf of the client's last
       layer (built from the rows the partitions left over).
     """
@@ -166,8 +169,10 @@ class LeafBuild:
     def coreset_samples(self, position: int = 0) -> Dataset:
         """The union, over all leaves, of the rows selected by the coreset at ``position`` of each leaf.
 
-        A ``Dataset`` of ``ind``, ``X``, ``y`` (None when the stream had no target) and ``sample_weight``,
-        ready for fitting a weighted model. Raises ``ValueError`` if a leaf has no samples for it.
+        A ``Dataset`` of ``ind``, ``X``, ``y`` (None when the stream had no target) and ``sample_weight``;
+        ``X`` holds the feature columns unencoded (see ``Leaf``), so numeric rows without missing values
+        are ready for fitting a weighted model, others need encoding first. Raises ``ValueError`` if a
+        leaf has no samples for it.
         """
         parts = []
         for leaf in self.leaves:
