@@ -84,15 +84,15 @@ def self_costs(path: Path) -> Dict[str, int]:
     current = ""
     after_call = False
 
-    def name_of(spec: str) -> str:
+    def name_of(entry: str) -> str:
         # "(12) name" defines a compressed name, "(12)" refers to one.
-        if spec.startswith("("):
-            key, _, rest = spec.partition(")")
+        if entry.startswith("("):
+            key, _, rest = entry.partition(")")
             rest = rest.strip()
             if rest:
                 names[key] = rest
-            return names.get(key, spec)
-        return spec
+            return names.get(key, entry)
+        return entry
 
     for line in path.read_text(errors="replace").splitlines():
         if line.startswith("fn="):

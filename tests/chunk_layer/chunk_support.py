@@ -117,6 +117,19 @@ class FakeNode:
         return self
 
 
+class InertNode:
+    """Stands in for ChunkNode: keeps the chunk and the id it was given, builds nothing, and, unlike
+    FakeNode, is remembered nowhere (so it never keeps a layer alive)."""
+
+    def __init__(self, dset: Any = None, params: Any = None, node_id: Any = None,
+                 data_manager: Any = None) -> None:
+        self.dset = dset
+        self.node_id = node_id
+
+    def build(self) -> InertNode:
+        return self
+
+
 def patch_node_class(monkeypatch) -> type:
     """Replaces the module's `ChunkNode` by a fresh recording `FakeNode` class."""
 

@@ -10,7 +10,7 @@ from typing import Any, Callable, Iterator, List
 import pytest
 from quillmarsh.core.tree.chunk_layer import ChunkLayer, ChunkSensitivitiesParams
 
-from chunk_support import RecordingDataManager, RecordingParent, make_dataset
+from chunk_support import InertNode, RecordingDataManager, RecordingParent, make_dataset
 from quillmarsh.core.tree import chunk_layer
 from quillmarsh.data.common import Dataset
 
@@ -50,21 +50,9 @@ def assert_collected(refs: List[weakref.ref]) -> None:
     assert [ref() for ref in refs] == [None] * len(refs)
 
 
-class CheapNode:
-    """Stands in for ChunkNode: keeps what it is given, builds nothing, and is remembered nowhere."""
-
-    def __init__(self, dset: Any = None, params: Any = None, node_id: Any = None,
-                 data_manager: Any = None) -> None:
-        self.dset = dset
-        self.node_id = node_id
-
-    def build(self) -> CheapNode:
-        return self
-
-
 @pytest.fixture(autouse=True)
 def cheap_nodes(monkeypatch) -> None:
-    monkeypatch.setattr(chunk_layer, "ChunkNode", CheapNode)
+    monkeypatch.setattr(chunk_layer, "ChunkNode", InertNode)
 
 
 @pytest.mark.parametrize("start", GENERATORS)

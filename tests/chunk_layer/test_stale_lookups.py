@@ -8,7 +8,7 @@ from typing import Any, List
 import pytest
 from quillmarsh.core.tree.chunk_layer import ChunkLayer
 
-from chunk_support import RecordingDataManager, RecordingParent, make_dataset, rows_of
+from chunk_support import InertNode, RecordingDataManager, RecordingParent, make_dataset, rows_of
 from quillmarsh.core.tree import chunk_layer
 
 
@@ -16,18 +16,9 @@ def make_layer(cls: type = ChunkLayer, chunk_size: int = 4) -> Any:
     return cls(RecordingDataManager(), [], chunk_size, RecordingParent())
 
 
-class FakeNode:
-    def __init__(self, dset: Any = None, params: Any = None, node_id: Any = None,
-                 data_manager: Any = None) -> None:
-        self.dset = dset
-
-    def build(self) -> FakeNode:
-        return self
-
-
 @pytest.fixture(autouse=True)
 def cheap_nodes(monkeypatch) -> None:
-    monkeypatch.setattr(chunk_layer, "ChunkNode", FakeNode)
+    monkeypatch.setattr(chunk_layer, "ChunkNode", InertNode)
 
 
 @pytest.mark.parametrize("write", ["setattr", "vars", "replaced dict", "dict update"])

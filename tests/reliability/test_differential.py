@@ -22,6 +22,7 @@ import pytest
 from hypothesis import HealthCheck, given, settings
 from hypothesis import strategies as st
 
+from chunk_support import InertNode
 from quillmarsh.core.tree import chunk_layer
 from quillmarsh.data.common import Dataset
 
@@ -32,18 +33,6 @@ settings.register_profile("suite", max_examples=60, deadline=None,
                           suppress_health_check=[HealthCheck.too_slow, HealthCheck.data_too_large])
 settings.register_profile("stress", max_examples=1500, deadline=None,
                           suppress_health_check=[HealthCheck.too_slow, HealthCheck.data_too_large])
-
-
-class Node:
-    """Stands in for ChunkNode in both implementations: keeps what it was given, builds nothing."""
-
-    def __init__(self, dset: Any = None, params: Any = None, node_id: Any = None,
-                 data_manager: Any = None) -> None:
-        self.dset = dset
-        self.node_id = node_id
-
-    def build(self) -> Node:
-        return self
 
 
 class Manager:
@@ -71,7 +60,7 @@ class Parent:
 @pytest.fixture(autouse=True)
 def same_collaborators(monkeypatch) -> None:
     for module in (chunk_layer, transcription):
-        monkeypatch.setattr(module, "ChunkNode", Node)
+        monkeypatch.setattr(module, "ChunkNode", InertNode)
 
 
 # ---- odd data -----------------------------------------------------------------------------------
@@ -167,7 +156,7 @@ def describe(value: Any) -> Any:
         return ("array", value.dtype.str, value.shape, repr(value.tolist()))
     if isinstance(value, pd.DataFrame):
         return ("frame", repr(value.to_numpy().tolist()))
-    if isinstance(value, Node):
+    if isinstance(value, InertNode):
         return ("node", describe(value.dset), value.node_id)
     if isinstance(value, Dataset):
         return ("record",) + tuple(describe(field) for field in value)
