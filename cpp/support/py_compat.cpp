@@ -19,10 +19,6 @@ namespace {
 
 constexpr const char* kWhere = " while calling a Python object";
 
-#if PY_VERSION_HEX >= 0x030C0000
-thread_local int module_call_depth = 0;
-#endif
-
 // The stack left below which a call into the module is refused, whatever the recursion limit: a
 // quarter of the thread's stack, at most 256 KiB (1 MiB in sanitizer builds, whose frames are
 // larger). One more level of the module, the interpreter frames between two of its calls included,
@@ -33,54 +29,55 @@ constexpr std::size_t kMaxStackReserve = 1 << 20;
 constexpr std::size_t kMaxStackReserve = 256 << 10;
 #endif
 
-// The calling thread's stack: its lowest address (null when unknown) and the reserve kept above it,
-// found once per thread.
-thread_local const char* stack_low = nullptr;
-thread_local std::size_t stack_reserve = 0;
-thread_local bool stack_low_known = false;
+// One record per thread, so that a call reaches thread-local storage once.
+thread_local ThreadCalls thread_calls;
 
-bool stack_nearly_exhausted() noexcept {
-    if (!stack_low_known) {
-        stack_low_known = true;
-        pthread_attr_t attributes;
-        if (pthread_getattr_np(pthread_self(), &attributes) == 0) {
-            void* low = nullptr;
-            std::size_t size = 0;
-            if (pthread_attr_getstack(&attributes, &low, &size) == 0) {
-                stack_low = static_cast<const char*>(low);
-                stack_reserve = size / 4 < kMaxStackReserve ? size / 4 : kMaxStackReserve;
-            }
-            pthread_attr_destroy(&attributes);
-        }
+void find_stack(ThreadCalls& calls) noexcept {
+    calls.stack_known = true;
+    pthread_attr_t attributes;
+    if (pthread_getattr_np(pthread_self(), &attributes) != 0) return;
+    void* low = nullptr;
+    std::size_t size = 0;
+    if (pthread_attr_getstack(&attributes, &low, &size) == 0) {
+        calls.stack_low = static_cast<const char*>(low);
+        calls.stack_reserve = size / 4 < kMaxStackReserve ? size / 4 : kMaxStackReserve;
     }
+    pthread_attr_destroy(&attributes);
+}
+
+bool stack_nearly_exhausted(ThreadCalls& calls) noexcept {
+    if (!calls.stack_known) [[unlikely]]
+        find_stack(calls);
     const char here = 0;
-    return stack_low != nullptr && static_cast<std::size_t>(&here - stack_low) < stack_reserve;
+    return calls.stack_low != nullptr &&
+           static_cast<std::size_t>(&here - calls.stack_low) < calls.stack_reserve;
 }
 
 }  // namespace
 
-bool enter_recursive_call() noexcept {
-    if (stack_nearly_exhausted()) [[unlikely]] {
+ThreadCalls* enter_recursive_call() noexcept {
+    ThreadCalls& calls = thread_calls;
+    if (stack_nearly_exhausted(calls)) [[unlikely]] {
         PyErr_Format(PyExc_RecursionError, "maximum recursion depth exceeded%s", kWhere);
-        return false;
+        return nullptr;
     }
-    if (Py_EnterRecursiveCall(kWhere) != 0) return false;
+    if (Py_EnterRecursiveCall(kWhere) != 0) return nullptr;
 #if PY_VERSION_HEX >= 0x030C0000
-    if (++module_call_depth > Py_GetRecursionLimit()) {
-        --module_call_depth;
+    if (++calls.depth > Py_GetRecursionLimit()) [[unlikely]] {
+        --calls.depth;
         Py_LeaveRecursiveCall();
         PyErr_Format(PyExc_RecursionError, "maximum recursion depth exceeded%s", kWhere);
-        return false;
+        return nullptr;
     }
 #endif
-    return true;
+    return &calls;
 }
 
-void leave_recursive_call() noexcept {
+void leave_recursive_call([[maybe_unused]] ThreadCalls& calls) noexcept {
     if (interpreter_finalizing() && !thread_holds_gil()) [[unlikely]]
         return;
 #if PY_VERSION_HEX >= 0x030C0000
-    --module_call_depth;
+    --calls.depth;
 #endif
     Py_LeaveRecursiveCall();
 }

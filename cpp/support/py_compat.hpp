@@ -9,6 +9,8 @@
 #define PY_SSIZE_T_CLEAN
 #include <Python.h>
 
+#include <cstddef>
+
 namespace py::compat {
 
 // True once the interpreter has begun to finalise. From then on a thread that is not holding the
@@ -26,17 +28,27 @@ inline bool thread_holds_gil() noexcept {
     return PyGILState_Check() != 0;
 }
 
-// One more level of the interpreter's recursion count, for a call into the module; false, with
-// RecursionError set, past the limit. Up to 3.11 the count that Python functions use also guards
-// C calls. From 3.12 on Python calls have a count of their own, which extensions cannot reach, so
-// the module's calls are also counted per thread against sys.getrecursionlimit(). On every version
-// a call is also refused when the thread's stack is nearly used up, as it can be on a thread with
-// a small stack long before the limit.
-bool enter_recursive_call() noexcept;
+// What the module keeps per thread to count its calls: where the thread's stack ends, and from
+// 3.12 on its own depth of calls.
+struct ThreadCalls {
+    const char* stack_low = nullptr;  // the stack's lowest address; null when unknown
+    std::size_t stack_reserve = 0;    // the stack left below which a call is refused
+    bool stack_known = false;         // the two above have been looked up
+    int depth = 0;                    // calls into the module now running (3.12 and later)
+};
+
+// One more level of the interpreter's recursion count, for a call into the module; null, with
+// RecursionError set, past the limit, else the thread's record, for leave_recursive_call. Up to
+// 3.11 the count that Python functions use also guards C calls. From 3.12 on Python calls have a
+// count of their own, which extensions cannot reach, so the module's calls are also counted per
+// thread against sys.getrecursionlimit(). On every version a call is also refused when the
+// thread's stack is nearly used up, as it can be on a thread with a small stack long before the
+// limit.
+ThreadCalls* enter_recursive_call() noexcept;
 
 // Leaves the level entered by a successful enter_recursive_call(); not when the thread is ended
 // without the interpreter lock (its thread state is gone with it).
-void leave_recursive_call() noexcept;
+void leave_recursive_call(ThreadCalls& calls) noexcept;
 
 // What the interpreter names a callable in its call errors: "module.qualname()", or
 // "qualname()" for builtins, as in "f() argument after * must be an iterable, not int".

@@ -8,9 +8,6 @@
 namespace py {
 namespace {
 
-// No callable of the module takes more parameters than this.
-constexpr std::size_t kMaxParameters = 8;
-
 const KeywordNames kCodeFields{"co_argcount", "co_nlocals", "co_varnames", "co_flags"};
 const Str kReplace{"replace"};
 
@@ -102,12 +99,28 @@ Py_ssize_t parameter_index(PyObject* names, PyObject* key) {
     return -1;
 }
 
+// The value of the keyword argument named `name`, or null. Keyword names are interned str in
+// nearly every call, so they are matched by identity first, and compared as strings only when no
+// identical name is found.
+PyObject* keyword_value(const Keywords& keywords, PyObject* name) {
+    for (Py_ssize_t k = 0; k < keywords.count; ++k) {
+        if (keywords.names[k] == name) return keywords.values[k];
+    }
+    for (Py_ssize_t k = 0; k < keywords.count; ++k) {
+        PyObject* key = keywords.names[k];
+        if (PyUnicode_Check(key) && PyUnicode_Compare(key, name) == 0) return keywords.values[k];
+    }
+    return nullptr;
+}
+
 // Binds positional and keyword arguments to the parameters. Errors are checked in this order: too
 // many positionals; then each parameter not given by position, in order (a missing required one
 // is reported with the number of arguments before it); then the keywords that matched nothing,
-// name a parameter given by position, or are not strings.
-void bind(const FunctionObject& function, PyObject* const* positional, Py_ssize_t given,
-          const Keywords& keywords, std::array<PyObject*, kMaxParameters>& values) {
+// name a parameter given by position, or are not strings. Returns the defaults tuple when a value
+// was taken from it (the caller keeps it alive: __defaults__ may be replaced while the body
+// runs), else null.
+PyObject* bind(const FunctionObject& function, PyObject* const* positional, Py_ssize_t given,
+               const Keywords& keywords, std::array<PyObject*, kMaxParameters>& values) {
     const FunctionDef& definition = *function.fields.definition;
     PyObject* defaults = function.fields.defaults.get();
     const auto total = static_cast<Py_ssize_t>(definition.parameters.size());
@@ -117,21 +130,19 @@ void bind(const FunctionObject& function, PyObject* const* positional, Py_ssize_
     if (given > total) raise_count(definition, required, given);
     for (Py_ssize_t i = 0; i < given; ++i) values[i] = positional[i];
 
+    PyObject* defaults_used = nullptr;
     Py_ssize_t unused_keywords = keywords.count;
     for (Py_ssize_t i = given; i < total; ++i) {
-        PyObject* name = PyTuple_GET_ITEM(definition.names, i);
-        values[i] = nullptr;
-        for (Py_ssize_t k = 0; k < keywords.count && values[i] == nullptr; ++k) {
-            PyObject* key = keywords.names[k];
-            if (key == name || (PyUnicode_Check(key) && PyUnicode_Compare(key, name) == 0)) {
-                values[i] = keywords.values[k];
-                --unused_keywords;
-            }
+        values[i] = unused_keywords > 0
+                        ? keyword_value(keywords, PyTuple_GET_ITEM(definition.names, i))
+                        : nullptr;
+        if (values[i] != nullptr) {
+            --unused_keywords;
+            continue;
         }
-        if (values[i] == nullptr) {
-            if (i < required) raise_count(definition, required, i);
-            values[i] = PyTuple_GET_ITEM(defaults, i - required);
-        }
+        if (i < required) raise_count(definition, required, i);
+        values[i] = PyTuple_GET_ITEM(defaults, i - required);
+        defaults_used = defaults;
     }
 
     if (unused_keywords > 0) {
@@ -150,20 +161,25 @@ void bind(const FunctionObject& function, PyObject* const* positional, Py_ssize_
                   key);
         }
     }
+    return defaults_used;
 }
 
 PyObject* run(PyObject* self, PyObject* const* positional, Py_ssize_t given,
               const Keywords& keywords) {
     return guard([&] {
         const RecursionLevel level;
-        FunctionObject& function = *as_function(self);
-        // The defaults tuple may be replaced through __defaults__ while the body runs.
-        Ref defaults_in_use = function.fields.defaults;
-        std::array<PyObject*, kMaxParameters> values{};
-        bind(function, positional, given, keywords, values);
-        Call call{self, function.fields.globals.get(), function.fields.closure.get(),
-                  values.data()};
-        return function.fields.definition->body(call);
+        const FunctionObject& function = *as_function(self);
+        const FunctionDef& definition = *function.fields.definition;
+        Call call{self, function.fields.globals.get(), function.fields.closure.get(), positional};
+        // Every argument by position, the common call: the body reads them where they are.
+        if (keywords.count == 0 && given == static_cast<Py_ssize_t>(definition.parameters.size())) {
+            return definition.body(call);
+        }
+        std::array<PyObject*, kMaxParameters> values;
+        const Ref defaults_in_use =
+            Ref::borrow(bind(function, positional, given, keywords, values));
+        call.args = values.data();
+        return definition.body(call);
     });
 }
 

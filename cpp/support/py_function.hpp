@@ -12,6 +12,9 @@
 
 namespace py {
 
+// No callable of the module takes more parameters than this.
+inline constexpr std::size_t kMaxParameters = 8;
+
 // The default value of a parameter; the module's signatures need no others.
 enum class Default { required, none, true_value, false_value };
 

@@ -4,6 +4,7 @@
 // into RuntimeError; close() throwing GeneratorExit into a suspended body.
 #include "support/py_generator.hpp"
 
+#include <array>
 #include <new>
 #include <optional>
 #include <stdexcept>
@@ -40,7 +41,8 @@ struct GeneratorObject {
         Ref function;
         Ref globals;
         Ref closure;
-        Ref arguments;  // tuple: the call's arguments, which `call` points into
+        std::array<Ref, kMaxParameters> arguments;                // the call's, owned here
+        std::array<PyObject*, kMaxParameters> argument_pointers;  // what `call` reads them from
         Call call;
         Ref name;
         Ref qualname;
@@ -55,10 +57,15 @@ GeneratorObject* as_generator(PyObject* object) {
 }
 
 // Destroys the coroutine frame. Its locals are released here, which may run arbitrary code, so
-// the frame is detached first and a pending error is kept aside meanwhile.
+// the frame is detached first and a pending error is kept aside meanwhile. A body that never ran
+// holds nothing of Python's yet: its frame is only freed.
 void finish(GeneratorObject& generator) {
     Coroutine::Handle body = std::exchange(generator.fields.body, {});
     if (!body) return;
+    if (!generator.fields.started) {
+        body.destroy();
+        return;
+    }
     const compat::PendingError pending;
     body.destroy();
 }
@@ -201,9 +208,11 @@ PyObject* generator_close(PyObject* self, PyObject*) {
     return close_generator(*as_generator(self));
 }
 
-// A generator dropped while suspended is closed first, as Python's are.
+// A generator dropped while suspended is closed first, as Python's are. One that never started
+// has nothing to close: closing it would run none of its body.
 void generator_finalize(PyObject* self) {
     GeneratorObject& generator = *as_generator(self);
+    if (!generator.fields.started) finish(generator);
     if (!generator.fields.body) return;
     const compat::PendingError pending;
     if (Ref result = Ref::steal_or_null(close_generator(generator)); !result) {
@@ -214,10 +223,11 @@ void generator_finalize(PyObject* self) {
 
 int generator_traverse(PyObject* self, visitproc visit, void* arg) {
     auto& fields = as_generator(self)->fields;
-    for (const Ref* ref : {&fields.function, &fields.globals, &fields.closure, &fields.arguments,
-                           &fields.name, &fields.qualname}) {
+    for (const Ref* ref :
+         {&fields.function, &fields.globals, &fields.closure, &fields.name, &fields.qualname}) {
         Py_VISIT(ref->get());
     }
+    for (const Ref& argument : fields.arguments) Py_VISIT(argument.get());
     return Held::traverse(fields.held, visit, arg);
 }
 
@@ -225,10 +235,11 @@ int generator_clear(PyObject* self) {
     GeneratorObject& generator = *as_generator(self);
     finish(generator);  // the frame borrows the arguments: it goes first
     auto& fields = generator.fields;
-    for (Ref* ref : {&fields.function, &fields.globals, &fields.closure, &fields.arguments,
-                     &fields.name, &fields.qualname}) {
+    for (Ref* ref :
+         {&fields.function, &fields.globals, &fields.closure, &fields.name, &fields.qualname}) {
         *ref = Ref();
     }
+    for (Ref& argument : fields.arguments) argument = Ref();
     return 0;
 }
 
@@ -236,10 +247,12 @@ void generator_dealloc(PyObject* self) {
     GeneratorObject* generator = as_generator(self);
     PyObject_GC_UnTrack(self);
     if (generator->weakrefs != nullptr) PyObject_ClearWeakRefs(self);
-    // The finalizer may run Python code, so the object is tracked again while it runs.
-    PyObject_GC_Track(self);
-    if (PyObject_CallFinalizerFromDealloc(self) < 0) return;  // resurrected by its finalizer
-    PyObject_GC_UnTrack(self);
+    if (generator->fields.started && generator->fields.body) {
+        // The finalizer may run Python code, so the object is tracked again while it runs.
+        PyObject_GC_Track(self);
+        if (PyObject_CallFinalizerFromDealloc(self) < 0) return;  // resurrected by its finalizer
+        PyObject_GC_UnTrack(self);
+    }
     finish(*generator);
     generator->fields.~Fields();
     PyObject_GC_Del(self);
@@ -314,11 +327,6 @@ void ready_generator_type() {
 }
 
 Ref make_generator(const Call& call, std::size_t argument_count, GeneratorBody body) {
-    Ref arguments = Ref::steal(PyTuple_New(static_cast<Py_ssize_t>(argument_count)));
-    for (std::size_t i = 0; i < argument_count; ++i) {
-        PyTuple_SET_ITEM(arguments.get(), static_cast<Py_ssize_t>(i),
-                         Ref::borrow(call.args[i]).release());
-    }
     GeneratorObject* generator = PyObject_GC_New(GeneratorObject, &generator_type);
     check(reinterpret_cast<PyObject*>(generator));
     generator->weakrefs = nullptr;
@@ -327,17 +335,23 @@ Ref make_generator(const Call& call, std::size_t argument_count, GeneratorBody b
         Ref::borrow(call.function),
         Ref::borrow(call.globals),
         Ref::borrow(call.closure),
-        arguments,
-        Call{call.function, call.globals, call.closure, &PyTuple_GET_ITEM(arguments.get(), 0),
-             nullptr},
+        {},
+        {},
+        Call{call.function, call.globals, call.closure, nullptr, nullptr},
         function_name(call.function),
         function_qualname(call.function),
     };
     Ref result = Ref::steal(reinterpret_cast<PyObject*>(generator));
-    generator->fields.call.held = &generator->fields.held;
+    auto& fields = generator->fields;
+    for (std::size_t i = 0; i < argument_count; ++i) {
+        fields.arguments[i] = Ref::borrow(call.args[i]);
+        fields.argument_pointers[i] = call.args[i];
+    }
     // The body's Call points at the objects this generator owns, so it outlives every resumption.
-    generator->fields.body = body(generator->fields.call).release();
-    if (!generator->fields.body) {
+    fields.call.args = fields.argument_pointers.data();
+    fields.call.held = &fields.held;
+    fields.body = body(fields.call).release();
+    if (!fields.body) {
         PyErr_NoMemory();
         throw Error{};
     }

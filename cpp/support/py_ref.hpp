@@ -41,12 +41,15 @@ inline int check_status(int status) {
 // RecursionError.
 class RecursionLevel {
   public:
-    RecursionLevel() {
-        if (!compat::enter_recursive_call()) throw Error{};
+    RecursionLevel() : calls_(compat::enter_recursive_call()) {
+        if (calls_ == nullptr) throw Error{};
     }
     RecursionLevel(const RecursionLevel&) = delete;
     RecursionLevel& operator=(const RecursionLevel&) = delete;
-    ~RecursionLevel() { compat::leave_recursive_call(); }
+    ~RecursionLevel() { compat::leave_recursive_call(*calls_); }
+
+  private:
+    compat::ThreadCalls* calls_;
 };
 
 // Raises a Python exception of `type` with a printf-style message (the interpreter's format).
@@ -272,7 +275,16 @@ inline Ref getattr(Handle object, Handle name) {
     return Ref::steal(PyObject_GetAttr(object.get(), name.get()));
 }
 inline void setattr(Handle object, Handle name, Handle value) {
-    check_status(PyObject_SetAttr(object.get(), name.get(), value.get()));
+    // PyObject_SetAttr interns the name before it calls the type's slot; the module's names are
+    // interned already, so the slot is called directly.
+    PyObject* target = object.get();
+    setattrofunc slot = Py_TYPE(target)->tp_setattro;
+    if (slot != nullptr && PyUnicode_CheckExact(name.get()) && PyUnicode_CHECK_INTERNED(name.get()))
+        [[likely]] {
+        check_status(slot(target, name.get(), value.get()));
+        return;
+    }
+    check_status(PyObject_SetAttr(target, name.get(), value.get()));
 }
 inline Ref item(Handle object, Handle key) {
     return Ref::steal(PyObject_GetItem(object.get(), key.get()));
