@@ -4,6 +4,7 @@
 #include <pthread.h>
 
 #include <cstddef>
+#include <cstdint>
 
 #if defined(__GLIBC__) && defined(__x86_64__)
 // glibc 2.32 and 2.34 moved these two into libc under new symbol versions; binding the versions
@@ -29,8 +30,14 @@ constexpr std::size_t kMaxStackReserve = 1 << 20;
 constexpr std::size_t kMaxStackReserve = 256 << 10;
 #endif
 
-// One record per thread, so that a call reaches thread-local storage once.
+// One record per thread.
 thread_local ThreadCalls thread_calls;
+
+// The calling thread's record. Out of line, so that a call reaches thread-local storage once: the
+// compiler would look the record's address up again after every call it makes.
+[[gnu::noinline]] ThreadCalls& this_thread_calls() noexcept {
+    return thread_calls;
+}
 
 void find_stack(ThreadCalls& calls) noexcept {
     calls.stack_known = true;
@@ -53,10 +60,88 @@ bool stack_nearly_exhausted(ThreadCalls& calls) noexcept {
            static_cast<std::size_t>(&here - calls.stack_low) < calls.stack_reserve;
 }
 
+#if PY_VERSION_HEX >= 0x030C0000
+// The remembered names of one namespace. A watcher on the namespace starts a new generation at
+// every change (it is told before the change is made), which forgets every value remembered.
+struct RememberedGlobal {
+    PyObject* name = nullptr;   // interned, kept alive by the module's constants
+    PyObject* value = nullptr;  // borrowed from the namespace
+    unsigned long generation = 0;
+};
+
+constexpr std::size_t kRememberedSlots = 32;  // more than the module's module-level names
+constexpr int kNoWatcherYet = -1;
+constexpr int kNoWatcher = -2;  // the interpreter had no watcher left to give
+
+struct RememberedGlobals {
+    int watcher = kNoWatcherYet;
+    PyObject* globals = nullptr;  // the namespace watched, borrowed; null when none
+    unsigned long generation = 1;
+    RememberedGlobal slots[kRememberedSlots];
+};
+
+RememberedGlobals remembered;  // used with the interpreter lock held only
+
+int on_namespace_change(PyDict_WatchEvent event, PyObject* dict, PyObject*, PyObject*) {
+    if (dict == remembered.globals) {
+        ++remembered.generation;
+        if (event == PyDict_EVENT_DEALLOCATED) remembered.globals = nullptr;
+    }
+    return 0;
+}
+
+RememberedGlobal& slot_of(PyObject* name) noexcept {
+    return remembered.slots[(reinterpret_cast<std::uintptr_t>(name) >> 4) % kRememberedSlots];
+}
+
+// Watches `globals` instead of the namespace watched so far; false when it cannot be watched.
+bool watch(PyObject* globals) noexcept {
+    if (remembered.watcher == kNoWatcherYet) {
+        remembered.watcher = PyDict_AddWatcher(on_namespace_change);
+        if (remembered.watcher < 0) {
+            PyErr_Clear();
+            remembered.watcher = kNoWatcher;
+        }
+    }
+    if (remembered.watcher == kNoWatcher) return false;
+    if (remembered.globals != nullptr) {
+        if (PyDict_Unwatch(remembered.watcher, remembered.globals) < 0) PyErr_Clear();
+        remembered.globals = nullptr;
+    }
+    ++remembered.generation;
+    if (PyDict_Watch(remembered.watcher, globals) < 0) {
+        PyErr_Clear();
+        return false;
+    }
+    remembered.globals = globals;
+    return true;
+}
+#endif
+
 }  // namespace
 
+PyObject* remembered_global([[maybe_unused]] PyObject* globals,
+                            [[maybe_unused]] PyObject* name) noexcept {
+#if PY_VERSION_HEX >= 0x030C0000
+    if (globals != remembered.globals) return nullptr;
+    const RememberedGlobal& slot = slot_of(name);
+    if (slot.name != name || slot.generation != remembered.generation) return nullptr;
+    return slot.value;
+#else
+    return nullptr;
+#endif
+}
+
+void remember_global([[maybe_unused]] PyObject* globals, [[maybe_unused]] PyObject* name,
+                     [[maybe_unused]] PyObject* value) noexcept {
+#if PY_VERSION_HEX >= 0x030C0000
+    if (globals != remembered.globals && !watch(globals)) return;
+    slot_of(name) = {name, value, remembered.generation};
+#endif
+}
+
 ThreadCalls* enter_recursive_call() noexcept {
-    ThreadCalls& calls = thread_calls;
+    ThreadCalls& calls = this_thread_calls();
     if (stack_nearly_exhausted(calls)) [[unlikely]] {
         PyErr_Format(PyExc_RecursionError, "maximum recursion depth exceeded%s", kWhere);
         return nullptr;

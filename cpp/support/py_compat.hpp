@@ -50,6 +50,17 @@ ThreadCalls* enter_recursive_call() noexcept;
 // without the interpreter lock (its thread state is gone with it).
 void leave_recursive_call(ThreadCalls& calls) noexcept;
 
+// Module-level names that the module's calls look up, remembered between calls where the
+// interpreter reports every change of a namespace (dict watchers, 3.12 and later); earlier
+// versions look every name up afresh. One namespace is remembered at a time, the module's own.
+//
+// The value of `name` last found in `globals`, borrowed from `globals` (the caller takes its own
+// reference before anything else runs), or null when not remembered.
+PyObject* remembered_global(PyObject* globals, PyObject* name) noexcept;
+
+// Remembers `value`, just found for the interned `name` in `globals`, until `globals` changes.
+void remember_global(PyObject* globals, PyObject* name, PyObject* value) noexcept;
+
 // What the interpreter names a callable in its call errors: "module.qualname()", or
 // "qualname()" for builtins, as in "f() argument after * must be an iterable, not int".
 // A new reference, or null with an error set.

@@ -447,8 +447,15 @@ Ref function_qualname(Handle function) {
 }
 
 Ref global(Handle globals, const Str& name) {
+    if (PyObject* value = compat::remembered_global(globals.get(), name.get())) {
+        return Ref::borrow(value);
+    }
     PyObject* value = PyDict_GetItemWithError(globals.get(), name.get());
-    if (value == nullptr && !PyErr_Occurred()) {
+    if (value != nullptr) {
+        compat::remember_global(globals.get(), name.get(), value);
+        return Ref::borrow(value);
+    }
+    if (!PyErr_Occurred()) {
         value = PyDict_GetItemWithError(PyEval_GetBuiltins(), name.get());
     }
     if (value == nullptr) {

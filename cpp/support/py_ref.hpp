@@ -272,7 +272,13 @@ inline int assign_str(Ref& field, PyObject* value, const char* message) noexcept
 // ---- attributes and items -----------------------------------------------------------------
 
 inline Ref getattr(Handle object, Handle name) {
-    return Ref::steal(PyObject_GetAttr(object.get(), name.get()));
+    // What PyObject_GetAttr does for a str name, without its checks.
+    PyObject* target = object.get();
+    getattrofunc slot = Py_TYPE(target)->tp_getattro;
+    if (slot != nullptr && PyUnicode_CheckExact(name.get())) [[likely]] {
+        return Ref::steal(slot(target, name.get()));
+    }
+    return Ref::steal(PyObject_GetAttr(target, name.get()));
 }
 inline void setattr(Handle object, Handle name, Handle value) {
     // PyObject_SetAttr interns the name before it calls the type's slot; the module's names are
@@ -349,14 +355,25 @@ inline Ref invert(Handle operand) {
 
 // ---- calls --------------------------------------------------------------------------------
 
+// Calls `callable` with the arguments at stack[1:], stack[0] being a spare slot: a bound method's
+// function is called with its `self` put in that slot, as the method itself would do it.
+inline PyObject* vectorcall_with_spare_slot(PyObject* callable, PyObject** stack,
+                                            std::size_t positional, PyObject* keyword_names) {
+    if (PyMethod_Check(callable)) {  // exact: method objects cannot be subclassed
+        stack[0] = PyMethod_GET_SELF(callable);
+        return PyObject_Vectorcall(PyMethod_GET_FUNCTION(callable), stack, positional + 1,
+                                   keyword_names);
+    }
+    return PyObject_Vectorcall(callable, stack + 1, positional | PY_VECTORCALL_ARGUMENTS_OFFSET,
+                               keyword_names);
+}
+
 // callable(*args), through the vectorcall protocol.
 template <class... Args>
 Ref call(Handle callable, Args&&... args) {
-    // One spare slot in front lets bound methods prepend `self` without copying.
     std::array<PyObject*, sizeof...(Args) + 1> stack{nullptr, Handle(args).get()...};
-    return Ref::steal(PyObject_Vectorcall(callable.get(), stack.data() + 1,
-                                          sizeof...(Args) | PY_VECTORCALL_ARGUMENTS_OFFSET,
-                                          nullptr));
+    return Ref::steal(
+        vectorcall_with_spare_slot(callable.get(), stack.data(), sizeof...(Args), nullptr));
 }
 
 // callable(*positional, **dict(zip(keyword_names, keyword_values))); `keyword_names` is a tuple
@@ -364,9 +381,8 @@ Ref call(Handle callable, Args&&... args) {
 template <class... Args>
 Ref call_keywords(Handle callable, std::size_t positional, Handle keyword_names, Args&&... args) {
     std::array<PyObject*, sizeof...(Args) + 1> stack{nullptr, Handle(args).get()...};
-    return Ref::steal(PyObject_Vectorcall(callable.get(), stack.data() + 1,
-                                          positional | PY_VECTORCALL_ARGUMENTS_OFFSET,
-                                          keyword_names.get()));
+    return Ref::steal(
+        vectorcall_with_spare_slot(callable.get(), stack.data(), positional, keyword_names.get()));
 }
 
 // object.name(*args), looked up on the object as Python does (so overrides are honoured).
