@@ -30,7 +30,13 @@ constexpr std::size_t kMaxStackReserve = 1 << 20;
 constexpr std::size_t kMaxStackReserve = 256 << 10;
 #endif
 
-// One record per thread.
+// Where the calling thread's stack ends, looked up on its first call into the module.
+struct ThreadCalls {
+    const char* stack_low = nullptr;  // the stack's lowest address; null when unknown
+    std::size_t stack_reserve = 0;    // the stack left below which a call is refused
+    bool stack_known = false;         // the two above have been looked up
+};
+
 thread_local ThreadCalls thread_calls;
 
 // The calling thread's record. Out of line, so that a call reaches thread-local storage once: the
@@ -140,31 +146,45 @@ void remember_global([[maybe_unused]] PyObject* globals, [[maybe_unused]] PyObje
 #endif
 }
 
-ThreadCalls* enter_recursive_call() noexcept {
-    ThreadCalls& calls = this_thread_calls();
-    if (stack_nearly_exhausted(calls)) [[unlikely]] {
+bool enter_recursive_call([[maybe_unused]] CallLevel& level) noexcept {
+    if (stack_nearly_exhausted(this_thread_calls())) [[unlikely]] {
         PyErr_Format(PyExc_RecursionError, "maximum recursion depth exceeded%s", kWhere);
-        return nullptr;
+        return false;
     }
-    if (Py_EnterRecursiveCall(kWhere) != 0) return nullptr;
 #if PY_VERSION_HEX >= 0x030C0000
-    if (++calls.depth > Py_GetRecursionLimit()) [[unlikely]] {
-        --calls.depth;
-        Py_LeaveRecursiveCall();
+    PyThreadState* thread = PyThreadState_Get();
+    if (thread->py_recursion_remaining <= 0 || thread->c_recursion_remaining <= 0) [[unlikely]] {
         PyErr_Format(PyExc_RecursionError, "maximum recursion depth exceeded%s", kWhere);
-        return nullptr;
+        return false;
     }
+    --thread->py_recursion_remaining;
+    --thread->c_recursion_remaining;
+    level.thread = thread;
+#elif PY_VERSION_HEX >= 0x030B0000
+    PyThreadState* thread = PyThreadState_Get();
+    if (thread->recursion_remaining <= 0) [[unlikely]] {
+        PyErr_Format(PyExc_RecursionError, "maximum recursion depth exceeded%s", kWhere);
+        return false;
+    }
+    --thread->recursion_remaining;
+    level.thread = thread;
+#else
+    if (Py_EnterRecursiveCall(kWhere) != 0) return false;
 #endif
-    return &calls;
+    return true;
 }
 
-void leave_recursive_call([[maybe_unused]] ThreadCalls& calls) noexcept {
+void leave_recursive_call([[maybe_unused]] const CallLevel& level) noexcept {
     if (interpreter_finalizing() && !thread_holds_gil()) [[unlikely]]
         return;
 #if PY_VERSION_HEX >= 0x030C0000
-    --calls.depth;
-#endif
+    ++level.thread->py_recursion_remaining;
+    ++level.thread->c_recursion_remaining;
+#elif PY_VERSION_HEX >= 0x030B0000
+    ++level.thread->recursion_remaining;
+#else
     Py_LeaveRecursiveCall();
+#endif
 }
 
 PendingError::PendingError() noexcept {

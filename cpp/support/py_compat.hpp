@@ -2,14 +2,13 @@
 // of an interpreter function outside the stable public API, in one place and gated on
 // PY_VERSION_HEX. The rest of the extension calls these and never tests a version itself.
 //
-// Nothing here reads an interpreter structure directly: what 3.14 removes (ma_version_tag, for
-// one) is not used at all.
+// The one interpreter structure read directly is the thread state's recursion count (from 3.11
+// on), so that a call into the module counts as a Python call does, without three calls into the
+// interpreter. ma_version_tag, which 3.14 removes, is not used at all.
 #pragma once
 
 #define PY_SSIZE_T_CLEAN
 #include <Python.h>
-
-#include <cstddef>
 
 namespace py::compat {
 
@@ -28,27 +27,23 @@ inline bool thread_holds_gil() noexcept {
     return PyGILState_Check() != 0;
 }
 
-// What the module keeps per thread to count its calls: where the thread's stack ends, and from
-// 3.12 on its own depth of calls.
-struct ThreadCalls {
-    const char* stack_low = nullptr;  // the stack's lowest address; null when unknown
-    std::size_t stack_reserve = 0;    // the stack left below which a call is refused
-    bool stack_known = false;         // the two above have been looked up
-    int depth = 0;                    // calls into the module now running (3.12 and later)
+// One level of the recursion count, taken by enter_recursive_call() and given back by
+// leave_recursive_call().
+struct CallLevel {
+    PyThreadState* thread = nullptr;  // the calling thread's state, from 3.11 on
 };
 
-// One more level of the interpreter's recursion count, for a call into the module; null, with
-// RecursionError set, past the limit, else the thread's record, for leave_recursive_call. Up to
-// 3.11 the count that Python functions use also guards C calls. From 3.12 on Python calls have a
-// count of their own, which extensions cannot reach, so the module's calls are also counted per
-// thread against sys.getrecursionlimit(). On every version a call is also refused when the
-// thread's stack is nearly used up, as it can be on a thread with a small stack long before the
-// limit.
-ThreadCalls* enter_recursive_call() noexcept;
+// One more level of the interpreter's recursion count, for a call into the module; false, with
+// RecursionError set, past the limit. Up to 3.11 one count guards Python and C calls alike. From
+// 3.12 on Python calls have a count of their own, and a call into the module takes a level of
+// each, as it is a C call that runs Python code. On every version a call is also refused when
+// the thread's stack is nearly used up, as it can be on a thread with a small stack long before
+// the limit.
+bool enter_recursive_call(CallLevel& level) noexcept;
 
 // Leaves the level entered by a successful enter_recursive_call(); not when the thread is ended
 // without the interpreter lock (its thread state is gone with it).
-void leave_recursive_call(ThreadCalls& calls) noexcept;
+void leave_recursive_call(const CallLevel& level) noexcept;
 
 // Module-level names that the module's calls look up, remembered between calls where the
 // interpreter reports every change of a namespace (dict watchers, 3.12 and later); earlier

@@ -41,15 +41,15 @@ inline int check_status(int status) {
 // RecursionError.
 class RecursionLevel {
   public:
-    RecursionLevel() : calls_(compat::enter_recursive_call()) {
-        if (calls_ == nullptr) throw Error{};
+    RecursionLevel() {
+        if (!compat::enter_recursive_call(level_)) throw Error{};
     }
     RecursionLevel(const RecursionLevel&) = delete;
     RecursionLevel& operator=(const RecursionLevel&) = delete;
-    ~RecursionLevel() { compat::leave_recursive_call(*calls_); }
+    ~RecursionLevel() { compat::leave_recursive_call(level_); }
 
   private:
-    compat::ThreadCalls* calls_;
+    compat::CallLevel level_;
 };
 
 // Raises a Python exception of `type` with a printf-style message (the interpreter's format).
