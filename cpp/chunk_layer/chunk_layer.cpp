@@ -629,10 +629,11 @@ Ref rebuild(const Call& call) {
 // lambda node_id: self.data_manager.get_by_nodes([node_id], with_props=True)
 Ref fetch_with_props(const Call& call) {
     Handle self = call.closure;
-    Ref get_by_nodes = py::getattr(py::getattr(self, name::data_manager), kGetByNodes);
+    Ref data_manager = py::getattr(self, name::data_manager);
+    // Making the list runs no code, so the method is looked up where the call needs it.
     Ref ids = py::new_list();
     py::append(ids, call[0]);
-    return py::call_keywords(get_by_nodes, 1, kWithPropsKeyword, ids, Py_True);
+    return py::call_method_keywords(data_manager, kGetByNodes, 1, kWithPropsKeyword, ids, Py_True);
 }
 
 constexpr py::Parameter kNodeIdParameters[] = {{"node_id"}};

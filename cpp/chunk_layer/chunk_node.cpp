@@ -195,12 +195,12 @@ Ref build_one(const Call& call, Handle cor_params) {
     auto [y_processed, unused_second, unused_third] =
         py::unpack<3>(py::call_method(processor, kGetProcessedArrays), py::TooFew::need_more);
 
-    Ref compute = py::getattr(coreset, kComputeSensitivities);
-    py::call_keywords(compute, 0, kSensitivitiesKeywords, X_processed, y_processed);
+    py::call_method_keywords(coreset, kComputeSensitivities, 0, kSensitivitiesKeywords, X_processed,
+                             y_processed);
 
     Ref record_type = py::global(call, global::ChunkSensitivities);
-    Ref to_dict = py::getattr(coreset, kToDict);
-    Ref coreset_dict = py::call_keywords(to_dict, 0, kToDictKeywords, Py_True, Py_False);
+    Ref coreset_dict =
+        py::call_method_keywords(coreset, kToDict, 0, kToDictKeywords, Py_True, Py_False);
     Ref removed_rows = py::getattr(processor, kRemovedRows);
     Ref no_features = py::size(py::length(py::getattr(processor, kFeatureNames)));
     Ref record = py::call_keywords(record_type, 0, kChunkSensitivitiesKeywords, coreset_dict,

@@ -15,6 +15,7 @@ struct FunctionObject {
     PyObject ob_base;
     vectorcallfunc vectorcall;
     PyObject* weakrefs;
+    Py_ssize_t parameter_count;  // the definition's, kept here for the call's first test
     // The C++ part, constructed in place after allocation and destroyed before the memory goes.
     struct Fields {
         const FunctionDef* definition;
@@ -164,33 +165,41 @@ PyObject* bind(const FunctionObject& function, PyObject* const* positional, Py_s
     return defaults_used;
 }
 
+// A call that passes every argument by position, the common one: the body reads the arguments
+// where the caller put them.
+PyObject* run_positional(PyObject* self, PyObject* const* args) {
+    return guard([&] {
+        const RecursionLevel level;
+        const FunctionObject& function = *as_function(self);
+        const Call call{self, function.fields.globals.get(), function.fields.closure.get(), args};
+        return function.fields.definition->body(call);
+    });
+}
+
+// Any other call: the arguments are bound to the parameters first.
 PyObject* run(PyObject* self, PyObject* const* positional, Py_ssize_t given,
               const Keywords& keywords) {
     return guard([&] {
         const RecursionLevel level;
         const FunctionObject& function = *as_function(self);
-        const FunctionDef& definition = *function.fields.definition;
-        Call call{self, function.fields.globals.get(), function.fields.closure.get(), positional};
-        // Every argument by position, the common call: the body reads them where they are.
-        if (keywords.count == 0 && given == static_cast<Py_ssize_t>(definition.parameters.size())) {
-            return definition.body(call);
-        }
         std::array<PyObject*, kMaxParameters> values;
         const Ref defaults_in_use =
             Ref::borrow(bind(function, positional, given, keywords, values));
-        call.args = values.data();
-        return definition.body(call);
+        const Call call{self, function.fields.globals.get(), function.fields.closure.get(),
+                        values.data()};
+        return function.fields.definition->body(call);
     });
 }
 
 PyObject* function_vectorcall(PyObject* self, PyObject* const* args, std::size_t nargsf,
                               PyObject* kwnames) {
     const Py_ssize_t given = PyVectorcall_NARGS(nargsf);
-    Keywords keywords{nullptr, nullptr, 0};
-    if (kwnames != nullptr) {
-        keywords = {&PyTuple_GET_ITEM(kwnames, 0), args + given, PyTuple_GET_SIZE(kwnames)};
+    if (kwnames == nullptr) {
+        if (given == as_function(self)->parameter_count) return run_positional(self, args);
+        return run(self, args, given, Keywords{nullptr, nullptr, 0});
     }
-    return run(self, args, given, keywords);
+    return run(self, args, given,
+               Keywords{&PyTuple_GET_ITEM(kwnames, 0), args + given, PyTuple_GET_SIZE(kwnames)});
 }
 
 // The tuple-and-dict call (a slot wrapper's __call__, or C code using tp_call directly).
@@ -421,6 +430,7 @@ Ref make_function(const FunctionDef& definition, Handle module_name, Handle glob
     check(reinterpret_cast<PyObject*>(function));
     function->vectorcall = function_vectorcall;
     function->weakrefs = nullptr;
+    function->parameter_count = static_cast<Py_ssize_t>(definition.parameters.size());
     new (&function->fields) FunctionObject::Fields{
         &definition,
         Ref::borrow(globals),

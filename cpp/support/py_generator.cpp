@@ -5,6 +5,7 @@
 #include "support/py_generator.hpp"
 
 #include <array>
+#include <cstdlib>
 #include <new>
 #include <optional>
 #include <stdexcept>
@@ -24,6 +25,38 @@ void Coroutine::promise_type::unhandled_exception() {
         PyErr_SetString(PyExc_SystemError, failure.what());
     }
     failed = true;
+}
+
+namespace {
+
+// Freed coroutine frames kept for reuse, each with its size (0: empty). They come from the C
+// allocator, not Python's, so that a kept frame stays valid whatever the interpreter does.
+struct SpareFrame {
+    std::size_t size = 0;
+    void* frame = nullptr;
+};
+SpareFrame spare_frames[4];  // used with the interpreter lock held only
+
+}  // namespace
+
+void* Coroutine::promise_type::operator new(std::size_t size) noexcept {
+    for (SpareFrame& spare : spare_frames) {
+        if (spare.size == size) {
+            spare.size = 0;
+            return std::exchange(spare.frame, nullptr);
+        }
+    }
+    return std::malloc(size);
+}
+
+void Coroutine::promise_type::operator delete(void* frame, std::size_t size) noexcept {
+    for (SpareFrame& spare : spare_frames) {
+        if (spare.size == 0) {
+            spare = {size, frame};
+            return;
+        }
+    }
+    std::free(frame);
 }
 
 namespace {

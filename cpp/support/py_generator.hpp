@@ -36,10 +36,10 @@ class Coroutine {
         bool failed = false;           // the body ended with the Python error set
 
         Coroutine get_return_object() { return Coroutine(Handle::from_promise(*this)); }
-        // Frames come from Python's allocator (always called with the interpreter lock held):
-        // one frame per generator, small and short-lived.
-        static void* operator new(std::size_t size) noexcept { return PyMem_Malloc(size); }
-        static void operator delete(void* frame) noexcept { PyMem_Free(frame); }
+        // One frame per generator, most of them short-lived: a few freed frames are kept for the
+        // next generators (both called with the interpreter lock held).
+        static void* operator new(std::size_t size) noexcept;
+        static void operator delete(void* frame, std::size_t size) noexcept;
         static Coroutine get_return_object_on_allocation_failure() noexcept {
             return Coroutine(Handle{});
         }
