@@ -282,7 +282,8 @@ Ref print_progress(const Call& call) {
     Handle one = kOne;
     Handle zero = kZero;
 
-    Ref chunks = Ref::borrow(kEmpty);
+    // " out of N chunks", or nothing.
+    Ref chunk_count;
     if (!py::getattr(py::getattr(self, name::data_manager), kNInstances).is_none() &&
         py::compare_truth(
             py::call_method(py::getattr(self, name::build_params), kGet, name::chunk_size, zero),
@@ -290,9 +291,7 @@ Ref print_progress(const Call& call) {
         // The trailing partial chunk lies beyond the expected count and shows no total.
         Ref number = py::add(leaf_node_index, one);
         if (py::compare_truth(number, expected_chunks(self), Py_LE)) {
-            Ref count = Ref::steal(PyObject_Format(expected_chunks(self).get(), kEmpty.get()));
-            chunks = Ref::steal(PyUnicode_Concat(kOutOf.get(), count.get()));
-            chunks = Ref::steal(PyUnicode_Concat(chunks.get(), kChunks.get()));
+            chunk_count = Ref::steal(PyObject_Format(expected_chunks(self).get(), kEmpty.get()));
         }
     }
     Ref time_module = py::global(call, global::time);
@@ -303,9 +302,11 @@ Ref print_progress(const Call& call) {
     Ref time_text = Ref::steal(PyObject_Format(ct.get(), kEmpty.get()));
     Ref number_text = Ref::steal(PyObject_Format(number.get(), kEmpty.get()));
     Ref build_time = Ref::steal(PyObject_Format(chunk_build_time.get(), kThreeDecimals.get()));
-    Ref pieces =
-        py::tuple(time_text, kCompleted, number_text, chunks, kBuiltIn, build_time, kSecondsReset);
-    Ref line = Ref::steal(PyUnicode_Join(kEmpty.get(), pieces.get()));
+    Ref line =
+        chunk_count
+            ? py::concat({time_text, kCompleted, number_text, kOutOf, chunk_count, kChunks,
+                          kBuiltIn, build_time, kSecondsReset})
+            : py::concat({time_text, kCompleted, number_text, kBuiltIn, build_time, kSecondsReset});
     py::call(py::global(call, global::print), line);
     return Ref::none();
 }

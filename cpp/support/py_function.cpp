@@ -100,26 +100,30 @@ Py_ssize_t parameter_index(PyObject* names, PyObject* key) {
     return -1;
 }
 
-// The value of the keyword argument named `name`, or null. Keyword names are interned str in
-// nearly every call, so they are matched by identity first, and compared as strings only when no
-// identical name is found.
-PyObject* keyword_value(const Keywords& keywords, PyObject* name) {
+// The index of the keyword argument named `name`, matched by identity, or -1.
+Py_ssize_t keyword_by_identity(const Keywords& keywords, PyObject* name) {
     for (Py_ssize_t k = 0; k < keywords.count; ++k) {
-        if (keywords.names[k] == name) return keywords.values[k];
+        if (keywords.names[k] == name) return k;
     }
-    for (Py_ssize_t k = 0; k < keywords.count; ++k) {
-        PyObject* key = keywords.names[k];
-        if (PyUnicode_Check(key) && PyUnicode_Compare(key, name) == 0) return keywords.values[k];
-    }
-    return nullptr;
+    return -1;
 }
 
-// Binds positional and keyword arguments to the parameters. Errors are checked in this order: too
-// many positionals; then each parameter not given by position, in order (a missing required one
-// is reported with the number of arguments before it); then the keywords that matched nothing,
-// name a parameter given by position, or are not strings. Returns the defaults tuple when a value
-// was taken from it (the caller keeps it alive: __defaults__ may be replaced while the body
-// runs), else null.
+// The index of the keyword argument equal to `name` as a string, or -1.
+Py_ssize_t keyword_by_value(const Keywords& keywords, PyObject* name) {
+    for (Py_ssize_t k = 0; k < keywords.count; ++k) {
+        PyObject* key = keywords.names[k];
+        if (PyUnicode_Check(key) && PyUnicode_Compare(key, name) == 0) return k;
+    }
+    return -1;
+}
+
+// Binds positional and keyword arguments to the parameters. Keyword names are interned str in
+// nearly every call, so all are matched by identity first; names still unmatched then are
+// compared as strings. Errors are checked in this order: too many positionals; then each
+// parameter not given, in order (a missing required one is reported with the number of arguments
+// before it); then the keywords that matched nothing, name a parameter given by position, or are
+// not strings. Returns the defaults tuple when a value was taken from it (the caller keeps it
+// alive: __defaults__ may be replaced while the body runs), else null.
 PyObject* bind(const FunctionObject& function, PyObject* const* positional, Py_ssize_t given,
                const Keywords& keywords, std::array<PyObject*, kMaxParameters>& values) {
     const FunctionDef& definition = *function.fields.definition;
@@ -131,16 +135,23 @@ PyObject* bind(const FunctionObject& function, PyObject* const* positional, Py_s
     if (given > total) raise_count(definition, required, given);
     for (Py_ssize_t i = 0; i < given; ++i) values[i] = positional[i];
 
-    PyObject* defaults_used = nullptr;
     Py_ssize_t unused_keywords = keywords.count;
     for (Py_ssize_t i = given; i < total; ++i) {
-        values[i] = unused_keywords > 0
-                        ? keyword_value(keywords, PyTuple_GET_ITEM(definition.names, i))
-                        : nullptr;
-        if (values[i] != nullptr) {
-            --unused_keywords;
-            continue;
-        }
+        const Py_ssize_t k = keyword_by_identity(keywords, PyTuple_GET_ITEM(definition.names, i));
+        values[i] = k < 0 ? nullptr : keywords.values[k];
+        if (k >= 0) --unused_keywords;
+    }
+    for (Py_ssize_t i = given; i < total && unused_keywords > 0; ++i) {
+        if (values[i] != nullptr) continue;
+        const Py_ssize_t k = keyword_by_value(keywords, PyTuple_GET_ITEM(definition.names, i));
+        if (k < 0) continue;
+        values[i] = keywords.values[k];
+        --unused_keywords;
+    }
+
+    PyObject* defaults_used = nullptr;
+    for (Py_ssize_t i = given; i < total; ++i) {
+        if (values[i] != nullptr) continue;
         if (i < required) raise_count(definition, required, i);
         values[i] = PyTuple_GET_ITEM(defaults, i - required);
         defaults_used = defaults;

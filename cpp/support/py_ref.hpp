@@ -7,8 +7,10 @@
 #define PY_SSIZE_T_CLEAN
 #include <Python.h>
 
+#include <algorithm>
 #include <array>
 #include <cstddef>
+#include <cstring>
 #include <exception>
 #include <initializer_list>
 #include <new>
@@ -314,6 +316,32 @@ inline Py_ssize_t length(Handle object) {
     Py_ssize_t size = PyObject_Length(object.get());
     if (size < 0) throw Error{};
     return size;
+}
+
+// The concatenation of str pieces, in one allocation, as an f-string builds its result.
+inline Ref concat(std::initializer_list<Handle> pieces) {
+    Py_ssize_t length = 0;
+    Py_UCS4 max_char = 0;
+    for (Handle piece : pieces) {
+        check_status(PyUnicode_READY(piece.get()));
+        length += PyUnicode_GET_LENGTH(piece.get());
+        max_char = std::max(max_char, PyUnicode_MAX_CHAR_VALUE(piece.get()));
+    }
+    Ref result = Ref::steal(PyUnicode_New(length, max_char));
+    const int kind = PyUnicode_KIND(result.get());
+    Py_ssize_t position = 0;
+    for (Handle piece : pieces) {
+        const Py_ssize_t piece_length = PyUnicode_GET_LENGTH(piece.get());
+        if (PyUnicode_KIND(piece.get()) == kind) {
+            std::memcpy(static_cast<char*>(PyUnicode_DATA(result.get())) + position * kind,
+                        PyUnicode_DATA(piece.get()), static_cast<std::size_t>(piece_length) * kind);
+        } else {
+            check_status(
+                PyUnicode_CopyCharacters(result.get(), position, piece.get(), 0, piece_length));
+        }
+        position += piece_length;
+    }
+    return result;
 }
 
 // ---- truth and comparison -----------------------------------------------------------------
