@@ -82,10 +82,9 @@ Ref exclude_removed_body(const Call& call) {
 
     Ref dataset_type = py::global(call, global::Dataset);
     Ref fields = py::new_list();
-    Ref field_iterator = py::iter(dataset);
-    while (Ref field = py::next(field_iterator)) {
+    py::for_each(dataset, [&](Ref field) {
         py::append(fields, field.is_none() ? field : py::item(field, mask));
-    }
+    });
     return py::tuple(indices, py::call_unpacked(dataset_type, fields));
 }
 
@@ -164,10 +163,8 @@ Ref build_one(const Call& call, Handle cor_params) {
     Ref feature_names = py::new_list();
     Ref features =
         py::getattr(py::getattr(py::getattr(self, name::data_manager), kDataParams), kFeatures);
-    Ref feature_iterator = py::iter(features);
-    while (Ref feature = py::next(feature_iterator)) {
-        py::append(feature_names, py::getattr(feature, kName));
-    }
+    py::for_each(features,
+                 [&](Ref feature) { py::append(feature_names, py::getattr(feature, kName)); });
     Ref missing_replacement =
         py::getattr(py::getattr(py::getattr(self, name::data_manager), kDataParamsInternal),
                     kAggregatedMissingReplacements);
@@ -211,8 +208,8 @@ Ref build_one(const Call& call, Handle cor_params) {
 }
 
 Ref build(const Call& call) {
-    Ref params_iterator = py::iter(py::getattr(call[0], name::params));
-    while (Ref cor_params = py::next(params_iterator)) build_one(call, cor_params);
+    Ref params = py::getattr(call[0], name::params);
+    py::for_each(params, [&](Ref cor_params) { build_one(call, cor_params); });
     return Ref::borrow(call[0]);
 }
 

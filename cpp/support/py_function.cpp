@@ -3,6 +3,7 @@
 
 #include <array>
 #include <new>
+#include <optional>
 #include <vector>
 
 namespace py {
@@ -176,12 +177,19 @@ PyObject* bind(const FunctionObject& function, PyObject* const* positional, Py_s
     return defaults_used;
 }
 
+// A generator function's call only makes the generator, which runs no code of anyone's: its
+// resumptions, which run the body, take the levels of the recursion count instead.
+bool takes_recursion_level(const FunctionObject& function) {
+    return !function.fields.definition->generator;
+}
+
 // A call that passes every argument by position, the common one: the body reads the arguments
 // where the caller put them.
 PyObject* run_positional(PyObject* self, PyObject* const* args) {
     return guard([&] {
-        const RecursionLevel level;
         const FunctionObject& function = *as_function(self);
+        std::optional<RecursionLevel> level;
+        if (takes_recursion_level(function)) level.emplace();
         const Call call{self, function.fields.globals.get(), function.fields.closure.get(), args};
         return function.fields.definition->body(call);
     });
@@ -191,8 +199,9 @@ PyObject* run_positional(PyObject* self, PyObject* const* args) {
 PyObject* run(PyObject* self, PyObject* const* positional, Py_ssize_t given,
               const Keywords& keywords) {
     return guard([&] {
-        const RecursionLevel level;
         const FunctionObject& function = *as_function(self);
+        std::optional<RecursionLevel> level;
+        if (takes_recursion_level(function)) level.emplace();
         std::array<PyObject*, kMaxParameters> values;
         const Ref defaults_in_use =
             Ref::borrow(bind(function, positional, given, keywords, values));

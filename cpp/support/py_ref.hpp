@@ -449,6 +449,29 @@ inline Ref next(Handle iterator) {
     return Ref::steal_or_null(item);
 }
 
+// Calls `visit` with each item of `iterable` (a Ref the call owns), as a for loop walks it. An
+// exact list is read by index, its length checked before each item as its iterator does, and a
+// tuple, or a named record that keeps tuple's iteration, by index: no iterator is made for them.
+// The caller keeps `iterable` alive meanwhile.
+template <class Visit>
+void for_each(Handle iterable, Visit&& visit) {
+    PyObject* object = iterable.get();
+    if (PyList_CheckExact(object)) {
+        for (Py_ssize_t i = 0; i < PyList_GET_SIZE(object); ++i) {
+            visit(Ref::borrow(PyList_GET_ITEM(object, i)));
+        }
+        return;
+    }
+    if (iterates_as_tuple(object)) {
+        for (Py_ssize_t i = 0; i < PyTuple_GET_SIZE(object); ++i) {
+            visit(Ref::borrow(PyTuple_GET_ITEM(object, i)));
+        }
+        return;
+    }
+    Ref iterator = iter(iterable);
+    while (Ref item = next(iterator)) visit(std::move(item));
+}
+
 // How an unpacking reports too few values.
 enum class TooFew {
     statement,  // as `a, b = x` does: "not enough values to unpack (expected N, got K)"

@@ -5,7 +5,7 @@ from __future__ import annotations
 
 import re
 from collections.abc import Mapping
-from typing import Any, Dict, List, Optional
+from typing import Any, Callable, Dict, List, Optional
 
 import numpy as np
 import pytest
@@ -1266,3 +1266,41 @@ def test_save_with_library_manager_stores_selected_rows() -> None:
         assert dm.stored_node_ids(buffer=True) == [BUFFER_NODE_ID]
     finally:
         dm.close(timeout=5)
+
+
+def changing_params_on_first_coreset(node: ChunkNode, base: type, change: Callable[[list], None]) -> type:
+    """A coreset class that changes the node's parameter list when it is made."""
+
+    class Changing(base):
+        def __init__(self, **kwargs: Any) -> None:
+            change(node.params)
+            super().__init__(**kwargs)
+
+    return Changing
+
+
+def test_params_appended_during_a_build_are_built_too(monkeypatch) -> None:
+    node, dm, Processor, classes, params = build_setup(monkeypatch, passes=2)
+    extra = ChunkSensitivitiesParams(coreset_params={"k": 9}, coreset_cls=classes[0])
+    node.params[0].coreset_cls = changing_params_on_first_coreset(node, classes[0], lambda p: p.append(extra))
+    node.build()
+    assert [record.params for record in node.coresets] == [params[0], params[1], extra]
+
+
+def test_params_removed_during_a_build_end_it_early(monkeypatch) -> None:
+    node, dm, Processor, classes, params = build_setup(monkeypatch, passes=2)
+    node.params[0].coreset_cls = changing_params_on_first_coreset(node, classes[0], list.clear)
+    node.build()
+    assert [record.params for record in node.coresets] == [params[0]]
+
+
+def test_feature_names_come_from_the_features_own_iteration(monkeypatch) -> None:
+    class Reversed(list):
+        def __iter__(self):
+            return reversed(self)
+
+    node, dm, Processor, classes, params = build_setup(monkeypatch, passes=1)
+    dm._params.features = Reversed(dm.features)
+    node.build()
+    dap, = Processor.instances
+    assert dap.kwargs["feature_names"] == ["c", "b", "a"]
