@@ -64,23 +64,6 @@ Ref shape_item(Handle array, int axis) {
     return py::item(py::getattr(array, name::shape), axis);
 }
 
-bool compare_numbers(long long left, long long right, int op) noexcept {
-    switch (op) {
-        case Py_LT:
-            return left < right;
-        case Py_LE:
-            return left <= right;
-        case Py_EQ:
-            return left == right;
-        case Py_NE:
-            return left != right;
-        case Py_GT:
-            return left > right;
-        default:
-            return left >= right;
-    }
-}
-
 // dataset[1].shape[0], the number of rows of X: a plain number when X is an exact ndarray,
 // else the object Python's subscript gives.
 class Rows {
@@ -98,7 +81,7 @@ class Rows {
         if (count_ && PyLong_CheckExact(other.get())) {
             int overflow = 0;
             const long long bound = PyLong_AsLongLongAndOverflow(other.get(), &overflow);
-            if (overflow == 0) return Ref::boolean(compare_numbers(*count_, bound, op));
+            if (overflow == 0) return Ref::boolean(py::compare_numbers(*count_, bound, op));
         }
         return py::compare(value(), other, op);
     }

@@ -56,6 +56,21 @@ PyObject* remembered_global(PyObject* globals, PyObject* name) noexcept;
 // Remembers `value`, just found for the interned `name` in `globals`, until `globals` changes.
 void remember_global(PyObject* globals, PyObject* name, PyObject* value) noexcept;
 
+// The value of an exact int that fits a long long, read as cheaply as the version allows; false
+// for anything else (the caller then lets the int compare itself).
+inline bool small_int_value(PyObject* object, long long& value) noexcept {
+    if (!PyLong_CheckExact(object)) return false;
+#if PY_VERSION_HEX >= 0x030C0000
+    if (PyUnstable_Long_IsCompact(reinterpret_cast<PyLongObject*>(object))) {
+        value = PyUnstable_Long_CompactValue(reinterpret_cast<PyLongObject*>(object));
+        return true;
+    }
+#endif
+    int overflow = 0;
+    value = PyLong_AsLongLongAndOverflow(object, &overflow);
+    return overflow == 0 && !(value == -1 && PyErr_Occurred());
+}
+
 // What the interpreter names a callable in its call errors: "module.qualname()", or
 // "qualname()" for builtins, as in "f() argument after * must be an iterable, not int".
 // A new reference, or null with an error set.

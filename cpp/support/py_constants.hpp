@@ -44,6 +44,24 @@ class Str final : public Constant {
     const char* text_;
 };
 
+// object.name and object.name = value for the module's own names, which are interned str: the
+// type's slot is called as the interpreter would call it, without the checks of a name of
+// unknown kind.
+inline Ref getattr(Handle object, const Str& name) {
+    PyObject* target = object.get();
+    if (getattrofunc slot = Py_TYPE(target)->tp_getattro)
+        return Ref::steal(slot(target, name.get()));
+    return getattr(object, Handle(name));
+}
+inline void setattr(Handle object, const Str& name, Handle value) {
+    PyObject* target = object.get();
+    if (setattrofunc slot = Py_TYPE(target)->tp_setattro) {
+        check_status(slot(target, name.get(), value.get()));
+        return;
+    }
+    setattr(object, Handle(name), value);
+}
+
 // An int.
 class Int final : public Constant {
   public:

@@ -349,11 +349,41 @@ inline Ref concat(std::initializer_list<Handle> pieces) {
 inline bool truth(Handle object) {
     return check_status(PyObject_IsTrue(object.get())) != 0;
 }
+// left <op> right between two numbers, op being one of Py_LT ... Py_GE.
+constexpr bool compare_numbers(long long left, long long right, int op) noexcept {
+    switch (op) {
+        case Py_LT:
+            return left < right;
+        case Py_LE:
+            return left <= right;
+        case Py_EQ:
+            return left == right;
+        case Py_NE:
+            return left != right;
+        case Py_GT:
+            return left > right;
+        default:
+            return left >= right;
+    }
+}
+
+// Two exact ints that fit a long long are compared here, with the result int's own comparison
+// gives; anything else compares itself.
 inline Ref compare(Handle left, Handle right, int op) {
+    long long left_value, right_value;
+    if (compat::small_int_value(left.get(), left_value) &&
+        compat::small_int_value(right.get(), right_value)) {
+        return Ref::boolean(compare_numbers(left_value, right_value, op));
+    }
     return Ref::steal(PyObject_RichCompare(left.get(), right.get(), op));
 }
 // The truth of a comparison, as an `if a == b:` takes it.
 inline bool compare_truth(Handle left, Handle right, int op) {
+    long long left_value, right_value;
+    if (compat::small_int_value(left.get(), left_value) &&
+        compat::small_int_value(right.get(), right_value)) {
+        return compare_numbers(left_value, right_value, op);
+    }
     return check_status(PyObject_RichCompareBool(left.get(), right.get(), op)) != 0;
 }
 
