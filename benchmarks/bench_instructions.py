@@ -41,10 +41,42 @@ def valgrind() -> Optional[str]:
     return shutil.which("valgrind")
 
 
+#: What the module's architecture adds to a call, by function: every call into the module takes a level
+#: of the recursion count, and every reference it gives back first asks whether the interpreter is
+#: finalising (a thread ended at exit must not touch it).
+RECURSION_COUNT = ("enter_recursive_call", "leave_recursive_call", "this_thread_calls",
+                   "Py_EnterRecursiveCall", "Py_LeaveRecursiveCall", "PyThreadState_Get")
+FINALISING_CHECK = ("Py_IsFinalizing",)  # _Py_IsFinalizing up to 3.12
+SPLIT = ("own code", "recursion count", "finalising checks", "interpreter and libraries")
+
+
+def part_of(implementation: str, function: str) -> str:
+    """Which part of a call a function's own instructions belong to (see SPLIT)."""
+    if any(name in function for name in RECURSION_COUNT):
+        return "recursion count"
+    if any(name in function for name in FINALISING_CHECK):
+        return "finalising checks"
+    markers = ("py::", "chunk_layer::") if implementation == "module" else ("__pyx", "__Pyx")
+    if any(marker in function for marker in markers):
+        return "own code"
+    return "interpreter and libraries"
+
+
+def split_of(implementation: str, counted: Path, harness: Path, calls: int) -> Dict[str, float]:
+    """One call's instructions by part (see SPLIT), the harness loop's subtracted function by function."""
+    parts = dict.fromkeys(SPLIT, 0.0)
+    loop = self_costs(harness)
+    for function, n in self_costs(counted).items():
+        parts[part_of(implementation, function)] += (n - loop.get(function, 0)) / calls
+    return {name: round(value) for name, value in parts.items()}
+
+
 def count(
-    implementation: str, calls: int, workdir: Path, operations: Optional[List[str]]
+    implementation: str, calls: int, workdir: Path, operations: Optional[List[str]],
+    splits: Optional[Dict[str, Dict[str, float]]] = None,
 ) -> Dict[str, float]:
-    """Instructions per call of every operation for one implementation (harness subtracted)."""
+    """Instructions per call of every operation for one implementation (harness subtracted); with
+    ``splits``, also each operation's instructions by part (see SPLIT), filled in by operation."""
     out = workdir / f"{implementation}.callgrind"
     labels = workdir / f"{implementation}.labels"
     environment = dict(os.environ, PYTHONHASHSEED="0")
@@ -68,12 +100,17 @@ def count(
     subprocess.run(command, cwd=HERE, env=environment, check=True,
                    stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
     parts: Dict[str, Dict[str, int]] = {}
+    dumps: Dict[str, Dict[str, Path]] = {}
     for number, label in enumerate(json.loads(labels.read_text()), start=1):
         match = TOTALS.search(Path(f"{out}.{number}").read_text(errors="replace"))
         if match is None:
             raise RuntimeError(f"no instruction total in {out}.{number}")
         part, op = label.split("\t")
         parts.setdefault(op, {})[part] = int(match.group(1))
+        dumps.setdefault(op, {})[part] = Path(f"{out}.{number}")
+    if splits is not None:
+        for op, dump in dumps.items():
+            splits[op] = split_of(implementation, dump[implementation], dump["harness"], calls)
     return {op: (p[implementation] - p["harness"]) / calls for op, p in parts.items()}
 
 
@@ -161,8 +198,10 @@ def run(calls: int = 500, jobs: Optional[int] = None, operations: Optional[List[
     ) as pool:
         workdir = Path(directory)
         counted = (*COUNTED, "python") if with_python else COUNTED
+        splits: Dict[str, Dict[str, Dict[str, float]]] = {"module": {}, "cython": {}}
         # The slowest first, so that the two cores stay busy to the end.
-        pending = {impl: pool.submit(count, impl, calls, workdir, names) for impl in reversed(counted)}
+        pending = {impl: pool.submit(count, impl, calls, workdir, names, splits.get(impl))
+                   for impl in reversed(counted)}
         per_call = {impl: future.result() for impl, future in pending.items()}
     results = []
     for op in chosen:
@@ -173,6 +212,8 @@ def run(calls: int = 500, jobs: Optional[int] = None, operations: Optional[List[
                 "operation": op.name,
                 "what": op.what,
                 **{f"{impl}_instructions": round(per_call[impl][op.name]) for impl in counted},
+                "module_split": splits["module"].get(op.name),
+                "cython_split": splits["cython"].get(op.name),
                 **bench_overhead.ratios(module, cython, python, floor),
             }
         )
@@ -188,6 +229,23 @@ def format_table(report: Dict[str, Any], label: str = "") -> str:
         "* above the Cython peer)"
     )
     lines = bench_overhead.ratio_table(title, report, "instructions", "9,")
+    return "\n".join(lines + ["", format_split(report)])
+
+
+def format_split(report: Dict[str, Any]) -> str:
+    """Each operation's instructions by part, module against peer: own code, the recursion count and the
+    finalising checks (the module's), the interpreter and libraries (both)."""
+    lines = [f"{'operation':36}{'module':>9}{'own':>7}{'recur':>7}{'final':>7}{'interp':>9}"
+             f"{'cython':>9}{'own':>7}{'interp':>9}"]
+    for r in report["operations"]:
+        m, c = r.get("module_split"), r.get("cython_split")
+        if not m or not c:
+            continue
+        lines.append(
+            f"{r['operation'][:35]:36}{r['module_instructions']:>9,}{m['own code']:>7,}"
+            f"{m['recursion count']:>7,}{m['finalising checks']:>7,}{m['interpreter and libraries']:>9,}"
+            f"{r['cython_instructions']:>9,}{c['own code']:>7,}{c['interpreter and libraries']:>9,}"
+        )
     return "\n".join(lines)
 
 

@@ -8,8 +8,8 @@ Each ``--python`` is the interpreter of a virtual environment in which quillmars
 together with Cython (the peer is built with it) and pandas, psutil and numpy. For each one, in turn,
 ``measure.py`` runs in a subprocess of that interpreter: it builds the Cython peer for it and times every
 operation of the module, the peer, plain Python and the floor, interleaved in one process. The first
-interpreter also counts instructions under callgrind (when valgrind is on the PATH) and runs ``process``
-end to end against its floor (target: within 1.05).
+and the last interpreter also count instructions under callgrind (when valgrind is on the PATH), and the
+first runs ``process`` end to end against its floor (target: within 1.05).
 
 This script aggregates: one table per version, ``results.json``, ``vs_cython.png`` (module / Cython per
 operation and version) and, from the end-to-end run, ``throughput.png``. It needs matplotlib for the
@@ -75,13 +75,12 @@ def plot_vs_cython(versions: List[Dict[str, Any]], path: Path) -> None:
             widest = max(widest, q3, r["vs_cython"])
         axis.errorbar(values, rows, xerr=[lows, highs], fmt=markers[number % len(markers)], markersize=4,
                       elinewidth=0.6, capsize=0, label=version["label"])
-    counted = versions[0].get("instructions")
-    if counted is not None:
-        by_name = {r["operation"]: r for r in counted["operations"]}
+    for counted_version, marker in zip([v for v in versions if v.get("instructions") is not None], "x+"):
+        by_name = {r["operation"]: r for r in counted_version["instructions"]["operations"]}
         points = [(by_name[name]["vs_cython"], row) for row, name in enumerate(operations)
                   if name in by_name and by_name[name]["vs_cython"] is not None]
-        axis.plot([x for x, _ in points], [y for _, y in points], "x", color="black", markersize=5,
-                  label=f"instructions, {versions[0]['label']}")
+        axis.plot([x for x, _ in points], [y for _, y in points], marker, color="black", markersize=5,
+                  label=f"instructions, {counted_version['label']}")
         widest = max([widest] + [x for x, _ in points])
     axis.axvline(1.0, color="black", linewidth=0.8)
     axis.set_xlim(0, min(widest * 1.05, 4.0))
@@ -201,9 +200,31 @@ def markdown(results: Dict[str, Any]) -> str:
             own = "–" if r["own"] is None else f"{r['own']:.2f}"
             out.append(f"| {r['operation']} | {figures} | {_ratio_cell(r['vs_cython'])} | {own} |")
         out += ["", _summary_line(counted["summary"]), ""]
+        out += _split_table(version["label"], counted["operations"])
     if len(results["versions"]) > 1:
         out += _across_versions(results["versions"])
     return "\n".join(out)
+
+
+def _split_table(label: str, operations: List[Dict[str, Any]]) -> List[str]:
+    """Each operation's instructions by part, module against peer (where the counts were split)."""
+    rows = [r for r in operations if r.get("module_split") and r.get("cython_split")]
+    if not rows:
+        return []
+    out = [
+        f"#### {label}: where the instructions of one call go",
+        "",
+        "| operation | module | own code | recursion count | finalising checks | interpreter, libraries "
+        "| Cython | own code | interpreter, libraries |",
+        "| --- |" + " ---: |" * 8,
+    ]
+    for r in rows:
+        m, c = r["module_split"], r["cython_split"]
+        cells = [r["module_instructions"], m["own code"], m["recursion count"], m["finalising checks"],
+                 m["interpreter and libraries"], r["cython_instructions"], c["own code"],
+                 c["interpreter and libraries"]]
+        out.append(f"| {r['operation']} | " + " | ".join(f"{n:,}" for n in cells) + " |")
+    return out + [""]
 
 
 def _across_versions(versions: List[Dict[str, Any]]) -> List[str]:
@@ -254,7 +275,8 @@ def main() -> None:
     with tempfile.TemporaryDirectory(prefix="chunk-layer-bench-") as directory:
         for index, python in enumerate(pythons):
             options = list(timing)
-            if index == 0 and not args.quick and not args.no_instructions:
+            # Counted under the oldest and the newest: where the versions differ most.
+            if index in (0, len(pythons) - 1) and not args.quick and not args.no_instructions:
                 options.append("--instructions")
             if index == 0 and not args.no_end_to_end:
                 options += ["--end-to-end"]
