@@ -82,7 +82,7 @@ Ref import_name(Handle from, Handle name) {
 void import_from(Handle globals, const char* module, std::initializer_list<const char*> names,
                  long level = 0) {
     std::vector<Ref> name_objects;
-    for (const char* name : names) name_objects.push_back(py::str(name));
+    for (const char* name : names) name_objects.push_back(py::interned(name));
     Ref fromlist = py::tuple_from(name_objects);
     Ref imported = import_module(globals, module, fromlist, level);
     for (const Ref& name : name_objects) {
@@ -125,16 +125,16 @@ struct Field {
 // `dataclass`, as `@dataclass class Name: ...` would.
 void declare_record(Handle module_name, Handle globals, const char* name,
                     std::initializer_list<Field> fields) {
-    Ref class_name = py::str(name);
+    Ref class_name = py::interned(name);
     Ref body = py::new_dict();
     py::set_item(body, kModule, module_name);
     py::set_item(body, kQualname, class_name);
     Ref annotations = py::new_dict();
     py::set_item(body, kAnnotations, annotations);
     for (const Field& field : fields) {
-        py::set_item(annotations, py::str(field.name), py::str(field.annotation));
+        py::set_item(annotations, py::interned(field.name), py::str(field.annotation));
         Ref value = field.is_integer ? py::integer(field.default_value) : Ref::none();
-        py::set_item(body, py::str(field.name), value);
+        py::set_item(body, py::interned(field.name), value);
     }
     Ref cls = py::call(reinterpret_cast<PyObject*>(&PyType_Type), class_name, py::tuple(), body);
     Ref dataclass = py::global(globals, kDataclass);
@@ -144,14 +144,14 @@ void declare_record(Handle module_name, Handle globals, const char* name,
 
 // A plain class built with type(): its docstring, then its methods in order.
 void build_class(Handle module_name, Handle globals, const ClassDef& definition) {
-    Ref class_name = py::str(definition.name);
+    Ref class_name = py::interned(definition.name);
     Ref body = py::new_dict();
     py::set_item(body, kModule, module_name);
     py::set_item(body, kQualname, class_name);
     py::set_item(body, kDoc, py::str(definition.doc));
     for (const py::FunctionDef* method : definition.methods) {
         Ref function = py::make_function(*method, module_name, globals);
-        py::set_item(body, py::str(method->name), function);
+        py::set_item(body, py::interned(method->name), function);
     }
     Ref cls = py::call(reinterpret_cast<PyObject*>(&PyType_Type), class_name, py::tuple(), body);
     py::check_status(PyDict_SetItem(globals.get(), class_name.get(), cls.get()));

@@ -172,6 +172,11 @@ int guard_status(Body&& body) {
 inline Ref str(const char* text) {
     return Ref::steal(PyUnicode_FromString(text));
 }
+// A name: interned, as the compiler interns the names of Python code, so that dict look-ups by
+// name find it by identity.
+inline Ref interned(const char* text) {
+    return Ref::steal(PyUnicode_InternFromString(text));
+}
 inline Ref integer(long value) {
     return Ref::steal(PyLong_FromLong(value));
 }

@@ -6,6 +6,7 @@ is done with it."""
 from __future__ import annotations
 
 import gc
+import sys
 import weakref
 from typing import Any, Callable, Dict, List
 
@@ -140,3 +141,9 @@ def test_a_value_replaced_during_the_call_that_uses_it_stays_alive(restored) -> 
     assert type(layer.buffer) is original
     layer.set_buffer(buffer)
     assert alive_during_call == [True]
+
+
+@pytest.mark.parametrize("namespace", ["module", "ChunkNode", "ChunkLayer", "ChunkSensitivitiesParams"])
+def test_names_are_interned_as_the_compiler_interns_them(namespace: str) -> None:
+    names = vars(chunk_layer) if namespace == "module" else vars(getattr(chunk_layer, namespace))
+    assert [name for name in names if name is not sys.intern(name)] == []
