@@ -215,15 +215,20 @@ def _split_table(label: str, operations: List[Dict[str, Any]]) -> List[str]:
         f"#### {label}: where the instructions of one call go",
         "",
         "| operation | module | own code | recursion count | finalising checks | interpreter, libraries "
-        "| Cython | own code | interpreter, libraries |",
-        "| --- |" + " ---: |" * 8,
+        "| Cython | own code | interpreter, libraries | own with no code of the module's |",
+        "| --- |" + " ---: |" * 9,
     ]
     for r in rows:
         m, c = r["module_split"], r["cython_split"]
         cells = [r["module_instructions"], m["own code"], m["recursion count"], m["finalising checks"],
                  m["interpreter and libraries"], r["cython_instructions"], c["own code"],
                  c["interpreter and libraries"]]
-        out.append(f"| {r['operation']} | " + " | ".join(f"{n:,}" for n in cells) + " |")
+        # The own ratio the module would have if its code, recursion count and checks cost nothing:
+        # what it has the interpreter do beyond the floor, against the peer's own cost.
+        peer_own = r["cython_instructions"] - r["floor_instructions"]
+        least = "–" if r["own"] is None or peer_own <= 0 else (
+            f"{(m['interpreter and libraries'] - r['floor_instructions']) / peer_own:.2f}")
+        out.append(f"| {r['operation']} | " + " | ".join(f"{n:,}" for n in cells) + f" | {least} |")
     return out + [""]
 
 

@@ -523,9 +523,7 @@ Ref take_in(const Call& call, Handle item, Statistics& statistics) {
     Ref dset = py::call_unpacked(dataset_type, item);
     if (!py::getattr(dset, name::y).is_none() && py::truth(is_classification)) {
         Ref np = py::global(call, global::np);
-        Ref pair = py::new_list();
-        py::append(pair, statistics.targets_unique);
-        py::append(pair, py::getattr(dset, name::y));
+        Ref pair = py::list(statistics.targets_unique, py::getattr(dset, name::y));
         Ref conc = py::call_method(np, name::concatenate, pair);
         Ref present = py::call(py::global(call, global::filter_missing_and_inf), conc);
         statistics.targets_unique =
@@ -596,8 +594,7 @@ py::Coroutine rebuild_body(const Call& call) {
         if (py::compare_truth(chunk_id, py::global(call, global::BUFFER_NODE_ID), Py_EQ)) {
             dset = py::call_method(self, name::get_buffer);
         } else {
-            Ref ids = py::new_list();
-            py::append(ids, chunk_id);
+            Ref ids = py::list(chunk_id);
             dset = py::call_method(py::getattr(self, name::data_manager), kGetByNodes, ids);
         }
         co_yield py::call_method(self, name::_rebuild_node, dset, chunk_id);
@@ -615,8 +612,7 @@ Ref fetch_with_props(const Call& call) {
     Handle self = call.closure;
     Ref data_manager = py::getattr(self, name::data_manager);
     // Making the list runs no code, so the method is looked up where the call needs it.
-    Ref ids = py::new_list();
-    py::append(ids, call[0]);
+    Ref ids = py::list(call[0]);
     return py::call_method_keywords(data_manager, kGetByNodes, 1, kWithPropsKeyword, ids, Py_True);
 }
 
@@ -634,8 +630,7 @@ Ref filter_out_samples(const Call& call) {
     Ref fetch = py::make_function(kFetchWithProps, module_name, call.globals, self);
     Ref datasets = py::call(py::global(call, global::map), fetch, call[2]);
     if (py::truth(call[3]) && buffer_present(self)) {
-        Ref last = py::new_list();
-        py::append(last, py::getattr(self, name::buffer));
+        Ref last = py::list(py::getattr(self, name::buffer));
         datasets = py::call_method(py::global(call, global::itertools), kChain, datasets, last);
     }
     Ref dataset_iterator = py::iter(datasets);
@@ -646,9 +641,7 @@ Ref filter_out_samples(const Call& call) {
         Ref props = py::getattr(dset, name::props);
         Ref filtered_ind = py::call(filter_function, ind, X, y, props);
         if (py::length(filtered_ind) > 0) {
-            Ref pair = py::new_list();
-            py::append(pair, indexes_for_remove);
-            py::append(pair, filtered_ind);
+            Ref pair = py::list(indexes_for_remove, filtered_ind);
             indexes_for_remove =
                 py::call_method(py::global(call, global::np), name::concatenate, pair);
         }

@@ -235,10 +235,7 @@ Ref add_indices(const Call& call) {
         py::setattr(self, name::indices, indices);
     } else {
         Ref concatenate = py::getattr(py::global(call, global::np), name::concatenate);
-        Ref pair = Ref::steal(PyList_New(0));
-        py::append(pair, current);
-        py::append(pair, indices);
-        py::setattr(self, name::indices, py::call(concatenate, pair));
+        py::setattr(self, name::indices, py::call(concatenate, py::list(current, indices)));
     }
     return Ref::none();
 }

@@ -256,6 +256,15 @@ class TupleBuilder {
 inline Ref new_list() {
     return Ref::steal(PyList_New(0));
 }
+// [items...], made at its size as a list display is.
+template <class... Items>
+Ref list(Items&&... items) {
+    Ref result = Ref::steal(PyList_New(sizeof...(Items)));
+    Py_ssize_t position = 0;
+    // PyList_SET_ITEM steals: hand it a reference of its own for each item.
+    ((PyList_SET_ITEM(result.get(), position++, Ref::borrow(Handle(items)).release())), ...);
+    return result;
+}
 inline void append(Handle list, Handle item) {
     check_status(PyList_Append(list.get(), item.get()));
 }
