@@ -187,6 +187,23 @@ void leave_recursive_call([[maybe_unused]] const CallLevel& level) noexcept {
 #endif
 }
 
+void add_attribute_error_context([[maybe_unused]] PyObject* object,
+                                 [[maybe_unused]] PyObject* name) noexcept {
+#if PY_VERSION_HEX >= 0x030A0000
+    if (!PyErr_ExceptionMatches(PyExc_AttributeError)) return;
+    Ref error = Ref::steal_or_null(take_raised_exception());
+    if (PyErr_GivenExceptionMatches(error.get(), PyExc_AttributeError)) {
+        const auto* fields = reinterpret_cast<const PyAttributeErrorObject*>(error.get());
+        const bool known = fields->name != nullptr || fields->obj != nullptr;
+        if (!known && (PyObject_SetAttrString(error.get(), "name", name) < 0 ||
+                       PyObject_SetAttrString(error.get(), "obj", object) < 0)) {
+            return;  // that failure's error is the one raised now, as in the interpreter
+        }
+    }
+    set_raised_exception(error.release());
+#endif
+}
+
 PendingError::PendingError() noexcept {
 #if PY_VERSION_HEX >= 0x030C0000
     value_ = PyErr_GetRaisedException();

@@ -71,6 +71,11 @@ inline bool small_int_value(PyObject* object, long long& value) noexcept {
     return overflow == 0 && !(value == -1 && PyErr_Occurred());
 }
 
+// What PyObject_GetAttr adds, from 3.10 on, to an AttributeError raised while `name` is read from
+// `object`: the two, for the "Did you mean" suggestion of its traceback, unless an inner read put
+// its own there first. Called with the error set, which stays set.
+void add_attribute_error_context(PyObject* object, PyObject* name) noexcept;
+
 // What the interpreter names a callable in its call errors: "module.qualname()", or
 // "qualname()" for builtins, as in "f() argument after * must be an iterable, not int".
 // A new reference, or null with an error set.

@@ -49,8 +49,9 @@ class Str final : public Constant {
 // unknown kind.
 inline Ref getattr(Handle object, const Str& name) {
     PyObject* target = object.get();
-    if (getattrofunc slot = Py_TYPE(target)->tp_getattro)
-        return Ref::steal(slot(target, name.get()));
+    if (getattrofunc slot = Py_TYPE(target)->tp_getattro) {
+        return getattr_through_slot(slot, target, name.get());
+    }
     return getattr(object, Handle(name));
 }
 inline void setattr(Handle object, const Str& name, Handle value) {

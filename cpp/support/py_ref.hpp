@@ -287,12 +287,20 @@ inline int assign_str(Ref& field, PyObject* value, const char* message) noexcept
 
 // ---- attributes and items -----------------------------------------------------------------
 
+// object.name through the type's slot, as PyObject_GetAttr reads a str name, without its checks.
+inline Ref getattr_through_slot(getattrofunc slot, PyObject* object, PyObject* name) {
+    PyObject* value = slot(object, name);
+    if (value == nullptr) [[unlikely]] {
+        compat::add_attribute_error_context(object, name);
+        throw Error{};
+    }
+    return Ref::steal(value);
+}
 inline Ref getattr(Handle object, Handle name) {
-    // What PyObject_GetAttr does for a str name, without its checks.
     PyObject* target = object.get();
     getattrofunc slot = Py_TYPE(target)->tp_getattro;
     if (slot != nullptr && PyUnicode_CheckExact(name.get())) [[likely]] {
-        return Ref::steal(slot(target, name.get()));
+        return getattr_through_slot(slot, target, name.get());
     }
     return Ref::steal(PyObject_GetAttr(target, name.get()));
 }

@@ -3,7 +3,8 @@ loses to a data descriptor on the class, a subclass's properties and `__getattri
 honoured, and a class patched after the module loaded is seen at once."""
 
 import numpy as np
-from quillmarsh.core.tree.chunk_layer import ChunkLayer
+import pytest
+from quillmarsh.core.tree.chunk_layer import ChunkLayer, ChunkNode
 
 from chunk_support import RecordingDataManager, RecordingParent, make_dataset, patch_node_class
 from quillmarsh.core.tree import chunk_layer
@@ -190,3 +191,56 @@ def test_a_finalizer_run_by_replacing_an_attribute_changes_what_later_reads_see(
     sizes = [len(node.dset.ind) for node in layer._get_from_buffer()]
     assert sizes == [3, 2, 2, 2]
     assert layer.chunk_index == 4
+
+
+class Plain:
+    pass
+
+
+class GetattrRefuses:
+    def __getattr__(self, name):
+        raise AttributeError("refused")
+
+
+INNER = Plain()
+
+
+class InnerReadFails:
+    @property
+    def node_id(self):
+        return INNER.missing_inside
+
+
+class Slotted:
+    __slots__ = ("other",)
+
+
+def error_context(action):
+    """The name and object an AttributeError carries, as tracebacks use them for suggestions."""
+    with pytest.raises(AttributeError) as caught:
+        action()
+    error = caught.value
+    return str(error), getattr(error, "name", None), getattr(error, "obj", None)
+
+
+@pytest.mark.parametrize("owner", [Plain, GetattrRefuses, InnerReadFails])
+def test_a_failed_read_raises_what_the_same_python_read_raises(owner):
+    target = owner()
+    module_error = error_context(lambda: ChunkNode.is_buffer(target))
+    python_error = error_context(lambda: target.node_id)
+    assert module_error[0] == python_error[0]
+    assert module_error[1] == python_error[1]
+    assert module_error[2] is python_error[2]
+
+
+def test_a_failed_store_raises_what_the_same_python_store_raises():
+    target = Slotted()
+    module_error = error_context(lambda: ChunkLayer.__init__(target, RecordingDataManager()))
+
+    def store():
+        target.build_params = None
+
+    python_error = error_context(store)
+    assert module_error[0] == python_error[0]
+    assert module_error[1] == python_error[1]
+    assert module_error[2] is python_error[2]
