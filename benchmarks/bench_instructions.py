@@ -43,9 +43,10 @@ def valgrind() -> Optional[str]:
 
 #: What the module's architecture adds to a call, by function: every call into the module takes a level
 #: of the recursion count, and every reference it gives back first asks whether the interpreter is
-#: finalising (a thread ended at exit must not touch it).
+#: finalising (a thread ended at exit must not touch it). The thread-local look-up and
+#: PyThreadState_Get that the count also makes are left with the interpreter: other code calls them too.
 RECURSION_COUNT = ("enter_recursive_call", "leave_recursive_call", "this_thread_calls",
-                   "Py_EnterRecursiveCall", "Py_LeaveRecursiveCall", "PyThreadState_Get")
+                   "Py_EnterRecursiveCall", "Py_LeaveRecursiveCall")
 FINALISING_CHECK = ("Py_IsFinalizing",)  # _Py_IsFinalizing up to 3.12
 SPLIT = ("own code", "recursion count", "finalising checks", "interpreter and libraries")
 
