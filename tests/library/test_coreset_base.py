@@ -19,7 +19,7 @@ class Fixed(CoresetBase):
     def _min_samples(self, X: np.ndarray, y: np.ndarray | None) -> int:
         return self.min_samples
 
-    def _sensitivities(self, X: np.ndarray, y: np.ndarray | None) -> np.ndarray:
+    def _sensitivities(self, X: np.ndarray, y: np.ndarray | None, sample_weight: np.ndarray | None) -> np.ndarray:
         return self.values[: len(X)]
 
 
@@ -105,7 +105,20 @@ def test_weights_sum_estimates_row_count() -> None:
     totals = [c.sample(coreset_size=300, random_state=seed)[1].sum(dtype=np.float64) for seed in range(40)]
     assert abs(np.mean(totals) - n) < 0.05 * n
     idxs, weights = c.sample(coreset_size=300)
-    assert len(idxs) <= 300 and (np.diff(idxs) > 0).all() and (weights > 0).all()
+    assert len(idxs) == 300 and (np.diff(idxs) > 0).all() and (weights > 0).all()
+
+
+def test_sample_weights_divide_the_rows_weights_by_their_inclusion_probability() -> None:
+    n = 400
+    s = np.random.default_rng(4).uniform(0.5, 2.0, size=n)
+    w = np.random.default_rng(5).uniform(1.0, 4.0, size=n)
+    c = Fixed(s, random_state=0)
+    c.compute_sensitivities(X=np.zeros((n, 1)), sample_weight=w)
+    idxs, weights = c.sample(coreset_size=40)
+    p = 40 * s / s.sum()  # no row reaches probability 1 here
+    np.testing.assert_allclose(weights, (w / p)[idxs], rtol=1e-5)
+    d = c.to_dict(use_keep_selected_only=True)
+    np.testing.assert_allclose(d["sample_weight"], w[idxs])
 
 
 def test_size_at_least_row_count_keeps_every_row() -> None:
@@ -146,7 +159,8 @@ def test_to_dict_keys_and_default_size() -> None:
     c = Fixed(np.linspace(0.1, 1.0, n), random_state=0)
     c.compute_sensitivities(X=np.zeros((n, 2)))
     d = c.to_dict()
-    assert set(d) == {"coreset_size", "n_samples", "dtype", "idxs", "weights"}
+    assert set(d) == {"coreset_size", "n_samples", "dtype", "idxs", "weights", "X", "y", "sample_weight"}
+    assert d["X"].shape == (len(d["idxs"]), 2) and d["y"] is None and d["sample_weight"] is None
     assert d["coreset_size"] == CoresetBase.default_coreset_size(n) == 100
     assert d["n_samples"] == n and d["dtype"] == "float32"
     assert isinstance(d["coreset_size"], int) and d["idxs"].dtype == np.int64
@@ -164,6 +178,17 @@ def test_to_dict_with_important_and_full_arrays() -> None:
     assert full["weights"].shape == (6,) and full["sensitivities"].shape == (6,)
     np.testing.assert_allclose(full["weights"][selected["idxs"]], selected["weights"])
     assert full["weights"].sum() == pytest.approx(selected["weights"].sum())
+    assert full["X"].shape == (6, 1)
+
+
+def test_to_dict_keeps_the_rows_in_their_own_precision() -> None:
+    X = np.array([[0.1], [1e-9 + 1.0], [2.0]])
+    y = np.array([1, 2, 3])
+    c = Fixed(np.ones(3), random_state=0)  # computes in float32
+    c.compute_sensitivities(X=X, y=y)
+    d = c.to_dict(use_keep_selected_only=False)
+    assert d["X"] is X and d["X"][1, 0] == 1e-9 + 1.0
+    assert d["y"] is y
 
 
 def test_new_sensitivities_forget_the_old_sample() -> None:

@@ -1,1 +1,5 @@
-"""The coreset tree; its chunk layer is the compiled module ``chunk_layer``."""
+"""The coreset tree, ``CoresetTree``; its chunk layer is the compiled module ``chunk_layer``."""
+
+from quillmarsh.core.tree.coreset_tree import Coreset, CoresetTree
+
+__all__ = ["Coreset", "CoresetTree"]
