@@ -19,7 +19,9 @@ class Fixed(CoresetBase):
     def _min_samples(self, X: np.ndarray, y: np.ndarray | None) -> int:
         return self.min_samples
 
-    def _sensitivities(self, X: np.ndarray, y: np.ndarray | None, sample_weight: np.ndarray | None) -> np.ndarray:
+    def _sensitivities(
+        self, X: np.ndarray, y: np.ndarray | None, sample_weight: np.ndarray | None
+    ) -> np.ndarray:
         return self.values[: len(X)]
 
 

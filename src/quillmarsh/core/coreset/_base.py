@@ -67,7 +67,9 @@ class CoresetBase(BaseEstimator, abc.ABC):  # type: ignore[misc]
         """The fewest rows the sensitivity computation needs for this input."""
 
     @abc.abstractmethod
-    def _sensitivities(self, X: np.ndarray, y: np.ndarray | None, sample_weight: np.ndarray | None) -> np.ndarray:
+    def _sensitivities(
+        self, X: np.ndarray, y: np.ndarray | None, sample_weight: np.ndarray | None
+    ) -> np.ndarray:
         """One sensitivity per row of the finite ``X`` (and 2-D ``y``, or None), in ``self.dtype``.
 
         ``sample_weight`` is None (every row weighs 1) or one positive float64 weight per row.
@@ -190,8 +192,8 @@ class CoresetBase(BaseEstimator, abc.ABC):  # type: ignore[misc]
         ``"sample_weight"`` (the rows' weights before sampling, None when none were given). With
         ``use_keep_selected_only`` the per-row arrays hold the selected rows only (``weights[j]`` is the
         weight of row ``idxs[j]``); without it they have one entry per row (weight 0 for rows not
-        selected), and ``"X"``, ``"y"`` and ``"sample_weight"`` are the arrays given, not copies. ``with_important`` adds ``"sensitivities"``
-        (same rule) and ``"important_idxs"``: the positions of the ``min(coreset_size, n_samples)`` rows of
+        selected), and ``"X"``, ``"y"`` and ``"sample_weight"`` are the arrays given, not copies.
+        ``with_important`` adds ``"sensitivities"`` (same rule) and ``"important_idxs"``: the positions of the ``min(coreset_size, n_samples)`` rows of
         highest sensitivity, highest first.
         """
         if self._sample is None:

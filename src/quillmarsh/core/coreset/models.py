@@ -39,13 +39,16 @@ class CoresetKMeans(CoresetBase):
     def _min_samples(self, X: np.ndarray, y: np.ndarray | None) -> int:
         return self.k
 
-    def _sensitivities(self, X: np.ndarray, y: np.ndarray | None, sample_weight: np.ndarray | None) -> np.ndarray:
+    def _sensitivities(
+        self, X: np.ndarray, y: np.ndarray | None, sample_weight: np.ndarray | None
+    ) -> np.ndarray:
         n = X.shape[0]
         w = np.ones(n) if sample_weight is None else sample_weight
         # centred, so the distance expansion loses less precision
-        X = X - (X.mean(axis=0) if sample_weight is None else np.average(X, axis=0, weights=w).astype(X.dtype))
+        centre = X.mean(axis=0) if sample_weight is None else np.average(X, axis=0, weights=w)
+        X = X - centre.astype(X.dtype)
         rng = np.random.default_rng(self.random_state)
-        first = rng.integers(n) if sample_weight is None else rng.choice(n, p=w / w.sum())
+        first = int(rng.integers(n) if sample_weight is None else rng.choice(n, p=w / w.sum()))
         centers = X[[first]]
         d2 = _sq_distances(X, centers)[:, 0]
         while len(centers) < self.k:
@@ -69,7 +72,8 @@ class CoresetKMeans(CoresetBase):
         total = cost.sum(dtype=np.float64)
         share = cost / total if total > 0 else np.zeros_like(cost)
         cluster_weight = np.bincount(labels, weights=w)
-        return (share + w / cluster_weight[labels]).astype(self.dtype)
+        sensitivities: np.ndarray = (share + w / cluster_weight[labels]).astype(self.dtype)
+        return sensitivities
 
 
 class CoresetLinearRegression(CoresetBase):
@@ -84,7 +88,9 @@ class CoresetLinearRegression(CoresetBase):
     def _min_samples(self, X: np.ndarray, y: np.ndarray | None) -> int:
         return int(X.shape[1] + (0 if y is None else y.shape[1]))
 
-    def _sensitivities(self, X: np.ndarray, y: np.ndarray | None, sample_weight: np.ndarray | None) -> np.ndarray:
+    def _sensitivities(
+        self, X: np.ndarray, y: np.ndarray | None, sample_weight: np.ndarray | None
+    ) -> np.ndarray:
         Z = X if y is None else np.hstack([X, y])
         n = Z.shape[0]
         if sample_weight is not None:

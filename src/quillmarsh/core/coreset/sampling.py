@@ -44,13 +44,17 @@ def inclusion_probabilities(sensitivities: Any, size: int) -> np.ndarray:
     # With the k largest rows certain, the rest scale by c_k = (size - k) / (sum of the rest); the
     # smallest k for which the (k+1)-th largest row stays below 1 is the one.
     order = np.argsort(-s, kind="stable")
-    descending = s[order][:size]
-    rest = s.sum() - np.concatenate(([0.0], np.cumsum(descending)[:-1]))
+    ranked = s[order]
+    # The sums of the rest, added from the smallest up: no cancellation against the large rows.
+    rest = np.cumsum(ranked[::-1])[::-1][:size]
+    descending = ranked[:size]
     scale = (size - np.arange(size)) / rest
-    certain = int(np.argmax(scale * descending <= 1.0)) if (scale * descending <= 1.0).any() else size
-    p = np.minimum(1.0, scale[min(certain, size - 1)] * s)
+    fits = scale * descending <= 1.0
+    certain = int(np.argmax(fits)) if fits.any() else size - 1
+    p = np.minimum(1.0, scale[certain] * s)
     p[order[:certain]] = 1.0
-    return p
+    probabilities: np.ndarray = p
+    return probabilities
 
 
 def sample_rows(

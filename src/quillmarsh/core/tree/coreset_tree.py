@@ -17,12 +17,12 @@ from typing import Any, Dict, Iterable, List, NamedTuple, Optional, Sequence, Tu
 
 import numpy as np
 import pandas as pd
+from quillmarsh.core.tree.chunk_layer import ChunkLayer, ChunkNode, ChunkSensitivitiesParams
 from sklearn.utils.validation import has_fit_parameter
 
 from quillmarsh.common import ThreadPoolManager
 from quillmarsh.core.coreset._base import CoresetBase
 from quillmarsh.core.coreset.sampling import sample_rows
-from quillmarsh.core.tree.chunk_layer import ChunkLayer, ChunkNode, ChunkSensitivitiesParams
 from quillmarsh.data.common import Dataset
 from quillmarsh.data.manager import DataManager, DataParams, FeatureField
 
@@ -97,8 +97,8 @@ def _union(parts: Sequence[Coreset]) -> Coreset:
     X = np.concatenate(
         [np.pad(p.X, ((0, 0), (0, width - p.X.shape[1]))) if p.X.shape[1] < width else p.X for p in parts]
     )
-    ys = [part.y for part in parts]
-    y = None if any(value is None for value in ys) else np.concatenate(ys)  # type: ignore[arg-type]
+    ys = [part.y for part in parts if part.y is not None]
+    y = np.concatenate(ys) if len(ys) == len(parts) else None
     return Coreset(
         ids=np.concatenate([part.ids for part in parts]),
         X=X,
@@ -167,7 +167,13 @@ class CoresetTree:
         n_jobs: Optional[int] = None,
         random_state: Union[None, int, np.random.Generator] = None,
     ) -> None:
-        templates = [coreset] if isinstance(coreset, CoresetBase) else list(coreset)
+        templates = (
+            [coreset]
+            if isinstance(coreset, CoresetBase)
+            else list(coreset)
+            if isinstance(coreset, (list, tuple))
+            else []
+        )
         if not templates or not all(isinstance(t, CoresetBase) for t in templates):
             raise TypeError("coreset must be a coreset object (a CoresetBase) or a non-empty list of them")
         self.coreset_objects = templates
@@ -194,7 +200,7 @@ class CoresetTree:
 
     # -- the stream -----------------------------------------------------------------------------------
 
-    def add(self, X: Any, y: Any = None, ids: Any = None) -> "CoresetTree":
+    def add(self, X: Any, y: Any = None, ids: Any = None) -> CoresetTree:
         """Add a block of rows.
 
         Parameters
@@ -284,7 +290,8 @@ class CoresetTree:
         """
         if not has_fit_parameter(estimator, "sample_weight"):
             raise TypeError(
-                f"{type(estimator).__name__}.fit takes no sample_weight, so it cannot fit on a weighted coreset"
+                f"{type(estimator).__name__}.fit takes no sample_weight, "
+                "so it cannot fit on a weighted coreset"
             )
         summary = self.coreset(index)
         if summary.ids.size == 0:
@@ -314,9 +321,11 @@ class CoresetTree:
             rng = self._rng(t, 0, leaf_index)
             rows = self._rows_of(record.coreset, ids)
             idxs, weights = sample_rows(
-                record.coreset["sensitivities"], self.coreset_size, rows.weights, random_state=rng
+                _sensitivities_of(record.coreset), self.coreset_size, rows.weights, random_state=rng
             )
-            self._merge_up(t, 0, leaf_index, Coreset(rows.ids[idxs], rows.X[idxs], _take(rows.y, idxs), weights))
+            self._merge_up(
+                t, 0, leaf_index, Coreset(rows.ids[idxs], rows.X[idxs], _take(rows.y, idxs), weights)
+            )
         with self._lock:
             self.n_leaves_ += 1
 
@@ -369,7 +378,7 @@ class CoresetTree:
             for t, record in enumerate(node.coresets):
                 rows = self._rows_of(record.coreset, ids)
                 idxs, weights = sample_rows(
-                    record.coreset["sensitivities"],
+                    _sensitivities_of(record.coreset),
                     self.coreset_size,
                     rows.weights,
                     random_state=self._rng(t, _BUFFER_NODE, self.n_samples_),
@@ -381,8 +390,9 @@ class CoresetTree:
     # -- helpers ----------------------------------------------------------------------------------------
 
     @staticmethod
-    def _rows_of(coreset: Dict[str, Any], ids: np.ndarray) -> Coreset:
+    def _rows_of(coreset: Optional[Dict[str, Any]], ids: np.ndarray) -> Coreset:
         """A node's rows from its coreset record: the processed features and targets, each of weight 1."""
+        assert coreset is not None, "the chunk layer builds every record with its coreset"
         X = np.asarray(coreset["X"], dtype=np.float64)
         if X.shape[0] != ids.shape[0]:
             raise RuntimeError(f"a node's coreset holds {X.shape[0]} rows, but the node {ids.shape[0]} ids")
@@ -427,19 +437,25 @@ class CoresetTree:
             if self._kind == "array":
                 raise TypeError(f"{block} is a DataFrame, but earlier blocks were arrays")
             if self.feature_names_in_ is not None and columns != self.feature_names_in_:
-                raise ValueError(f"{block} has the columns {columns}, but earlier blocks {self.feature_names_in_}")
+                raise ValueError(
+                    f"{block} has the columns {columns}, but earlier blocks {self.feature_names_in_}"
+                )
             values = X.to_numpy()
         else:
             if self._kind == "frame":
                 raise TypeError(f"{block} is an array, but earlier blocks were DataFrames")
             values = np.asarray(X)
             if values.dtype.kind not in "biuf":
-                raise TypeError(f"X of {block} must be numeric, got dtype {values.dtype}; pass tables as DataFrames")
+                raise TypeError(
+                    f"X of {block} must be numeric, got dtype {values.dtype}; pass tables as DataFrames"
+                )
         if values.ndim != 2:
             raise ValueError(f"X of {block} must be 2-D, got {values.ndim}-D")
         n, width = values.shape
         if self.n_features_in_ is not None and width != self.n_features_in_:
-            raise ValueError(f"X of {block} has {width} features, but earlier blocks had {self.n_features_in_}")
+            raise ValueError(
+                f"X of {block} has {width} features, but earlier blocks had {self.n_features_in_}"
+            )
         safe = all(t.safe_mode for t in self._templates)
         if columns is None and not safe and n:
             finite = np.isfinite(values).all(axis=0)
@@ -464,13 +480,17 @@ class CoresetTree:
                     raise ValueError(f"y of {block} holds NaN or infinite values")
         if self._has_y is not None and (target is not None) != self._has_y:
             given = "given" if target is not None else "not given"
-            raise ValueError(f"y is {given} for {block}, but {'not ' if target is not None else ''}for earlier blocks")
+            raise ValueError(
+                f"y is {given} for {block}, but {'not ' if target is not None else ''}for earlier blocks"
+            )
         if ids is None:
             row_ids = np.arange(self.n_samples_, self.n_samples_ + n, dtype=np.int64)
         else:
             raw = np.asarray(ids)
             if raw.dtype.kind not in "iu" or raw.ndim != 1:
-                raise TypeError(f"ids of {block} must be a 1-D array of ints, got {raw.dtype} of {raw.ndim}-D")
+                raise TypeError(
+                    f"ids of {block} must be a 1-D array of ints, got {raw.dtype} of {raw.ndim}-D"
+                )
             if raw.shape[0] != n:
                 raise ValueError(f"ids of {block} has {raw.shape[0]} entries, but X has {n} rows")
             row_ids = raw.astype(np.int64)
@@ -491,6 +511,12 @@ def _few(values: Iterable[Any], limit: int = 5) -> str:
     return ", ".join(str(v) for v in listed[:limit]) + more
 
 
+def _sensitivities_of(coreset: Optional[Dict[str, Any]]) -> np.ndarray:
+    """The sensitivity of every row of a node's coreset record."""
+    assert coreset is not None
+    return np.asarray(coreset["sensitivities"])
+
+
 def _take(values: Optional[np.ndarray], idxs: np.ndarray) -> Optional[np.ndarray]:
     return None if values is None else values[idxs]
 
@@ -508,5 +534,7 @@ def _entropy(random_state: Union[None, int, np.random.Generator]) -> int:
     if isinstance(random_state, np.random.Generator):
         return int(random_state.integers(2**63 - 1))
     if isinstance(random_state, bool) or not isinstance(random_state, numbers.Integral) or random_state < 0:
-        raise ValueError(f"random_state must be None, a non-negative int or a numpy Generator, got {random_state!r}")
+        raise ValueError(
+            f"random_state must be None, a non-negative int or a numpy Generator, got {random_state!r}"
+        )
     return int(random_state)
