@@ -193,8 +193,8 @@ class CoresetBase(BaseEstimator, abc.ABC):  # type: ignore[misc]
         ``use_keep_selected_only`` the per-row arrays hold the selected rows only (``weights[j]`` is the
         weight of row ``idxs[j]``); without it they have one entry per row (weight 0 for rows not
         selected), and ``"X"``, ``"y"`` and ``"sample_weight"`` are the arrays given, not copies.
-        ``with_important`` adds ``"sensitivities"`` (same rule) and ``"important_idxs"``: the positions of the ``min(coreset_size, n_samples)`` rows of
-        highest sensitivity, highest first.
+        ``with_important`` adds ``"sensitivities"`` (same rule) and ``"important_idxs"``: the positions
+        of the ``min(coreset_size, n_samples)`` rows of highest sensitivity, highest first.
         """
         if self._sample is None:
             self.sample()
