@@ -258,12 +258,18 @@ class TableReader:
 
         usecols = None if self._requested is None else self.columns
         try:
-            with open(self.path, "rb") as handle, warnings.catch_warnings():
-                warnings.simplefilter("ignore", pd.errors.DtypeWarning)
+            with open(self.path, "rb") as handle:
                 self._handle = handle
                 reader = pd.read_csv(handle, chunksize=self.batch_rows, engine="c", usecols=usecols)
                 with reader:
-                    for batch in reader:
+                    while True:
+                        with warnings.catch_warnings():
+                            # A column of mixed types within a batch: the caller's feature space sorts
+                            # out the values, so pandas' advice to set a dtype does not apply.
+                            warnings.simplefilter("ignore", pd.errors.DtypeWarning)
+                            batch = next(reader, None)
+                        if batch is None:
+                            break
                         batch.columns = [str(c) for c in batch.columns]
                         if usecols is not None:
                             batch = batch[self.columns]

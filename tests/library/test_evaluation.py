@@ -281,6 +281,15 @@ def test_first_batches_smaller_than_the_width() -> None:
     np.testing.assert_allclose(np.append(model.coef_, model.intercept_), expected, rtol=1e-9)
 
 
+def test_one_large_batch_equals_many_small_ones() -> None:
+    rng = np.random.default_rng(19)
+    X = rng.normal(size=(10_000, 3))
+    y = X @ [1.0, -1.0, 0.5] + rng.normal(size=10_000)
+    whole = StreamingLeastSquares().partial_fit(X, y)
+    np.testing.assert_allclose(whole.coef_, fit_streamed(X, y).coef_, rtol=1e-10)
+    np.testing.assert_allclose(whole.coef_, lstsq(with_ones(X), y)[:3], rtol=1e-10)
+
+
 def test_least_squares_errors() -> None:
     model = StreamingLeastSquares()
     with pytest.raises(ValueError, match="partial_fit first"):
