@@ -300,7 +300,11 @@ class TableReader:
 
     def _check_parquet(self) -> List[str]:
         parquet_file = self._parquet_file()
-        names = [str(name) for name in parquet_file.schema_arrow.names]
+        schema = parquet_file.schema_arrow
+        # A table written from pandas may store its index as columns: those are not data columns.
+        index_columns = {name for name in (schema.pandas_metadata or {}).get("index_columns", [])
+                         if isinstance(name, str)}
+        names = [str(name) for name in schema.names if name not in index_columns]
         chosen = self._chosen(names)
         self.num_rows = int(parquet_file.metadata.num_rows)
         if self.num_rows == 0:
@@ -317,7 +321,7 @@ class TableReader:
         self.bytes_read = 0
         for group in range(groups):
             try:
-                table = parquet_file.read_row_group(group, columns=self._requested)
+                table = parquet_file.read_row_group(group, columns=self.columns)
             except Exception as exc:  # a damaged row group
                 raise ValueError(f"{self.path} cannot be read as Parquet (row group {group}): "
                                  f"{_one_line(exc)}") from None

@@ -107,6 +107,17 @@ def test_parquet_selected_columns(tmp_path: Path) -> None:
     assert joined["city"].tolist() == frame["city"].tolist()
 
 
+def test_parquet_written_with_a_pandas_index(tmp_path: Path) -> None:
+    frame = table().set_index("city")
+    path = tmp_path / "indexed.parquet"
+    frame.to_parquet(path, row_group_size=10)
+    reader = iter_table(path, batch_rows=4)
+    assert reader.columns == ["a", "b", "price"]
+    joined = pd.concat(read_all(reader))
+    assert joined.index.tolist() == list(range(23))
+    np.testing.assert_array_equal(joined["b"].to_numpy(), frame["b"].to_numpy())
+
+
 def test_parquet_without_a_requested_column(tmp_path: Path) -> None:
     path = write_parquet(tmp_path / "t.parquet", table(), row_group_size=10)
     with pytest.raises(ValueError, match="no column 'target'") as caught:
