@@ -200,7 +200,7 @@ def test_text_that_is_not_utf8(tmp_path: Path) -> None:
 
 def test_malformed_line_later_in_the_csv(tmp_path: Path) -> None:
     path = tmp_path / "bad.csv"
-    path.write_text("a,b\n" + "1,2\n" * 50 + "1,2,3\n" + "1,2\n" * 5)
+    path.write_text("a,b\n" + "1,2\n" * 50 + '"1,2\n' + "1,2\n" * 5)  # a quote never closed
     reader = iter_table(path, batch_rows=10)
     with pytest.raises(ValueError, match="cannot be read as CSV") as caught:
         read_all(reader)
