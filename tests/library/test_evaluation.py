@@ -290,6 +290,28 @@ def test_one_large_batch_equals_many_small_ones() -> None:
     np.testing.assert_allclose(whole.coef_, lstsq(with_ones(X), y)[:3], rtol=1e-10)
 
 
+@settings(max_examples=40, deadline=None)
+@given(seed=st.integers(0, 2**32 - 1), n=st.integers(1, 120), d=st.integers(1, 6),
+       splits=st.lists(st.integers(0, 120), max_size=8))
+def test_streamed_fits_do_not_depend_on_the_batches(seed: int, n: int, d: int, splits: List[int]) -> None:
+    rng = np.random.default_rng(seed)
+    X = rng.normal(size=(n, d)) * rng.uniform(0.1, 10, size=d) + rng.normal(size=d) * 100
+    y = X @ rng.normal(size=d) + rng.normal(size=n)
+    w = rng.random(n) + 0.1
+    bounds = sorted({0, n, *(s for s in splits if s < n)})
+    model, scaler = StreamingLeastSquares(), StreamingStandardizer()
+    for a, b in zip(bounds[:-1], bounds[1:]):
+        model.partial_fit(X[a:b], y[a:b], w[a:b])
+        scaler.partial_fit(X[a:b], w[a:b])
+    whole = StreamingLeastSquares().partial_fit(X, y, w)
+    np.testing.assert_allclose(model.predict(X), whole.predict(X), rtol=1e-7, atol=1e-7 * np.abs(y).max())
+    assert model.rank_ == whole.rank_
+    mean = np.average(X, axis=0, weights=w)
+    np.testing.assert_allclose(scaler.mean_, mean, rtol=1e-9, atol=1e-9)
+    np.testing.assert_allclose(scaler.var_, np.average((X - mean) ** 2, axis=0, weights=w), rtol=1e-7,
+                               atol=1e-9)
+
+
 def test_least_squares_errors() -> None:
     model = StreamingLeastSquares()
     with pytest.raises(ValueError, match="partial_fit first"):
