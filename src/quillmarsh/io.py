@@ -9,23 +9,38 @@ numpy and any JSON reader.
     from quillmarsh.io import load_coresets
     for coreset in load_coresets("out"):
         print(coreset.node_id, coreset.model, coreset.X.shape, coreset.weights.sum())
+
+Reading a table in batches of rows, CSV or Parquet by the file's suffix, with the bytes read so far for a
+progress bar:
+
+    from quillmarsh.io import iter_table
+    table = iter_table("data.parquet", batch_rows=25_000)
+    for batch in table:          # pandas DataFrames; batch.index is each row's 0-based position
+        print(batch.index[0], len(batch), table.bytes_read, "of", table.size_bytes)
 """
 
 from __future__ import annotations
 
+import importlib
 import json
 import os
 import re
+import warnings
 from dataclasses import dataclass, field
-from typing import Any, Dict, List, Sequence, Union
+from typing import IO, TYPE_CHECKING, Any, Dict, Iterator, List, Optional, Sequence, Union
 
 import numpy as np
+
+if TYPE_CHECKING:
+    import pandas as pd
 
 MANIFEST = "manifest.json"
 FORMAT = "quillmarsh-coresets"
 VERSION = 1
 
 PathLike = Union[str, "os.PathLike[str]"]
+
+__all__ = ["StoredCoreset", "TableReader", "iter_table", "load_coresets", "save_coresets"]
 
 
 @dataclass
@@ -143,3 +158,245 @@ def load_coresets(directory: PathLike) -> List[StoredCoreset]:
                 extra=dict(entry.get("extra", {})),
             ))
     return loaded
+
+
+# Reading tables in batches of rows.
+
+CSV_SUFFIXES = (".csv",)
+PARQUET_SUFFIXES = (".parquet", ".pq")
+
+
+def _one_line(exc: BaseException) -> str:
+    return " ".join(str(exc).split()) or type(exc).__name__
+
+
+def _table_format(path: str) -> str:
+    lowered = path.lower()
+    if lowered.endswith(CSV_SUFFIXES):
+        return "csv"
+    if lowered.endswith(PARQUET_SUFFIXES):
+        return "parquet"
+    known = ", ".join(CSV_SUFFIXES + PARQUET_SUFFIXES)
+    suffix = os.path.splitext(path)[1] or "no suffix"
+    raise ValueError(f"{path}: unknown table format ({suffix}); expected one of {known}")
+
+
+class TableReader:
+    """A CSV or Parquet file read in batches of rows; see ``iter_table``.
+
+    Every iteration reads the file afresh from its start, so a caller that needs two passes iterates
+    twice. Attributes, valid from construction on:
+
+    Attributes
+    ----------
+    path : str
+        The file.
+    format : {"csv", "parquet"}
+        Chosen by the file's suffix.
+    columns : list of str
+        The columns every batch holds, in the file's order (only the requested ones when ``columns``
+        was given).
+    size_bytes : int
+        The file's size in bytes.
+    bytes_read : int
+        Bytes of the file consumed by the current (or last) iteration: the position of the CSV reader in
+        the file, or the compressed size of the Parquet row groups read so far (plus its footer). It
+        reaches ``size_bytes`` when an iteration ends, so it can drive a progress bar over bytes.
+    rows_read : int
+        Data rows yielded by the current (or last) iteration.
+    num_rows : int or None
+        The file's data rows when known without reading it (Parquet), else None.
+    """
+
+    def __init__(self, path: PathLike, batch_rows: int, columns: Optional[Sequence[str]] = None) -> None:
+        self.path = os.fspath(path)
+        if isinstance(batch_rows, bool) or not isinstance(batch_rows, (int, np.integer)) or batch_rows < 1:
+            raise ValueError(f"batch_rows must be a positive integer, got {batch_rows!r}")
+        self.batch_rows = int(batch_rows)
+        if columns is not None and (isinstance(columns, str) or not all(isinstance(c, str) for c in columns)):
+            raise ValueError("columns must be a list of column names")
+        self.format = _table_format(self.path)
+        if not os.path.exists(self.path):
+            raise FileNotFoundError(f"{self.path}: no such file")
+        if os.path.isdir(self.path):
+            raise ValueError(f"{self.path} is a folder, not a {self.format.upper()} file")
+        if not os.access(self.path, os.R_OK):
+            raise ValueError(f"{self.path} cannot be read: permission denied")
+        self.size_bytes = os.path.getsize(self.path)
+        if self.size_bytes == 0:
+            raise ValueError(f"{self.path} is empty")
+        self.bytes_read = 0
+        self.rows_read = 0
+        self.num_rows: Optional[int] = None
+        self._requested = None if columns is None else list(columns)
+        self._handle: Optional[IO[bytes]] = None
+        self._parquet_read = 0
+        if self.format == "csv":
+            self.columns = self._check_csv()
+        else:
+            self.columns = self._check_parquet()
+
+    # CSV
+
+    def _check_csv(self) -> List[str]:
+        import pandas as pd
+
+        try:
+            head = pd.read_csv(self.path, nrows=1, engine="c")
+        except pd.errors.EmptyDataError:
+            raise ValueError(f"{self.path} holds no CSV header") from None
+        except (pd.errors.ParserError, UnicodeDecodeError, OSError) as exc:
+            raise ValueError(f"{self.path} cannot be read as CSV: {_one_line(exc)}") from None
+        names = [str(c) for c in head.columns]
+        chosen = self._chosen(names)
+        if len(head) == 0:
+            raise ValueError(f"{self.path} has a header but no rows")
+        return chosen
+
+    def _iter_csv(self) -> Iterator[pd.DataFrame]:
+        import pandas as pd
+
+        usecols = None if self._requested is None else self.columns
+        try:
+            with open(self.path, "rb") as handle:
+                self._handle = handle
+                reader = pd.read_csv(handle, chunksize=self.batch_rows, engine="c", usecols=usecols)
+                with reader:
+                    while True:
+                        with warnings.catch_warnings():
+                            # A column of mixed types within a batch: the caller's feature space sorts
+                            # out the values, so pandas' advice to set a dtype does not apply.
+                            warnings.simplefilter("ignore", pd.errors.DtypeWarning)
+                            batch = next(reader, None)
+                        if batch is None:
+                            break
+                        batch.columns = [str(c) for c in batch.columns]
+                        if usecols is not None:
+                            batch = batch[self.columns]
+                        self._update_csv_position()
+                        yield self._numbered(batch)
+        except (pd.errors.ParserError, UnicodeDecodeError) as exc:
+            raise ValueError(f"{self.path} cannot be read as CSV: {_one_line(exc)}") from None
+        finally:
+            self._handle = None
+        self.bytes_read = self.size_bytes
+
+    def _update_csv_position(self) -> None:
+        handle = self._handle
+        try:
+            if handle is not None:
+                self.bytes_read = min(self.size_bytes, handle.tell())
+        except (ValueError, OSError):  # a closed handle: the reading is over
+            pass
+
+    # Parquet
+
+    def _parquet_file(self) -> Any:
+        parquet: Any = importlib.import_module("pyarrow.parquet")
+        try:
+            return parquet.ParquetFile(self.path)
+        except Exception as exc:  # pyarrow's ArrowInvalid and friends: a file that is not Parquet
+            raise ValueError(f"{self.path} cannot be read as Parquet: {_one_line(exc)}") from None
+
+    def _check_parquet(self) -> List[str]:
+        parquet_file = self._parquet_file()
+        schema = parquet_file.schema_arrow
+        # A table written from pandas may store its index as columns: those are not data columns.
+        index_columns = {name for name in (schema.pandas_metadata or {}).get("index_columns", [])
+                         if isinstance(name, str)}
+        names = [str(name) for name in schema.names if name not in index_columns]
+        chosen = self._chosen(names)
+        self.num_rows = int(parquet_file.metadata.num_rows)
+        if self.num_rows == 0:
+            raise ValueError(f"{self.path} has no rows")
+        return chosen
+
+    def _iter_parquet(self) -> Iterator[pd.DataFrame]:
+        parquet_file = self._parquet_file()
+        metadata = parquet_file.metadata
+        groups = metadata.num_row_groups
+        sizes = [sum(int(metadata.row_group(g).column(c).total_compressed_size)
+                     for c in range(metadata.num_columns)) for g in range(groups)]
+        footer = max(0, self.size_bytes - sum(sizes))  # header, footer and metadata
+        self.bytes_read = 0
+        for group in range(groups):
+            try:
+                table = parquet_file.read_row_group(group, columns=self.columns)
+            except Exception as exc:  # a damaged row group
+                raise ValueError(f"{self.path} cannot be read as Parquet (row group {group}): "
+                                 f"{_one_line(exc)}") from None
+            self.bytes_read = min(self.size_bytes, footer + sum(sizes[: group + 1]))
+            for start in range(0, table.num_rows, self.batch_rows):
+                piece = table.slice(start, self.batch_rows).to_pandas()
+                piece.columns = [str(c) for c in piece.columns]
+                yield self._numbered(piece[self.columns])
+            del table
+        self.bytes_read = self.size_bytes
+
+    # Both
+
+    def _chosen(self, names: List[str]) -> List[str]:
+        if self._requested is None:
+            return names
+        missing = [c for c in self._requested if c not in names]
+        if missing:
+            raise ValueError(f"{self.path} has no column {', '.join(repr(c) for c in missing)} "
+                             f"(columns: {', '.join(names)})")
+        wanted = set(self._requested)
+        return [name for name in names if name in wanted]
+
+    def _numbered(self, batch: pd.DataFrame) -> pd.DataFrame:
+        import pandas as pd
+
+        batch.index = pd.RangeIndex(self.rows_read, self.rows_read + len(batch), name="row")
+        self.rows_read += len(batch)
+        return batch
+
+    def __iter__(self) -> Iterator[pd.DataFrame]:
+        self.rows_read = 0
+        self.bytes_read = 0
+        if self.format == "csv":
+            return self._iter_csv()
+        return self._iter_parquet()
+
+    def __repr__(self) -> str:
+        return f"TableReader({self.path!r}, batch_rows={self.batch_rows}, format={self.format!r})"
+
+
+def iter_table(path: PathLike, batch_rows: int, columns: Optional[Sequence[str]] = None) -> TableReader:
+    """Read a CSV or Parquet file in batches of at most ``batch_rows`` rows.
+
+    Parameters
+    ----------
+    path : str or os.PathLike
+        A ``.csv`` file (read by pandas' C parser, ``batch_rows`` rows at a time) or a ``.parquet`` /
+        ``.pq`` file (read by pyarrow one row group at a time, each cut into batches of ``batch_rows``
+        rows; a batch never spans two row groups).
+    batch_rows : int
+        The most rows of a batch.
+    columns : sequence of str, optional
+        Read only these columns (kept in the file's order). All columns by default.
+
+    Returns
+    -------
+    TableReader
+        An iterable of pandas DataFrames. Each DataFrame's index is a ``RangeIndex`` named ``row`` that
+        continues across batches: a row's 0-based position among the file's data rows. Iterating again
+        reads the file again. ``size_bytes`` and ``bytes_read`` tell the progress over bytes.
+
+    Raises
+    ------
+    FileNotFoundError
+        When the file does not exist.
+    ValueError
+        When the suffix is not a known one; the path is a folder, cannot be read, is empty, has no
+        header or no data rows, or is not a valid CSV or Parquet file; ``columns`` names a column the
+        file lacks; or ``batch_rows`` is not a positive integer. A damaged part found later, while
+        iterating, also raises ``ValueError``. Every message is one line.
+
+    Notes
+    -----
+    Memory holds one batch for CSV and one row group for Parquet (plus the batch cut from it), never
+    the whole file.
+    """
+    return TableReader(path, batch_rows, columns)

@@ -1,0 +1,1074 @@
+"""Judging a summary against the full data, in bounded memory.
+
+Callers feed batches of rows; nothing here holds more than one batch plus state of size O(d^2) for d
+features (or the m rows of a reservoir sample).
+
+- ``StreamingStandardizer``: streamed means and variances (weighted, merged batch by batch), the
+  transform to standardised features, and the constant columns to drop.
+- ``StreamingLeastSquares``: the exact least squares of every row fed, from the R factor of a QR
+  decomposition updated batch by batch; rank deficiency (constant or collinear columns) is handled by a
+  minimum-norm solve on standardised columns, so a constant column gets coefficient 0.
+- ``RegressionScore``: the summed squared loss and R^2 of a model over a stream.
+- ``ReservoirSample``: a uniform sample of fixed size over a stream.
+- ``kmeans_cost`` and ``streamed_kmeans_cost``: the k-means cost of centres on a batch or a stream.
+- Reference runners (``reference_least_squares``, ``reference_kmeans``, ``reference_sgd_regressor``):
+  full-data models fitted over a stream, each with its time and memory.
+
+A *stream of batches* is either an iterable of batches or a callable that returns a fresh iterable
+(needed by runners that read the stream more than once). A *batch* is an array ``X``, a pair
+``(X, y)`` or a triple ``(X, y, sample_weight)``; ``y`` or ``sample_weight`` may be None.
+
+Example
+-------
+>>> import numpy as np
+>>> from quillmarsh.evaluation import StreamingLeastSquares
+>>> rng = np.random.default_rng(0)
+>>> model = StreamingLeastSquares()
+>>> for _ in range(3):
+...     X = rng.normal(size=(100, 2))
+...     _ = model.partial_fit(X, X @ [1.0, -2.0] + 3.0)
+>>> np.round(model.coef_, 6).tolist(), round(model.intercept_, 6)
+([1.0, -2.0], 3.0)
+"""
+
+from __future__ import annotations
+
+import contextlib
+import importlib
+import sys
+import time
+import tracemalloc
+from dataclasses import dataclass, field
+from typing import Any, Callable, Dict, Iterable, Iterator, List, Optional, Tuple, Union
+
+import numpy as np
+
+from quillmarsh.core.distances import squared_distances
+
+__all__ = [
+    "Batch",
+    "BatchStream",
+    "RandomState",
+    "ReferenceResult",
+    "RegressionScore",
+    "ReservoirSample",
+    "StreamingLeastSquares",
+    "StreamingStandardizer",
+    "kmeans_cost",
+    "reference_kmeans",
+    "reference_least_squares",
+    "reference_sgd_regressor",
+    "squared_distances",
+    "standardized",
+    "streamed_kmeans_cost",
+    "streamed_regression_score",
+]
+
+RandomState = Union[None, int, np.random.Generator]
+_QR_ROWS = 4096
+"""Rows of a batch stacked under the R factor of ``StreamingLeastSquares`` at once."""
+Batch = Union[np.ndarray, Tuple[Any, ...]]
+"""An array ``X``, ``(X, y)`` or ``(X, y, sample_weight)``."""
+BatchStream = Union[Iterable[Batch], Callable[[], Iterable[Batch]]]
+"""An iterable of batches, or a callable that returns a fresh one for every pass."""
+
+
+# Validation
+
+
+def _check_2d(X: Any, name: str = "X", n_features: Optional[int] = None) -> np.ndarray:
+    """A 2-D float array of finite values (float32 stays float32; other types become float64)."""
+    arr = np.asarray(X)
+    if arr.ndim != 2:
+        raise ValueError(f"{name} must be 2-D (rows, features), got {arr.ndim}-D")
+    if arr.dtype.kind != "f":
+        try:
+            arr = arr.astype(np.float64)
+        except (TypeError, ValueError):
+            raise ValueError(f"{name} must hold numbers, got dtype {arr.dtype}") from None
+    if not np.isfinite(arr).all():
+        raise ValueError(f"{name} holds missing or infinite values")
+    if n_features is not None and arr.shape[1] != n_features:
+        raise ValueError(f"{name} has {arr.shape[1]} features, expected {n_features}")
+    return arr
+
+
+def _check_y(y: Any, n_samples: int) -> np.ndarray:
+    arr = np.asarray(y)
+    if arr.ndim == 2 and arr.shape[1] == 1:
+        arr = arr[:, 0]
+    if arr.ndim != 1 or len(arr) != n_samples:
+        raise ValueError(f"y must be 1-D with one value per row ({n_samples}), got shape {arr.shape}")
+    try:
+        arr = arr.astype(np.float64, copy=False)
+    except (TypeError, ValueError):
+        raise ValueError(f"y must hold numbers, got dtype {arr.dtype}") from None
+    if not np.isfinite(arr).all():
+        raise ValueError("y holds missing or infinite values")
+    return arr
+
+
+def _check_weight(sample_weight: Any, n_samples: int) -> np.ndarray:
+    if sample_weight is None:
+        return np.ones(n_samples)
+    arr = np.asarray(sample_weight, dtype=np.float64)
+    if arr.ndim == 0:
+        arr = np.full(n_samples, float(arr))
+    if arr.ndim != 1 or len(arr) != n_samples:
+        raise ValueError(f"sample_weight must be 1-D with one value per row ({n_samples}), "
+                         f"got shape {arr.shape}")
+    if not np.isfinite(arr).all() or (arr < 0).any():
+        raise ValueError("sample_weight must be finite and non-negative")
+    return arr
+
+
+def _positive_int(value: Any, name: str) -> int:
+    if isinstance(value, bool) or not isinstance(value, (int, np.integer)) or value < 1:
+        raise ValueError(f"{name} must be a positive integer, got {value!r}")
+    return int(value)
+
+
+def _not_fitted(name: str) -> ValueError:
+    return ValueError(f"this {name} has seen no rows yet: call partial_fit first")
+
+
+# Squared distances and the k-means cost
+
+
+def kmeans_cost(X: Any, centers: Any, sample_weight: Any = None) -> float:
+    """The k-means cost of ``centers`` on a batch: weighted sum of squared distances to the nearest centre.
+
+    Parameters
+    ----------
+    X : array-like of shape (n_samples, n_features)
+    centers : array-like of shape (n_centers, n_features)
+    sample_weight : array-like of shape (n_samples,), optional
+        One non-negative weight per row; 1 by default.
+
+    Returns
+    -------
+    float
+        The cost, summed in float64 (0.0 for a batch without rows).
+    """
+    X = _check_2d(X)
+    centers = _check_2d(centers, "centers", n_features=X.shape[1])
+    if len(centers) == 0:
+        raise ValueError("centers must hold at least one centre")
+    weight = _check_weight(sample_weight, len(X))
+    if len(X) == 0:
+        return 0.0
+    nearest = squared_distances(X, centers).min(axis=1)
+    return float(np.dot(weight, nearest.astype(np.float64)))
+
+
+def streamed_kmeans_cost(batches: BatchStream, centers: Any) -> float:
+    """The k-means cost of ``centers`` over a stream of batches (``y`` is ignored).
+
+    Parameters
+    ----------
+    batches : iterable of batches, or a callable that returns one
+        Arrays ``X``, or ``(X, y)`` / ``(X, y, sample_weight)`` tuples.
+    centers : array-like of shape (n_centers, n_features)
+
+    Returns
+    -------
+    float
+        The summed cost of every batch.
+    """
+    total = 0.0
+    for batch in _one_pass(batches, 1):
+        X, _, weight = _unpack(batch)
+        total += kmeans_cost(X, centers, weight)
+    return total
+
+
+# Standardisation
+
+
+class StreamingStandardizer:
+    """Means and variances of the features over a stream, and the transform to standardised features.
+
+    Each batch's weighted mean and sum of squared deviations are computed on their own and merged into
+    the running ones (the pairwise update of Chan, Golub and LeVeque), which stays accurate where a
+    running sum of squares would cancel, such as timestamps in seconds. A column is constant when every
+    row with a positive weight holds the same value (checked exactly, by its minimum and maximum): its
+    variance is exactly 0, it is listed in ``constant_columns_``, and ``transform`` drops it.
+
+    Parameters
+    ----------
+    drop_constant : bool, default True
+        Whether ``transform`` leaves out the constant columns. When False, they are kept and come out
+        as ``X - mean`` (a scale of 1).
+
+    Attributes
+    ----------
+    n_features_in_ : int
+        Features of the rows fed.
+    n_samples_seen_ : int
+        Rows fed (whatever their weight).
+    sum_weights_ : float
+        Sum of the weights of the rows fed.
+    mean_ : numpy.ndarray of shape (n_features_in_,)
+        Weighted means.
+    var_ : numpy.ndarray of shape (n_features_in_,)
+        Weighted population variances (divided by the sum of the weights).
+    scale_ : numpy.ndarray of shape (n_features_in_,)
+        Standard deviations, 1.0 for the constant columns.
+    constant_columns_ : numpy.ndarray of int
+        Indices of the columns with zero variance.
+    kept_columns_ : numpy.ndarray of int
+        Indices of the columns ``transform`` returns.
+    """
+
+    def __init__(self, drop_constant: bool = True) -> None:
+        self.drop_constant = bool(drop_constant)
+        self.n_samples_seen_ = 0
+        self.sum_weights_ = 0.0
+        self._mean: Optional[np.ndarray] = None
+        self._m2: Optional[np.ndarray] = None
+        self._min: Optional[np.ndarray] = None
+        self._max: Optional[np.ndarray] = None
+
+    def partial_fit(self, X: Any, sample_weight: Any = None) -> StreamingStandardizer:
+        """Add a batch of rows to the running means and variances.
+
+        Parameters
+        ----------
+        X : array-like of shape (n_samples, n_features)
+            Finite numbers; the same number of features in every batch.
+        sample_weight : array-like of shape (n_samples,), optional
+            One non-negative weight per row; 1 by default.
+
+        Returns
+        -------
+        StreamingStandardizer
+            self.
+        """
+        X = _check_2d(X, n_features=None if self._mean is None else len(self._mean))
+        weight = _check_weight(sample_weight, len(X))
+        d = X.shape[1]
+        if self._mean is None:
+            self._mean, self._m2 = np.zeros(d), np.zeros(d)
+            self._min, self._max = np.full(d, np.inf), np.full(d, -np.inf)
+        assert self._m2 is not None and self._min is not None and self._max is not None
+        self.n_samples_seen_ += len(X)
+        present = weight > 0
+        batch_weight = float(weight.sum())
+        if batch_weight <= 0:
+            return self
+        rows = (X if present.all() else X[present]).astype(np.float64, copy=False)
+        w = weight if present.all() else weight[present]
+        np.minimum(self._min, rows.min(axis=0), out=self._min)
+        np.maximum(self._max, rows.max(axis=0), out=self._max)
+        batch_mean = w @ rows / batch_weight
+        deviation = rows - batch_mean
+        np.square(deviation, out=deviation)
+        batch_m2 = w @ deviation
+        del deviation
+        total = self.sum_weights_ + batch_weight
+        delta = batch_mean - self._mean
+        self._mean = self._mean + delta * (batch_weight / total)
+        self._m2 = self._m2 + batch_m2 + np.square(delta) * (self.sum_weights_ * batch_weight / total)
+        self.sum_weights_ = total
+        return self
+
+    def _state(self) -> Tuple[np.ndarray, np.ndarray, np.ndarray]:
+        if self._mean is None or self._m2 is None or self.sum_weights_ <= 0:
+            raise _not_fitted(type(self).__name__)
+        assert self._min is not None and self._max is not None
+        constant = self._min == self._max
+        var = np.where(constant, 0.0, np.maximum(self._m2, 0.0) / self.sum_weights_)
+        mean = np.where(constant, self._min, self._mean)
+        return mean, var, constant
+
+    @property
+    def n_features_in_(self) -> int:
+        if self._mean is None:
+            raise _not_fitted(type(self).__name__)
+        return len(self._mean)
+
+    @property
+    def mean_(self) -> np.ndarray:
+        return self._state()[0]
+
+    @property
+    def var_(self) -> np.ndarray:
+        return self._state()[1]
+
+    @property
+    def scale_(self) -> np.ndarray:
+        _, var, constant = self._state()
+        scale: np.ndarray = np.where(constant | (var <= 0), 1.0, np.sqrt(var))
+        return scale
+
+    @property
+    def constant_columns_(self) -> np.ndarray:
+        return np.flatnonzero(self._state()[2])
+
+    @property
+    def kept_columns_(self) -> np.ndarray:
+        constant = self._state()[2]
+        return np.flatnonzero(~constant) if self.drop_constant else np.arange(len(constant))
+
+    def transform(self, X: Any) -> np.ndarray:
+        """Standardise a batch: ``(X - mean_) / scale_`` on the kept columns.
+
+        Parameters
+        ----------
+        X : array-like of shape (n_samples, n_features_in_)
+
+        Returns
+        -------
+        numpy.ndarray of shape (n_samples, len(kept_columns_))
+            In the float type of ``X`` (float64 for non-float input).
+        """
+        X = _check_2d(X, n_features=self.n_features_in_)
+        kept = self.kept_columns_
+        out: np.ndarray = X[:, kept]  # a copy, standardised in place
+        out -= self.mean_[kept].astype(X.dtype)
+        out /= self.scale_[kept].astype(X.dtype)
+        return out
+
+
+# Least squares
+
+
+class StreamingLeastSquares:
+    """The exact least squares of every row fed, updated batch by batch from a QR decomposition.
+
+    The state is the upper-triangular R factor of ``[1, X - s, y - t]`` (every row scaled by the square
+    root of its weight), where the shifts ``s`` and ``t`` are the medians of the first batch: each batch
+    is stacked under R and decomposed again (Householder QR), so the state has ``d + 2`` rows and
+    columns whatever the stream's length, and the normal equations are never formed. The solve moves to
+    standardised columns within R (centring and scaling are column operations, exact on R), drops the
+    constant columns (coefficient 0), and takes the minimum-norm least-squares solution there: a column
+    that repeats others (rank deficiency) shares the weight with them instead of getting a huge
+    coefficient.
+
+    Parameters
+    ----------
+    fit_intercept : bool, default True
+        Whether to fit an intercept. Without one, constant columns are not dropped (they play its part).
+    rcond : float, optional
+        Relative cut-off of the singular values of the standardised design, below which a direction
+        counts as rank deficient. By default ``eps * max(n_samples_seen_, n_features + 1)``, as
+        ``numpy.linalg.lstsq`` does on the whole matrix, raised with an intercept to the precision the
+        centred columns are known to: ``10 * eps * max |x_j| / std_j`` (a column far from 0 for its
+        spread, such as a timestamp, or a sum of such columns, is only known that well).
+
+    Attributes
+    ----------
+    coef_ : numpy.ndarray of shape (n_features_in_,)
+    intercept_ : float
+        0.0 without ``fit_intercept``.
+    rank_ : int
+        Rank of the standardised design without the constant columns.
+    constant_columns_ : numpy.ndarray of int
+        Columns with a single value among the rows of positive weight.
+    n_features_in_ : int
+    n_samples_seen_ : int
+    sum_weights_ : float
+    """
+
+    def __init__(self, fit_intercept: bool = True, rcond: Optional[float] = None) -> None:
+        if rcond is not None and not (np.isfinite(rcond) and rcond >= 0):
+            raise ValueError(f"rcond must be a non-negative number, got {rcond!r}")
+        self.fit_intercept = bool(fit_intercept)
+        self.rcond = rcond
+        self.n_samples_seen_ = 0
+        self.sum_weights_ = 0.0
+        self._R: Optional[np.ndarray] = None
+        self._shift: Optional[np.ndarray] = None
+        self._min: Optional[np.ndarray] = None
+        self._max: Optional[np.ndarray] = None
+        self._solution: Optional[Tuple[np.ndarray, float, int]] = None
+
+    def partial_fit(self, X: Any, y: Any, sample_weight: Any = None) -> StreamingLeastSquares:
+        """Add a batch of rows.
+
+        Parameters
+        ----------
+        X : array-like of shape (n_samples, n_features)
+            Finite numbers; the same number of features in every batch.
+        y : array-like of shape (n_samples,)
+        sample_weight : array-like of shape (n_samples,), optional
+            One non-negative weight per row; 1 by default.
+
+        Returns
+        -------
+        StreamingLeastSquares
+            self.
+        """
+        X = _check_2d(X, n_features=None if self._shift is None else len(self._shift) - 1)
+        y = _check_y(y, len(X))
+        weight = _check_weight(sample_weight, len(X))
+        present = weight > 0
+        self.n_samples_seen_ += len(X)
+        if not present.any():
+            return self
+        if not present.all():
+            X, y, weight = X[present], y[present], weight[present]
+        X = X.astype(np.float64, copy=False)
+        d = X.shape[1]
+        if self._shift is None:
+            self._shift = np.append(np.median(X, axis=0), np.median(y))
+            self._min, self._max = X.min(axis=0), X.max(axis=0)
+            self._R = np.zeros((0, d + 2))
+        assert self._R is not None and self._min is not None and self._max is not None
+        np.minimum(self._min, X.min(axis=0), out=self._min)
+        np.maximum(self._max, X.max(axis=0), out=self._max)
+        # A few thousand rows at a time under R: the work is the same, the copies stay small.
+        step = max(_QR_ROWS, 4 * (d + 2))
+        for start in range(0, len(X), step):
+            root = np.sqrt(weight[start: start + step])
+            stacked = np.empty((len(self._R) + len(root), d + 2))
+            stacked[: len(self._R)] = self._R
+            block = stacked[len(self._R):]
+            block[:, 0] = root
+            np.subtract(X[start: start + step], self._shift[:d], out=block[:, 1:-1])
+            block[:, -1] = y[start: start + step] - self._shift[-1]
+            block[:, 1:] *= root[:, None]
+            self._R = np.linalg.qr(stacked, mode="r")[: d + 2]
+        self.sum_weights_ += float(weight.sum())
+        self._solution = None
+        return self
+
+    @property
+    def n_features_in_(self) -> int:
+        if self._shift is None:
+            raise _not_fitted(type(self).__name__)
+        return len(self._shift) - 1
+
+    @property
+    def constant_columns_(self) -> np.ndarray:
+        if self._min is None or self._max is None:
+            raise _not_fitted(type(self).__name__)
+        return np.flatnonzero(self._min == self._max)
+
+    def _solve(self) -> Tuple[np.ndarray, float, int]:
+        if self._solution is not None:
+            return self._solution
+        if self._R is None or self._shift is None or self._min is None or self._max is None:
+            raise _not_fitted(type(self).__name__)
+        R, shift, d = self._R, self._shift, len(self._shift) - 1
+        if R.shape[0] < d + 2:  # fewer rows than columns so far: pad R with zero rows
+            R = np.vstack([R, np.zeros((d + 2 - R.shape[0], d + 2))])
+        eps = np.finfo(np.float64).eps
+        coef = np.zeros(d)
+        means = np.zeros(d + 1)
+        if self.fit_intercept:
+            # Row 0 of R holds the weighted sums: the means are its ratios to R[0, 0]. The rows below
+            # are the R factor of the centred columns.
+            means = R[0, 1:] / R[0, 0] + shift
+            design, target = R[1:, 1:-1], R[1:, -1]
+            kept = self._min != self._max
+        else:
+            # Undo the shift: adding multiples of the first column keeps R triangular.
+            raw = R[:, 1:] + np.outer(R[:, 0], shift)
+            design, target = raw[:, :-1], raw[:, -1]
+            kept = np.ones(d, dtype=bool)
+        norms = np.linalg.norm(design, axis=0)
+        kept &= norms > 0
+        rank = 0
+        if kept.any():
+            rcond = self.rcond
+            if rcond is None:
+                rcond = eps * max(self.n_samples_seen_, d + 1)
+                if self.fit_intercept:
+                    # A centred column is known to about eps * |x| / std of itself (a timestamp column
+                    # in seconds, or a sum of such columns, carries rounding of that size): directions
+                    # below that are noise, not signal.
+                    spread = norms[kept] / np.sqrt(self.sum_weights_)
+                    magnitude = np.maximum(np.abs(self._min[kept]), np.abs(self._max[kept]))
+                    rcond = max(rcond, 10.0 * eps * float(np.max(magnitude / spread)))
+            scaled = design[:, kept] / norms[kept]
+            solution, _, rank, _ = np.linalg.lstsq(scaled, target, rcond=rcond)
+            coef[kept] = solution / norms[kept]
+        intercept = float(means[-1] - coef @ means[:-1]) if self.fit_intercept else 0.0
+        self._solution = (coef, intercept, int(rank))
+        return self._solution
+
+    @property
+    def coef_(self) -> np.ndarray:
+        return self._solve()[0].copy()
+
+    @property
+    def intercept_(self) -> float:
+        return self._solve()[1]
+
+    @property
+    def rank_(self) -> int:
+        return self._solve()[2]
+
+    def predict(self, X: Any) -> np.ndarray:
+        """Predictions ``X @ coef_ + intercept_`` for a batch (float64).
+
+        Parameters
+        ----------
+        X : array-like of shape (n_samples, n_features_in_)
+
+        Returns
+        -------
+        numpy.ndarray of shape (n_samples,)
+        """
+        coef, intercept, _ = self._solve()
+        X = _check_2d(X, n_features=len(coef))
+        prediction: np.ndarray = X.astype(np.float64, copy=False) @ coef + intercept
+        return prediction
+
+    def loss(self, X: Any, y: Any, sample_weight: Any = None) -> float:
+        """The summed (weighted) squared loss of the model on a batch.
+
+        Parameters
+        ----------
+        X : array-like of shape (n_samples, n_features_in_)
+        y : array-like of shape (n_samples,)
+        sample_weight : array-like of shape (n_samples,), optional
+
+        Returns
+        -------
+        float
+            ``sum_i w_i (y_i - prediction_i)^2``.
+        """
+        prediction = self.predict(X)
+        y = _check_y(y, len(prediction))
+        weight = _check_weight(sample_weight, len(prediction))
+        return float(weight @ np.square(y - prediction))
+
+    def score(self, X: Any, y: Any, sample_weight: Any = None) -> float:
+        """R^2 of the model on a batch (NaN when ``y`` does not vary).
+
+        Parameters
+        ----------
+        X : array-like of shape (n_samples, n_features_in_)
+        y : array-like of shape (n_samples,)
+        sample_weight : array-like of shape (n_samples,), optional
+
+        Returns
+        -------
+        float
+        """
+        return RegressionScore().update(y, self.predict(X), sample_weight).r2_
+
+
+class RegressionScore:
+    """The summed squared loss and R^2 of predictions over a stream, one batch at a time.
+
+    R^2 needs the spread of ``y`` around its mean over the whole stream; it is merged batch by batch
+    like the variances of ``StreamingStandardizer``.
+
+    Attributes
+    ----------
+    loss_ : float
+        ``sum_i w_i (y_i - prediction_i)^2`` over every batch.
+    total_sum_of_squares_ : float
+        ``sum_i w_i (y_i - mean(y))^2``.
+    r2_ : float
+        ``1 - loss_ / total_sum_of_squares_`` (NaN when ``y`` does not vary).
+    mean_loss_ : float
+        ``loss_ / sum_weights_``.
+    n_samples_seen_ : int
+    sum_weights_ : float
+    """
+
+    def __init__(self) -> None:
+        self.loss_ = 0.0
+        self.n_samples_seen_ = 0
+        self.sum_weights_ = 0.0
+        self._mean = 0.0
+        self._m2 = 0.0
+
+    def update(self, y_true: Any, y_pred: Any, sample_weight: Any = None) -> RegressionScore:
+        """Add a batch of targets and predictions.
+
+        Parameters
+        ----------
+        y_true, y_pred : array-like of shape (n_samples,)
+        sample_weight : array-like of shape (n_samples,), optional
+
+        Returns
+        -------
+        RegressionScore
+            self.
+        """
+        y_true = _check_y(y_true, len(np.asarray(y_true)))
+        y_pred = _check_y(y_pred, len(y_true))
+        weight = _check_weight(sample_weight, len(y_true))
+        self.n_samples_seen_ += len(y_true)
+        batch_weight = float(weight.sum())
+        if batch_weight <= 0:
+            return self
+        self.loss_ += float(weight @ np.square(y_true - y_pred))
+        batch_mean = float(weight @ y_true) / batch_weight
+        batch_m2 = float(weight @ np.square(y_true - batch_mean))
+        total = self.sum_weights_ + batch_weight
+        delta = batch_mean - self._mean
+        self._mean += delta * batch_weight / total
+        self._m2 += batch_m2 + delta * delta * self.sum_weights_ * batch_weight / total
+        self.sum_weights_ = total
+        return self
+
+    @property
+    def total_sum_of_squares_(self) -> float:
+        return self._m2
+
+    @property
+    def r2_(self) -> float:
+        return 1.0 - self.loss_ / self._m2 if self._m2 > 0 else float("nan")
+
+    @property
+    def mean_loss_(self) -> float:
+        return self.loss_ / self.sum_weights_ if self.sum_weights_ > 0 else float("nan")
+
+
+def streamed_regression_score(model: Any, batches: BatchStream) -> RegressionScore:
+    """Score a fitted regressor (anything with ``predict``) over a stream of ``(X, y[, w])`` batches.
+
+    Parameters
+    ----------
+    model : object with ``predict(X)``
+        ``StreamingLeastSquares``, a scikit-learn regressor, ...
+    batches : iterable of batches, or a callable that returns one
+
+    Returns
+    -------
+    RegressionScore
+        Its ``loss_`` and ``r2_`` over every batch.
+    """
+    score = RegressionScore()
+    for batch in _one_pass(batches, 1):
+        X, y, weight = _unpack(batch)
+        if y is None:
+            raise ValueError("scoring a regressor needs batches of (X, y) or (X, y, sample_weight)")
+        score.update(y, model.predict(X), weight)
+    return score
+
+
+# Reservoir sampling
+
+
+class ReservoirSample:
+    """A uniform sample of ``size`` rows over a stream of batches (reservoir sampling).
+
+    Every row fed is in the sample with the same probability ``size / n`` after ``n`` rows, and every
+    set of ``size`` rows is equally likely. The first ``size`` rows fill the sample; the row at 0-based
+    position ``t`` after them takes a uniformly drawn slot ``j`` in ``0..t`` when ``j < size``
+    (Algorithm R), drawn for a whole batch at once. The sample holds its rows of ``X``, of ``y`` and
+    their ids: ``ids`` as given, or the rows' 0-based positions in the stream.
+
+    Parameters
+    ----------
+    size : int
+        The sample's size ``m``.
+    random_state : None, int or numpy.random.Generator
+        Seeds the draws: the same seed and the same batches give the same sample.
+
+    Attributes
+    ----------
+    X, y, ids : numpy.ndarray
+        The sampled rows (``min(m, n)`` of them, in no particular order); ``y`` is None when no batch
+        had one.
+    weights : numpy.ndarray
+        ``n / min(m, n)`` for every sampled row: the rows each one stands for.
+    n_samples_seen_ : int
+        Rows fed so far (``n``).
+    """
+
+    def __init__(self, size: int, random_state: RandomState = None) -> None:
+        self.size = _positive_int(size, "size")
+        self.random_state = random_state
+        self._rng = np.random.default_rng(random_state)
+        self.n_samples_seen_ = 0
+        self._X: Optional[np.ndarray] = None
+        self._y: Optional[np.ndarray] = None
+        self._ids: Optional[np.ndarray] = None
+        self._with_y: Optional[bool] = None
+
+    @staticmethod
+    def _store(buffer: Optional[np.ndarray], values: np.ndarray, size: int) -> np.ndarray:
+        """A buffer of ``size`` entries shaped like ``values``'s rows, widened to hold their type."""
+        if buffer is None:
+            return np.empty((size, *values.shape[1:]), dtype=values.dtype)
+        if buffer.shape[1:] != values.shape[1:]:
+            raise ValueError(f"a batch has rows of shape {values.shape[1:]}, earlier ones {buffer.shape[1:]}")
+        dtype = np.result_type(buffer.dtype, values.dtype)
+        return buffer if dtype == buffer.dtype else buffer.astype(dtype)
+
+    def partial_fit(self, X: Any, y: Any = None, ids: Any = None) -> ReservoirSample:
+        """Offer a batch of rows to the sample.
+
+        Parameters
+        ----------
+        X : array-like of shape (n_samples, ...)
+            The rows, of any dtype (kept as they are).
+        y : array-like of shape (n_samples,), optional
+            Give it with every batch or with none.
+        ids : array-like of shape (n_samples,), optional
+            The rows' ids; their 0-based positions in the stream by default.
+
+        Returns
+        -------
+        ReservoirSample
+            self.
+        """
+        X = np.asarray(X)
+        if X.ndim < 1:
+            raise ValueError("X must hold one entry per row")
+        n = len(X)
+        if self._with_y is None:
+            self._with_y = y is not None
+        elif self._with_y != (y is not None):
+            raise ValueError("give y with every batch or with none")
+        y_arr = None if y is None else np.asarray(y)
+        if y_arr is not None and len(y_arr) != n:
+            raise ValueError(f"y has {len(y_arr)} entries for {n} rows")
+        start = self.n_samples_seen_
+        ids_arr = np.arange(start, start + n) if ids is None else np.asarray(ids)
+        if len(ids_arr) != n:
+            raise ValueError(f"ids has {len(ids_arr)} entries for {n} rows")
+        if n == 0:
+            return self
+        self._X = self._store(self._X, X, self.size)
+        self._ids = self._store(self._ids, ids_arr, self.size)
+        if y_arr is not None:
+            self._y = self._store(self._y, y_arr, self.size)
+
+        # Rows that fill the empty slots.
+        fill = max(0, min(self.size - start, n))
+        if fill:
+            self._put(np.arange(start, start + fill), np.arange(fill), X, y_arr, ids_arr)
+        # The others: row t replaces slot j ~ U{0..t} when j < size; for a slot drawn twice in the batch
+        # the later row wins, as if they came one by one.
+        if fill < n:
+            positions = np.arange(start + fill, start + n, dtype=np.int64)
+            slots = self._rng.integers(0, positions + 1)
+            chosen = np.flatnonzero(slots < self.size)
+            reversed_slots = slots[chosen][::-1]
+            unique_slots, last = np.unique(reversed_slots, return_index=True)
+            rows = fill + chosen[::-1][last]
+            self._put(unique_slots, rows, X, y_arr, ids_arr)
+        self.n_samples_seen_ += n
+        return self
+
+    def _put(self, slots: np.ndarray, rows: np.ndarray, X: np.ndarray, y: Optional[np.ndarray],
+             ids: np.ndarray) -> None:
+        assert self._X is not None and self._ids is not None
+        self._X[slots] = X[rows]
+        self._ids[slots] = ids[rows]
+        if y is not None:
+            assert self._y is not None
+            self._y[slots] = y[rows]
+
+    @property
+    def count(self) -> int:
+        """Rows in the sample: ``min(size, n_samples_seen_)``."""
+        return min(self.size, self.n_samples_seen_)
+
+    @property
+    def X(self) -> np.ndarray:  # noqa: N802  (the rows, named as everywhere else)
+        if self._X is None:
+            raise _not_fitted(type(self).__name__)
+        return self._X[: self.count].copy()
+
+    @property
+    def y(self) -> Optional[np.ndarray]:
+        return None if self._y is None else self._y[: self.count].copy()
+
+    @property
+    def ids(self) -> np.ndarray:
+        if self._ids is None:
+            raise _not_fitted(type(self).__name__)
+        return self._ids[: self.count].copy()
+
+    @property
+    def weights(self) -> np.ndarray:
+        count = self.count
+        return np.full(count, self.n_samples_seen_ / count if count else 1.0)
+
+
+# Streams and reference runners
+
+
+def _unpack(batch: Batch) -> Tuple[Any, Any, Any]:
+    if isinstance(batch, tuple):
+        if not 1 <= len(batch) <= 3:
+            raise ValueError(f"a batch is X, (X, y) or (X, y, sample_weight); got a tuple of {len(batch)}")
+        padded = (*batch, None, None)
+        return padded[0], padded[1], padded[2]
+    return batch, None, None
+
+
+def _one_pass(batches: BatchStream, passes: int) -> Iterator[Batch]:
+    """One pass over the stream, for a caller that makes ``passes`` passes in all."""
+    if callable(batches):
+        return iter(batches())
+    iterator = iter(batches)
+    if passes > 1 and iterator is batches:
+        raise ValueError(f"this needs {passes} passes over the batches: give a callable that returns a "
+                         "fresh iterable of batches, or a list")
+    return iterator
+
+
+def standardized(batches: BatchStream, standardizer: StreamingStandardizer) -> Callable[[], Iterator[Batch]]:
+    """The stream with every ``X`` standardised by a fitted ``standardizer`` (``y`` and weights as they are).
+
+    Parameters
+    ----------
+    batches : iterable of batches, or a callable that returns one
+    standardizer : StreamingStandardizer
+        Fitted.
+
+    Returns
+    -------
+    callable
+        Returns a fresh iterator of ``(X_standardised, y, sample_weight)`` at every call (a new pass over
+        ``batches``).
+    """
+
+    def passes() -> Iterator[Batch]:
+        for batch in _one_pass(batches, 1):
+            X, y, weight = _unpack(batch)
+            yield standardizer.transform(X), y, weight
+
+    return passes
+
+
+@dataclass
+class ReferenceResult:
+    """A model fitted over a stream, with what it took.
+
+    Attributes
+    ----------
+    model : object
+        The fitted model.
+    seconds : float
+        Wall time of the fit, reading the stream included.
+    passes : int
+        Passes over the stream.
+    peak_memory_bytes : int or None
+        Peak of the memory allocated during the fit (Python objects and numpy arrays, by
+        ``tracemalloc``), when asked for with ``measure_memory=True``.
+    peak_rss_bytes : int or None
+        The process's peak resident memory at the end of the fit (all it did before included), where
+        the platform tells it.
+    cost : float or None
+        For k-means: the streamed cost of the chosen centres.
+    details : dict
+        Anything else the runner reports (the cost of every start, ...).
+    """
+
+    model: Any
+    seconds: float
+    passes: int
+    peak_memory_bytes: Optional[int] = None
+    peak_rss_bytes: Optional[int] = None
+    cost: Optional[float] = None
+    details: Dict[str, Any] = field(default_factory=dict)
+
+
+def _peak_rss_bytes() -> Optional[int]:
+    try:
+        import resource
+    except ImportError:  # not on Windows
+        return None
+    peak = int(resource.getrusage(resource.RUSAGE_SELF).ru_maxrss)
+    return peak if sys.platform == "darwin" else peak * 1024
+
+
+class _Measure:
+    """Wall time and, when asked, the tracemalloc peak of a block."""
+
+    def __init__(self, memory: bool) -> None:
+        self.memory = memory
+        self.seconds = 0.0
+        self.peak: Optional[int] = None
+        self._started_tracing = False
+        self._start = 0.0
+
+    def __enter__(self) -> _Measure:
+        if self.memory:
+            self._started_tracing = not tracemalloc.is_tracing()
+            if self._started_tracing:
+                tracemalloc.start()
+            tracemalloc.reset_peak()
+        self._start = time.perf_counter()
+        return self
+
+    def __exit__(self, *exc: object) -> None:
+        self.seconds = time.perf_counter() - self._start
+        if self.memory:
+            self.peak = tracemalloc.get_traced_memory()[1]
+            if self._started_tracing:
+                tracemalloc.stop()
+
+
+def _seeds(random_state: RandomState, count: int) -> List[int]:
+    rng = np.random.default_rng(random_state)
+    return [int(seed) for seed in rng.integers(0, 2**31 - 1, size=count)]
+
+
+def reference_least_squares(batches: BatchStream, *, fit_intercept: bool = True,
+                            measure_memory: bool = False) -> ReferenceResult:
+    """The exact least squares of a stream of ``(X, y[, sample_weight])`` batches, in one pass.
+
+    Parameters
+    ----------
+    batches : iterable of batches, or a callable that returns one
+    fit_intercept : bool, default True
+    measure_memory : bool, default False
+        Trace the allocations of the fit (``peak_memory_bytes``); it slows the fit a little.
+
+    Returns
+    -------
+    ReferenceResult
+        ``model`` is a ``StreamingLeastSquares``.
+    """
+    model = StreamingLeastSquares(fit_intercept=fit_intercept)
+    with _Measure(measure_memory) as measured:
+        for batch in _one_pass(batches, 1):
+            X, y, weight = _unpack(batch)
+            if y is None:
+                raise ValueError("least squares needs batches of (X, y) or (X, y, sample_weight)")
+            model.partial_fit(X, y, weight)
+    if model.sum_weights_ <= 0:
+        raise ValueError("the stream held no rows (of positive weight)")
+    return ReferenceResult(model, measured.seconds, 1, measured.peak, _peak_rss_bytes())
+
+
+def _minibatches(X: np.ndarray, weight: np.ndarray, carry: List[Tuple[np.ndarray, np.ndarray]],
+                 size: int) -> Iterator[Tuple[np.ndarray, np.ndarray]]:
+    """Cut the rows (after those carried over) into minibatches of ``size``; a short rest is carried."""
+    if carry:
+        X = np.concatenate([c[0] for c in carry] + [X])
+        weight = np.concatenate([c[1] for c in carry] + [weight])
+        carry.clear()
+    start = 0
+    while len(X) - start >= size:
+        yield X[start: start + size], weight[start: start + size]
+        start += size
+    if start < len(X):
+        carry.append((X[start:], weight[start:]))
+
+
+def reference_kmeans(batches: BatchStream, n_clusters: int, *, n_init: int = 3, batch_size: int = 1024,
+                     n_passes: int = 1, random_state: RandomState = None, measure_memory: bool = False,
+                     openmp_threads: Optional[int] = 1, **params: Any) -> ReferenceResult:
+    """Full-data k-means over a stream: ``MiniBatchKMeans.partial_fit``, the best of ``n_init`` starts.
+
+    Every start is a ``MiniBatchKMeans`` of its own seed, fed the same minibatches of ``batch_size`` rows
+    (cut from the stream's batches) for ``n_passes`` passes; one more pass computes each start's cost on
+    all rows, and the start with the lowest cost is kept. Feed standardised features (``standardized``)
+    so that no column's units dominate the distances.
+
+    Parameters
+    ----------
+    batches : iterable of batches, or a callable that returns one
+        Arrays ``X`` or ``(X, y[, sample_weight])`` tuples (``y`` ignored). More than one pass needs a
+        callable or a list.
+    n_clusters : int
+    n_init : int, default 3
+        Independent starts.
+    batch_size : int, default 1024
+        Rows of a minibatch.
+    n_passes : int, default 1
+        Passes of ``partial_fit`` over the stream.
+    random_state : None, int or numpy.random.Generator
+        Seeds the starts.
+    measure_memory : bool, default False
+        Trace the allocations of the fit (``peak_memory_bytes``).
+    openmp_threads : int or None, default 1
+        OpenMP threads of scikit-learn's k-means steps during the fit (None: its own choice). A minibatch
+        is too small to share: on a busy 2-core machine one ``partial_fit`` of 1,024 rows x 134
+        features took 45 ms with the default threads and 0.9 ms with one.
+    **params
+        Passed on to ``MiniBatchKMeans`` (``reassignment_ratio``, ``max_no_improvement``, ...).
+
+    Returns
+    -------
+    ReferenceResult
+        ``model`` is the best ``MiniBatchKMeans``; ``cost`` its cost on all rows; ``details["costs"]``
+        the cost of every start.
+    """
+    n_clusters = _positive_int(n_clusters, "n_clusters")
+    n_init = _positive_int(n_init, "n_init")
+    batch_size = _positive_int(batch_size, "batch_size")
+    n_passes = _positive_int(n_passes, "n_passes")
+    cluster: Any = importlib.import_module("sklearn.cluster")
+    seeds = _seeds(random_state, n_init)
+    models = [cluster.MiniBatchKMeans(n_clusters=n_clusters, batch_size=batch_size, n_init=1,
+                                      random_state=seed, **params) for seed in seeds]
+    passes = n_passes + 1
+    limits: Any = contextlib.nullcontext()
+    if openmp_threads is not None:
+        threadpoolctl: Any = importlib.import_module("threadpoolctl")
+        limits = threadpoolctl.threadpool_limits(limits=_positive_int(openmp_threads, "openmp_threads"),
+                                                 user_api="openmp")
+    with _Measure(measure_memory) as measured, limits:
+        fed = 0
+        for _ in range(n_passes):
+            carry: List[Tuple[np.ndarray, np.ndarray]] = []
+            for batch in _one_pass(batches, passes):
+                X, _, weight = _unpack(batch)
+                X = _check_2d(X)
+                weight = _check_weight(weight, len(X))
+                for part, part_weight in _minibatches(X, weight, carry, max(batch_size, n_clusters)):
+                    for model in models:
+                        model.partial_fit(part, sample_weight=part_weight)
+                    fed += len(part)
+            if carry and (fed > 0 or len(carry[0][0]) >= n_clusters):
+                for model in models:
+                    model.partial_fit(carry[0][0], sample_weight=carry[0][1])
+                fed += len(carry[0][0])
+            if fed == 0:
+                raise ValueError(f"the stream has fewer rows than n_clusters ({n_clusters})")
+        costs = [0.0] * n_init
+        for batch in _one_pass(batches, passes):
+            X, _, weight = _unpack(batch)
+            for number, model in enumerate(models):
+                costs[number] += kmeans_cost(X, model.cluster_centers_, weight)
+    best = int(np.argmin(costs))
+    return ReferenceResult(models[best], measured.seconds, passes, measured.peak, _peak_rss_bytes(),
+                           cost=costs[best], details={"costs": costs, "seeds": seeds})
+
+
+def reference_sgd_regressor(batches: BatchStream, *, n_passes: int = 1, random_state: RandomState = None,
+                            measure_memory: bool = False, **params: Any) -> ReferenceResult:
+    """scikit-learn's ``SGDRegressor.partial_fit`` over a stream of ``(X, y[, sample_weight])`` batches.
+
+    Feed standardised features (``standardized``): stochastic gradient steps assume columns of
+    comparable scale.
+
+    Parameters
+    ----------
+    batches : iterable of batches, or a callable that returns one
+    n_passes : int, default 1
+        Passes over the stream (one ``partial_fit`` per batch and pass).
+    random_state : None, int or numpy.random.Generator
+    measure_memory : bool, default False
+        Trace the allocations of the fit (``peak_memory_bytes``).
+    **params
+        Passed on to ``SGDRegressor`` (``alpha``, ``eta0``, ``learning_rate``, ...).
+
+    Returns
+    -------
+    ReferenceResult
+        ``model`` is the fitted ``SGDRegressor``.
+    """
+    n_passes = _positive_int(n_passes, "n_passes")
+    linear_model: Any = importlib.import_module("sklearn.linear_model")
+    model = linear_model.SGDRegressor(random_state=_seeds(random_state, 1)[0], **params)
+    fed = 0
+    with _Measure(measure_memory) as measured:
+        for _ in range(n_passes):
+            for batch in _one_pass(batches, n_passes):
+                X, y, weight = _unpack(batch)
+                if y is None:
+                    raise ValueError("SGDRegressor needs batches of (X, y) or (X, y, sample_weight)")
+                X = _check_2d(X)
+                if len(X) == 0:
+                    continue
+                model.partial_fit(X, _check_y(y, len(X)), sample_weight=_check_weight(weight, len(X)))
+                fed += len(X)
+    if fed == 0:
+        raise ValueError("the stream held no rows")
+    return ReferenceResult(model, measured.seconds, n_passes, measured.peak, _peak_rss_bytes())
