@@ -15,7 +15,7 @@ zero is right for those columns (the earlier rows did not hold the new categorie
 from __future__ import annotations
 
 import threading
-from dataclasses import dataclass, field
+from dataclasses import asdict, dataclass, field
 from typing import Any, Dict, List, Sequence, Tuple
 
 import numpy as np
@@ -128,6 +128,24 @@ class FeatureSpace:
                         "taken as missing"
                     )
             return lines
+
+    def to_state(self) -> Dict[str, Any]:
+        """Everything the feature space has learnt, as plain values that JSON can hold."""
+        with self._lock:
+            return {
+                "input_names": None if self._input_names is None else list(self._input_names),
+                "columns": [asdict(column) for column in self._columns],
+                "names": list(self._names),
+            }
+
+    @classmethod
+    def from_state(cls, state: Dict[str, Any]) -> FeatureSpace:
+        """A feature space that goes on from a state returned by ``to_state``."""
+        space = cls()
+        space._input_names = None if state["input_names"] is None else list(state["input_names"])
+        space._columns = [_Column(**column) for column in state["columns"]]
+        space._names = list(state["names"])
+        return space
 
     def encode(
         self,

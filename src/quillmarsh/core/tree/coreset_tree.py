@@ -4,25 +4,36 @@ Rows reach the tree in blocks. The chunk layer buffers them, cuts full chunks an
 into a leaf: the chunk preprocessed, and the sensitivities of its rows for each coreset object. The tree
 samples each leaf down to ``coreset_size`` rows and merges them by merge and reduce: two nodes of one
 level become one node of the next, the union of their weighted rows reduced again to ``coreset_size``
-rows by weighted sensitivities. So after ``L`` leaves the tree holds one node per set bit of ``L``,
-at most ``ceil(log2 L) + 1`` nodes of ``coreset_size`` rows each, whatever the stream's length. The
-summary combines those nodes and the rows that wait in the layer's buffer the same way.
+rows by weighted sensitivities. So after ``L`` leaves the tree holds one open node per set bit of
+``L``, at most ``ceil(log2 L) + 1`` nodes of ``coreset_size`` rows each in memory, whatever the
+stream's length. The summary combines those nodes and the rows that wait in the layer's buffer the
+same way.
+
+Every leaf's chunk is stored through the data manager, and every node that already has a parent is
+written to a file, all under ``data_dir``: so rows can be removed later by rebuilding only the leaves
+that held them and merging again only the nodes on their paths.
 """
 
 from __future__ import annotations
 
 import numbers
+import os
+import shutil
+import tempfile
 import threading
-from typing import Any, Dict, Iterable, List, NamedTuple, Optional, Sequence, Tuple, Union
+import weakref
+from dataclasses import dataclass
+from typing import Any, Callable, Dict, Iterable, List, Optional, Sequence, Tuple, Union
 
 import numpy as np
 import pandas as pd
-from quillmarsh.core.tree.chunk_layer import ChunkLayer, ChunkNode, ChunkSensitivitiesParams
+from quillmarsh.core.tree.chunk_layer import BUFFER_NODE_ID, ChunkLayer, ChunkNode, ChunkSensitivitiesParams
 from sklearn.utils.validation import has_fit_parameter
 
 from quillmarsh.common import ThreadPoolManager
 from quillmarsh.core.coreset._base import CoresetBase
 from quillmarsh.core.coreset.sampling import sample_rows
+from quillmarsh.core.tree._store import Coreset, IdRanges, NodeKey, NodeStore
 from quillmarsh.data.common import Dataset
 from quillmarsh.data.manager import DataManager, DataParams, FeatureField
 
@@ -35,56 +46,18 @@ CHUNK_SIZE_FACTOR = 10
 _FINAL_NODE = 2**32 - 1
 _BUFFER_NODE = 2**32 - 2
 
-
-class Coreset(NamedTuple):
-    """The weighted summary of a stream.
-
-    Attributes
-    ----------
-    ids : ndarray of shape (m,), int64
-        The id of each row, leading back to the source rows.
-    X : ndarray of shape (m, n_features), float64
-        The rows' features (after preprocessing for tables).
-    y : ndarray of shape (m,) or None
-        The rows' targets; None when the stream has none.
-    weights : ndarray of shape (m,), float64
-        The rows' weights; they sum to an unbiased estimate of the row count.
-    """
-
-    ids: np.ndarray
-    X: np.ndarray
-    y: Optional[np.ndarray]
-    weights: np.ndarray
+CHUNKS_DIR = "chunks"
+NODES_DIR = "nodes"
 
 
-class _IdRanges:
-    """The set of ids held, as sorted, disjoint half-open ranges: a running row count is one range."""
+@dataclass
+class _Leaf:
+    """A leaf's stored chunk: its node id and the range and count of the ids it holds now."""
 
-    def __init__(self) -> None:
-        self.starts = np.empty(0, dtype=np.int64)
-        self.ends = np.empty(0, dtype=np.int64)
-
-    def present(self, ids: np.ndarray) -> np.ndarray:
-        """The mask of the ``ids`` that are held."""
-        position = np.searchsorted(self.starts, ids, side="right") - 1
-        inside = position >= 0
-        mask = np.zeros(ids.shape[0], dtype=bool)
-        mask[inside] = ids[inside] < self.ends[position[inside]]
-        return mask
-
-    def add(self, ids: np.ndarray) -> None:
-        """Add distinct ids that are not held."""
-        if ids.size == 0:
-            return
-        ordered = np.sort(ids)
-        breaks = np.flatnonzero(np.diff(ordered) != 1) + 1
-        starts = np.concatenate([self.starts, ordered[np.r_[0, breaks]]])
-        ends = np.concatenate([self.ends, ordered[np.r_[breaks - 1, ordered.size - 1]] + 1])
-        order = np.argsort(starts, kind="stable")
-        starts, ends = starts[order], ends[order]
-        apart = starts[1:] != ends[:-1]  # ranges that touch become one
-        self.starts = starts[np.r_[True, apart]]
-        self.ends = ends[np.r_[apart, True]]
+    node_id: str
+    low: int
+    high: int
+    rows: int
 
 
 def _union(parts: Sequence[Coreset]) -> Coreset:
@@ -126,13 +99,19 @@ class CoresetTree:
     random_state : None, int or numpy Generator, default=None
         Seeds every node from the seed and the node's position in the tree: the same seed and the
         same blocks give the same summary, with any ``n_jobs``.
+    data_dir : str or path, default=None
+        Where the leaves' chunks and the nodes' rows are stored. None makes a temporary directory,
+        removed by ``close()`` (or at the end of a ``with`` block, or when the tree is collected); a
+        given directory is kept.
 
     Attributes
     ----------
     coreset_objects : list of CoresetBase
         The coreset objects given (the method ``coreset`` returns the summary).
     n_samples_ : int
-        Rows added so far.
+        Rows the tree holds: rows added, less the rows removed.
+    n_removed_ : int
+        Rows removed.
     n_leaves_ : int
         Leaves built so far (full chunks; the rows in the buffer are not a leaf yet).
     n_features_in_ : int or None
@@ -142,19 +121,20 @@ class CoresetTree:
 
     Notes
     -----
-    The tree holds at most ``(ceil(log2 L) + 2) * coreset_size`` rows per coreset object for ``L``
-    leaves, besides the layer's buffer (less than one chunk) and the chunks being built.
+    The tree holds at most ``(ceil(log2 L) + 2) * coreset_size`` rows per coreset object in memory for
+    ``L`` leaves, besides the layer's buffer (less than one chunk) and the chunks being built; the
+    chunks and the nodes that have a parent are on disk.
 
     Examples
     --------
     >>> import numpy as np
     >>> from quillmarsh import CoresetTree
     >>> from quillmarsh.core.coreset import CoresetKMeans
-    >>> tree = CoresetTree(CoresetKMeans(k=3), coreset_size=50, random_state=0)
     >>> rng = np.random.default_rng(0)
-    >>> for _ in range(5):
-    ...     tree.add(rng.normal(size=(400, 2)))
-    >>> c = tree.coreset()
+    >>> with CoresetTree(CoresetKMeans(k=3), coreset_size=50, random_state=0) as tree:
+    ...     for _ in range(5):
+    ...         _ = tree.add(rng.normal(size=(400, 2)))
+    ...     c = tree.coreset()
     >>> c.X.shape, tree.n_leaves_
     ((50, 2), 4)
     """
@@ -166,14 +146,12 @@ class CoresetTree:
         chunk_size: Optional[int] = None,
         n_jobs: Optional[int] = None,
         random_state: Union[None, int, np.random.Generator] = None,
+        data_dir: Union[str, os.PathLike[str], None] = None,
     ) -> None:
-        templates = (
-            [coreset]
-            if isinstance(coreset, CoresetBase)
-            else list(coreset)
-            if isinstance(coreset, (list, tuple))
-            else []
-        )
+        if isinstance(coreset, CoresetBase):
+            templates = [coreset]
+        else:
+            templates = list(coreset) if isinstance(coreset, (list, tuple)) else []
         if not templates or not all(isinstance(t, CoresetBase) for t in templates):
             raise TypeError("coreset must be a coreset object (a CoresetBase) or a non-empty list of them")
         self.coreset_objects = templates
@@ -181,19 +159,34 @@ class CoresetTree:
         self.chunk_size = None if chunk_size is None else _positive_int("chunk_size", chunk_size)
         self.n_jobs = None if n_jobs is None else _positive_int("n_jobs", n_jobs)
         self.random_state = random_state
-        self._templates = templates
         self._entropy = _entropy(random_state)
+        if data_dir is None:
+            self.data_dir = tempfile.mkdtemp(prefix="quillmarsh-tree-")
+            self._cleanup: Optional[Callable[[], Any]] = weakref.finalize(
+                self, shutil.rmtree, self.data_dir, ignore_errors=True
+            )
+        else:
+            self.data_dir = os.fspath(data_dir)
+            os.makedirs(self.data_dir, exist_ok=True)
+            if os.listdir(self.data_dir):
+                raise ValueError(
+                    f"data_dir {self.data_dir!r} is not empty; load a saved tree with CoresetTree.load"
+                )
+            self._cleanup = None
+        self._store = NodeStore(os.path.join(self.data_dir, NODES_DIR))
         self._lock = threading.Lock()
-        # Per coreset object: the nodes that have no parent yet, by (level, index).
-        self._open: List[Dict[Tuple[int, int], Coreset]] = [{} for _ in templates]
         self._summaries: Dict[int, Coreset] = {}
         self._buffer_rows: Optional[List[Coreset]] = None
         self._layer: Optional[ChunkLayer] = None
-        self._ids = _IdRanges()
+        self._leaves: Dict[int, _Leaf] = {}
+        self._ids = IdRanges()
         self._kind: Optional[str] = None  # "array" or "frame"
         self._has_y: Optional[bool] = None
         self._n_blocks = 0
+        self._next_id = 0  # rows ever added: the default ids go on from here
+        self._closed = False
         self.n_samples_ = 0
+        self.n_removed_ = 0
         self.n_leaves_ = 0
         self.n_features_in_: Optional[int] = None
         self.feature_names_in_: Optional[List[str]] = None
@@ -213,8 +206,8 @@ class CoresetTree:
         y : array-like of shape (n_rows,), default=None
             Targets: given with every block, or with none.
         ids : array-like of int of shape (n_rows,), default=None
-            The rows' ids, distinct and not held yet; by default the running row count
-            (``n_samples_`` onwards).
+            The rows' ids, distinct, never added before; by default the count of rows added before
+            (removed ones included) onwards.
 
         Returns
         -------
@@ -226,6 +219,7 @@ class CoresetTree:
         ValueError, TypeError
             For a block that does not fit the stream; the tree is then left unchanged.
         """
+        self._check_open()
         X, y, ids, columns = self._check_block(X, y, ids)
         n = X.shape[0]
         if n == 0:
@@ -238,9 +232,9 @@ class CoresetTree:
         self.n_features_in_ = X.shape[1]
         self.feature_names_in_ = columns
         self.n_samples_ += n
+        self._next_id += n
         self._n_blocks += 1
-        self._summaries.clear()
-        self._buffer_rows = None
+        self._changed()
         dataset = Dataset(ind=ids, X=X, y=y)
         for _ in self._layer.process([dataset], create_buffer=False, after_create_leaf_node=self._place_leaf):
             pass
@@ -249,7 +243,7 @@ class CoresetTree:
         return self
 
     def coreset(self, index: int = 0) -> Coreset:
-        """Return the summary of every row added so far, for coreset object ``index``.
+        """Return the summary of every row the tree holds, for coreset object ``index``.
 
         Parameters
         ----------
@@ -264,8 +258,8 @@ class CoresetTree:
         """
         if isinstance(index, bool) or not isinstance(index, numbers.Integral):
             raise TypeError(f"index must be an int, got {type(index).__name__}")
-        if not 0 <= index < len(self._templates):
-            raise IndexError(f"index {index} out of range for {len(self._templates)} coreset object(s)")
+        if not 0 <= index < len(self.coreset_objects):
+            raise IndexError(f"index {index} out of range for {len(self.coreset_objects)} coreset object(s)")
         index = int(index)
         if index not in self._summaries:
             self._summaries[index] = self._summary(index)
@@ -305,6 +299,139 @@ class CoresetTree:
             return []
         return list(self._layer.data_manager.feature_space.feature_names)
 
+    # -- removing rows ----------------------------------------------------------------------------------
+
+    def remove(self, ids: Any) -> int:
+        """Remove the rows with these ids from the summary, for good.
+
+        The data manager records them as removed. Only the leaves that held them are rebuilt, from
+        their stored chunks through the chunk layer, and only the nodes on their paths are merged
+        again, each with its own random stream; every other node stays as it was. Rows that wait in
+        the buffer leave it.
+
+        Parameters
+        ----------
+        ids : array-like of int
+            Ids the tree holds.
+
+        Returns
+        -------
+        int
+            The number of rows removed.
+
+        Raises
+        ------
+        KeyError
+            When some ids are not held (never added, or removed already); it names up to five, and
+            nothing is removed.
+        """
+        self._check_open()
+        raw = np.asarray(ids)
+        if raw.size and (raw.dtype.kind not in "iu"):
+            raise TypeError(f"ids must be ints, got dtype {raw.dtype}")
+        wanted = np.unique(raw.astype(np.int64).ravel())
+        if wanted.size == 0:
+            return 0
+        manager = self._layer.data_manager if self._layer is not None else None
+        removed = manager.get_removed() if manager is not None else None
+        held = self._ids.present(wanted)
+        if removed is not None:
+            held &= ~np.isin(wanted, removed)
+        if not held.all():
+            raise KeyError(f"ids not held by the tree: {_few(wanted[~held])}")
+        assert self._layer is not None and manager is not None
+        touched = self._leaves_holding(wanted)
+        manager.remove_samples(wanted)
+        self.n_samples_ -= int(wanted.size)
+        self.n_removed_ += int(wanted.size)
+        buffer = self._layer.buffer
+        if buffer is not None and np.isin(buffer.ind, wanted).any():
+            self._layer.remove_from_buffer(wanted)
+        self._rebuild_leaves(touched)
+        self._changed()
+        return int(wanted.size)
+
+    def remove_where(self, predicate: Callable[[Dataset], Any]) -> int:
+        """Remove the rows that ``predicate`` selects, in every stored chunk and in the buffer.
+
+        Parameters
+        ----------
+        predicate : callable
+            Called with each stored chunk's ``Dataset`` (the rows as the layer kept them: features
+            before encoding, targets, ids in ``ind``), then with the buffer's; returns a boolean mask
+            of the rows to remove.
+
+        Returns
+        -------
+        int
+            The number of rows removed (see ``remove``).
+        """
+        self._check_open()
+        if self._layer is None:
+            return 0
+
+        def select(ind: np.ndarray, X: np.ndarray, y: Optional[np.ndarray], props: Any) -> np.ndarray:
+            mask = np.asarray(predicate(Dataset(ind=ind, X=X, y=y, props=props)))
+            if mask.dtype != bool or mask.shape != (len(ind),):
+                raise ValueError(
+                    f"the predicate must return a boolean mask of shape ({len(ind)},), "
+                    f"got {mask.dtype} of shape {mask.shape}"
+                )
+            selected: np.ndarray = np.asarray(ind)[mask]
+            return selected
+
+        leaf_ids = [leaf.node_id for leaf in self._leaves.values() if leaf.rows]
+        chosen = self._layer.filter_out_samples(select, leaf_ids, with_buffer=True)
+        chosen = np.unique(chosen.astype(np.int64))
+        removed = self._layer.data_manager.get_removed()
+        if removed is not None:  # the buffer is filtered as stored, removed rows included
+            chosen = chosen[~np.isin(chosen, removed)]
+        return self.remove(chosen)
+
+    # -- lifetime -----------------------------------------------------------------------------------------
+
+    def close(self) -> None:
+        """Finish the pending saves, release the data manager and remove a temporary ``data_dir``.
+
+        Idempotent. A closed tree can still return the summaries it computed, not change.
+        """
+        if self._closed:
+            return
+        for t in range(len(self.coreset_objects)):
+            self.coreset(t)
+        self._closed = True
+        if self._layer is not None:
+            self._layer.data_manager.close()
+        if self._cleanup is not None:
+            self._cleanup()
+
+    def __enter__(self) -> CoresetTree:
+        return self
+
+    def __exit__(self, *exc_info: Any) -> None:
+        self.close()
+
+    def save(self, path: Union[str, os.PathLike[str]]) -> None:
+        """Save the tree to the directory ``path``, atomically; see ``quillmarsh.core.tree.persist``."""
+        from quillmarsh.core.tree.persist import save_tree
+
+        self._check_open()
+        save_tree(self, os.fspath(path))
+
+    @classmethod
+    def load(
+        cls, path: Union[str, os.PathLike[str]], data_dir: Union[str, os.PathLike[str], None] = None
+    ) -> CoresetTree:
+        """Load a tree saved by ``save``; it goes on where the saved one stopped.
+
+        ``data_dir`` is the new tree's own storage (None: a temporary directory); the save is left
+        as it is.
+        """
+        from quillmarsh.core.tree.persist import load_tree
+
+        tree: CoresetTree = load_tree(cls, os.fspath(path), None if data_dir is None else os.fspath(data_dir))
+        return tree
+
     # -- what the chunk layer calls -------------------------------------------------------------------
 
     def update_build_params(self) -> None:
@@ -312,33 +439,46 @@ class CoresetTree:
         self._buffer_rows = None
 
     def _place_leaf(self, node: ChunkNode, leaf_index: Optional[int]) -> None:
-        """Called by the chunk layer with each built leaf: sample it and merge it into the tree."""
+        """Called by the chunk layer with each built leaf: store its chunk, sample it, merge it up."""
         assert self._layer is not None
         if leaf_index is None:  # sequential build: the layer counts the leaf after this call
             leaf_index = self._layer.chunk_index
+        node.save(self._layer.data_manager, save_all=True)
         ids = np.asarray(node.dset.ind, dtype=np.int64)
-        for t, record in enumerate(node.coresets):
-            rng = self._rng(t, 0, leaf_index)
-            rows = self._rows_of(record.coreset, ids)
-            idxs, weights = sample_rows(
-                _sensitivities_of(record.coreset), self.coreset_size, rows.weights, random_state=rng
-            )
-            self._merge_up(
-                t, 0, leaf_index, Coreset(rows.ids[idxs], rows.X[idxs], _take(rows.y, idxs), weights)
-            )
+        leaf = _Leaf(node.node_id, int(ids.min()), int(ids.max()), int(ids.size))
+        summaries = self._leaf_summaries(node, leaf_index)
         with self._lock:
+            self._leaves[leaf_index] = leaf
             self.n_leaves_ += 1
+        for t, rows in enumerate(summaries):
+            self._merge_up((t, 0, leaf_index), rows)
 
     # -- merge and reduce -----------------------------------------------------------------------------
 
-    def _merge_up(self, t: int, level: int, index: int, rows: Coreset) -> None:
+    def _leaf_summaries(self, node: ChunkNode, leaf_index: int) -> List[Coreset]:
+        """Each coreset object's sample of a built leaf, seeded by the leaf's position."""
+        ids = np.asarray(node.dset.ind, dtype=np.int64)
+        summaries = []
+        for t, record in enumerate(node.coresets):
+            rows = _rows_of(record.coreset, ids)
+            idxs, weights = sample_rows(
+                _sensitivities_of(record.coreset),
+                self.coreset_size,
+                rows.weights,
+                random_state=self._rng(t, 0, leaf_index),
+            )
+            summaries.append(Coreset(rows.ids[idxs], rows.X[idxs], _take(rows.y, idxs), weights))
+        return summaries
+
+    def _merge_up(self, key: NodeKey, rows: Coreset) -> None:
         """Place a node; while its sibling is there too, merge the two into their parent."""
+        t, level, index = key
         while True:
-            with self._lock:
-                sibling = self._open[t].pop((level, index ^ 1), None)
-                if sibling is None:
-                    self._open[t][(level, index)] = rows
-                    return
+            sibling = self._store.put_open((t, level, index), rows)
+            if sibling is None:
+                return
+            self._store.put_closed((t, level, index), rows)
+            self._store.put_closed((t, level, index ^ 1), sibling)
             left, right = (rows, sibling) if index % 2 == 0 else (sibling, rows)
             level, index = level + 1, index // 2
             rows = self._reduce(t, _union([left, right]), self._rng(t, level, index))
@@ -354,13 +494,12 @@ class CoresetTree:
         return Coreset(rows.ids[idxs], rows.X[idxs], _take(rows.y, idxs), weights)
 
     def _summary(self, t: int) -> Coreset:
-        with self._lock:
-            parts = [self._open[t][key] for key in sorted(self._open[t], key=lambda k: (-k[0], k[1]))]
+        parts = [rows for _, rows in self._store.open_nodes(t) if rows.ids.size]
         buffered = self._buffer_summaries()
         if buffered is not None:
             parts.append(buffered[t])
         if not parts:
-            width = self.n_features_in_ or 0
+            width = len(self.feature_names_) or self.n_features_in_ or 0
             return Coreset(np.empty(0, np.int64), np.empty((0, width)), None, np.empty(0))
         if len(parts) == 1:
             return parts[0]
@@ -368,7 +507,7 @@ class CoresetTree:
 
     def _buffer_summaries(self) -> Optional[List[Coreset]]:
         """The rows waiting in the buffer, built into the buffer node and sampled, one per coreset object."""
-        if self._layer is None or not self._layer.has_buffer():
+        if self._layer is None or self._layer.get_buffer() is None:
             return None
         if self._buffer_rows is None:
             node = self._layer.create_buffer_node()
@@ -376,33 +515,90 @@ class CoresetTree:
             ids = np.asarray(node.dset.ind, dtype=np.int64)
             summaries = []
             for t, record in enumerate(node.coresets):
-                rows = self._rows_of(record.coreset, ids)
+                rows = _rows_of(record.coreset, ids)
                 idxs, weights = sample_rows(
                     _sensitivities_of(record.coreset),
                     self.coreset_size,
                     rows.weights,
-                    random_state=self._rng(t, _BUFFER_NODE, self.n_samples_),
+                    random_state=self._rng(t, _BUFFER_NODE, self._next_id),
                 )
                 summaries.append(Coreset(rows.ids[idxs], rows.X[idxs], _take(rows.y, idxs), weights))
             self._buffer_rows = summaries
         return self._buffer_rows
 
+    # -- rebuilding after a removal -------------------------------------------------------------------
+
+    def _leaves_holding(self, ids: np.ndarray) -> Dict[int, np.ndarray]:
+        """The leaves that hold any of the (sorted) ``ids``, each with the ids it holds."""
+        assert self._layer is not None
+        found: Dict[int, np.ndarray] = {}
+        for index, leaf in sorted(self._leaves.items()):
+            if not leaf.rows:
+                continue
+            lo, hi = np.searchsorted(ids, [leaf.low, leaf.high + 1])
+            if lo == hi:
+                continue  # none of the ids falls in the leaf's range
+            stored = self._layer.data_manager.get_by_nodes([leaf.node_id]).ind
+            inside = ids[lo:hi][np.isin(ids[lo:hi], stored)]
+            if inside.size:
+                found[index] = inside
+        return found
+
+    def _rebuild_leaves(self, touched: Dict[int, np.ndarray]) -> None:
+        """Rebuild the given leaves from their stored chunks, then merge again the nodes above them."""
+        assert self._layer is not None
+        rebuild: List[int] = []
+        for index, gone in touched.items():
+            leaf = self._leaves[index]
+            leaf.rows -= int(gone.size)
+            if leaf.rows > self.coreset_size:
+                rebuild.append(index)
+            else:  # few enough rows to keep whole: no sensitivities needed, and none for an empty leaf
+                kept = self._layer.data_manager.get_by_nodes([leaf.node_id])
+                summaries = self._kept_whole(kept)
+                for t, rows in enumerate(summaries):
+                    self._store.replace((t, 0, index), rows)
+        node_ids = [self._leaves[index].node_id for index in rebuild]
+        for index, node in zip(rebuild, self._layer.rebuild(node_ids)):
+            for t, rows in enumerate(self._leaf_summaries(node, index)):
+                self._store.replace((t, 0, index), rows)
+        for t in range(len(self.coreset_objects)):
+            indexes = set(touched)
+            level = 0
+            while indexes:
+                level += 1
+                indexes = {index // 2 for index in indexes if self._store.exists((t, level, index // 2))}
+                for index in sorted(indexes):
+                    left = self._store.get((t, level - 1, 2 * index))
+                    right = self._store.get((t, level - 1, 2 * index + 1))
+                    merged = self._reduce(t, _union([left, right]), self._rng(t, level, index))
+                    self._store.replace((t, level, index), merged)
+
+    def _kept_whole(self, chunk: Dataset) -> List[Coreset]:
+        """A small chunk's rows as they are, each of weight 1, preprocessed as a node would do it."""
+        assert self._layer is not None
+        if chunk.ind.size == 0:
+            width = len(self.feature_names_)
+            empty = Coreset(np.empty(0, np.int64), np.empty((0, width)), None, np.empty(0))
+            return [empty for _ in self.coreset_objects]
+        node = self._layer._rebuild_node(chunk, BUFFER_NODE_ID)  # built as the buffer node: any row count
+        ids = np.asarray(node.dset.ind, dtype=np.int64)
+        return [_rows_of(record.coreset, ids) for record in node.coresets]
+
     # -- helpers ----------------------------------------------------------------------------------------
 
-    @staticmethod
-    def _rows_of(coreset: Optional[Dict[str, Any]], ids: np.ndarray) -> Coreset:
-        """A node's rows from its coreset record: the processed features and targets, each of weight 1."""
-        assert coreset is not None, "the chunk layer builds every record with its coreset"
-        X = np.asarray(coreset["X"], dtype=np.float64)
-        if X.shape[0] != ids.shape[0]:
-            raise RuntimeError(f"a node's coreset holds {X.shape[0]} rows, but the node {ids.shape[0]} ids")
-        y = coreset["y"]
-        return Coreset(ids, X, None if y is None else np.asarray(y).reshape(X.shape[0]), np.ones(X.shape[0]))
+    def _changed(self) -> None:
+        self._summaries.clear()
+        self._buffer_rows = None
+
+    def _check_open(self) -> None:
+        if self._closed:
+            raise RuntimeError("the tree is closed")
 
     def _instantiate(self, t: int, seed: int) -> CoresetBase:
-        params = self._templates[t].get_params()
+        params = self.coreset_objects[t].get_params()
         params.update(coreset_size=self.coreset_size, random_state=seed)
-        coreset: CoresetBase = type(self._templates[t])(**params)
+        coreset: CoresetBase = type(self.coreset_objects[t])(**params)
         return coreset
 
     def _rng(self, t: int, level: int, index: int) -> np.random.Generator:
@@ -411,20 +607,30 @@ class CoresetTree:
     def _parallel(self) -> bool:
         return self.n_jobs is not None and self.n_jobs > 1
 
-    def _make_layer(self, columns: Optional[List[str]], width: int) -> ChunkLayer:
-        names = columns if columns is not None else [f"f{i}" for i in range(width)]
-        manager = DataManager(data_params=DataParams(features=[FeatureField(name) for name in names]))
-        manager.n_jobs = self.n_jobs
+    def _layer_params(self) -> List[ChunkSensitivitiesParams]:
         # The leaves' own draws: one seed for all, as the layer shares its parameters between chunks;
         # the tree draws each leaf's sample again from its sensitivities, seeded by the leaf's position.
         leaf_seed = int(self._rng(0, _FINAL_NODE, _FINAL_NODE).integers(2**63 - 1))
         params = []
-        for template in self._templates:
+        for template in self.coreset_objects:
             coreset_params = template.get_params()
             coreset_params.update(coreset_size=self.coreset_size, random_state=leaf_seed)
             params.append(ChunkSensitivitiesParams(coreset_cls=type(template), coreset_params=coreset_params))
+        return params
+
+    def _make_layer(
+        self, columns: Optional[List[str]], width: int, chunk_index: Optional[int] = None
+    ) -> ChunkLayer:
+        names = columns if columns is not None else [f"f{i}" for i in range(width)]
+        manager = DataManager(
+            data_params=DataParams(features=[FeatureField(name) for name in names]),
+            storage_dir=os.path.join(self.data_dir, CHUNKS_DIR),
+        )
+        manager.n_jobs = self.n_jobs
         chunk_size = self.chunk_size if self.chunk_size is not None else CHUNK_SIZE_FACTOR * self.coreset_size
-        return ChunkLayer(manager, params, chunk_size=chunk_size, parent=self)
+        return ChunkLayer(
+            manager, self._layer_params(), chunk_size=chunk_size, parent=self, chunk_index=chunk_index
+        )
 
     def _check_block(
         self, X: Any, y: Any, ids: Any
@@ -456,7 +662,7 @@ class CoresetTree:
             raise ValueError(
                 f"X of {block} has {width} features, but earlier blocks had {self.n_features_in_}"
             )
-        safe = all(t.safe_mode for t in self._templates)
+        safe = all(t.safe_mode for t in self.coreset_objects)
         if columns is None and not safe and n:
             finite = np.isfinite(values).all(axis=0)
             if not finite.all():
@@ -484,7 +690,7 @@ class CoresetTree:
                 f"y is {given} for {block}, but {'not ' if target is not None else ''}for earlier blocks"
             )
         if ids is None:
-            row_ids = np.arange(self.n_samples_, self.n_samples_ + n, dtype=np.int64)
+            row_ids = np.arange(self._next_id, self._next_id + n, dtype=np.int64)
         else:
             raw = np.asarray(ids)
             if raw.dtype.kind not in "iu" or raw.ndim != 1:
@@ -500,7 +706,9 @@ class CoresetTree:
                 raise ValueError(f"ids of {block} repeat: {_few(np.unique(repeated))}")
         held = row_ids[self._ids.present(row_ids)]
         if held.size:
-            raise ValueError(f"ids of {block} are already in the tree: {_few(held)}")
+            raise ValueError(
+                f"ids of {block} are already in the tree (or were removed from it): {_few(held)}"
+            )
         return values, target, row_ids, columns
 
 
@@ -509,6 +717,16 @@ def _few(values: Iterable[Any], limit: int = 5) -> str:
     listed = [int(v) for v in values]
     more = f" and {len(listed) - limit} more" if len(listed) > limit else ""
     return ", ".join(str(v) for v in listed[:limit]) + more
+
+
+def _rows_of(coreset: Optional[Dict[str, Any]], ids: np.ndarray) -> Coreset:
+    """A node's rows from its coreset record: the processed features and targets, each of weight 1."""
+    assert coreset is not None, "the chunk layer builds every record with its coreset"
+    X = np.asarray(coreset["X"], dtype=np.float64)
+    if X.shape[0] != ids.shape[0]:
+        raise RuntimeError(f"a node's coreset holds {X.shape[0]} rows, but the node {ids.shape[0]} ids")
+    y = coreset["y"]
+    return Coreset(ids, X, None if y is None else np.asarray(y).reshape(X.shape[0]), np.ones(X.shape[0]))
 
 
 def _sensitivities_of(coreset: Optional[Dict[str, Any]]) -> np.ndarray:

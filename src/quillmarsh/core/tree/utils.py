@@ -23,9 +23,7 @@ def is_simple_chunk_size(chunk_size: Any) -> bool:
     return bool(chunk_size > 0)
 
 
-def evaluate_max_batch_size(
-    n_features: int, available: bool = True, dtype: npt.DTypeLike = "float32"
-) -> int:
+def evaluate_max_batch_size(n_features: int, available: bool = True, dtype: npt.DTypeLike = "float32") -> int:
     """Return how many rows of ``n_features`` columns of ``dtype`` fit in memory.
 
     The memory is psutil's ``virtual_memory().available`` when ``available`` is true, else its
