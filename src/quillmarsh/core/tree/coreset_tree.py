@@ -80,6 +80,54 @@ def _union(parts: Sequence[Coreset]) -> Coreset:
     )
 
 
+@dataclass
+class Reducer:
+    """How every node of a tree is made, as a plain, picklable record: a leaf's sample and a merge.
+
+    Each node draws from its own random stream, seeded by the tree's entropy and the node's place, so
+    a node is the same wherever and whenever it is computed (on the caller's thread, on the task
+    pool, on a Dask worker, or again after a removal).
+    """
+
+    templates: List[CoresetBase]
+    coreset_size: int
+    entropy: int
+
+    def rng(self, t: int, level: int, index: int) -> np.random.Generator:
+        return np.random.default_rng([self.entropy, t, level, index])
+
+    def leaf(self, node: ChunkNode, leaf_index: int) -> List[Coreset]:
+        """Each coreset object's sample of a built leaf, seeded by the leaf's position."""
+        ids = np.asarray(node.dset.ind, dtype=np.int64)
+        summaries = []
+        for t, record in enumerate(node.coresets):
+            rows = _rows_of(record.coreset, ids)
+            idxs, weights = sample_rows(
+                _sensitivities_of(record.coreset),
+                self.coreset_size,
+                rows.weights,
+                random_state=self.rng(t, 0, leaf_index),
+            )
+            summaries.append(Coreset(rows.ids[idxs], rows.X[idxs], _take(rows.y, idxs), weights))
+        return summaries
+
+    def merge(self, t: int, level: int, index: int, left: Coreset, right: Coreset) -> Coreset:
+        """The node at (level, index) from its two children."""
+        return self.reduce(t, _union([left, right]), self.rng(t, level, index))
+
+    def reduce(self, t: int, rows: Coreset, rng: np.random.Generator) -> Coreset:
+        """The weighted rows reduced to ``coreset_size`` by weighted sensitivities (as they are if fewer)."""
+        if rows.ids.size <= self.coreset_size:
+            return rows
+        params = self.templates[t].get_params()
+        params.update(coreset_size=self.coreset_size, random_state=int(rng.integers(2**63 - 1)))
+        coreset: CoresetBase = type(self.templates[t])(**params)
+        coreset.safe_mode = True  # a tiny or degenerate union is kept as a uniform sample
+        sensitivities = coreset.compute_sensitivities(rows.X, rows.y, sample_weight=rows.weights)
+        idxs, weights = sample_rows(sensitivities, self.coreset_size, rows.weights, random_state=rng)
+        return Coreset(rows.ids[idxs], rows.X[idxs], _take(rows.y, idxs), weights)
+
+
 class CoresetTree:
     """One bounded, weighted summary of a stream of rows, by merge and reduce over a chunk layer.
 
@@ -160,6 +208,7 @@ class CoresetTree:
         self.n_jobs = None if n_jobs is None else _positive_int("n_jobs", n_jobs)
         self.random_state = random_state
         self._entropy = _entropy(random_state)
+        self._reducer = Reducer(templates, self.coreset_size, self._entropy)
         if data_dir is None:
             self.data_dir = tempfile.mkdtemp(prefix="quillmarsh-tree-")
             self._cleanup: Optional[Callable[[], Any]] = weakref.finalize(
@@ -446,7 +495,7 @@ class CoresetTree:
         node.save(self._layer.data_manager, save_all=True)
         ids = np.asarray(node.dset.ind, dtype=np.int64)
         leaf = _Leaf(node.node_id, int(ids.min()), int(ids.max()), int(ids.size))
-        summaries = self._leaf_summaries(node, leaf_index)
+        summaries = self._reducer.leaf(node, leaf_index)
         with self._lock:
             self._leaves[leaf_index] = leaf
             self.n_leaves_ += 1
@@ -454,21 +503,6 @@ class CoresetTree:
             self._merge_up((t, 0, leaf_index), rows)
 
     # -- merge and reduce -----------------------------------------------------------------------------
-
-    def _leaf_summaries(self, node: ChunkNode, leaf_index: int) -> List[Coreset]:
-        """Each coreset object's sample of a built leaf, seeded by the leaf's position."""
-        ids = np.asarray(node.dset.ind, dtype=np.int64)
-        summaries = []
-        for t, record in enumerate(node.coresets):
-            rows = _rows_of(record.coreset, ids)
-            idxs, weights = sample_rows(
-                _sensitivities_of(record.coreset),
-                self.coreset_size,
-                rows.weights,
-                random_state=self._rng(t, 0, leaf_index),
-            )
-            summaries.append(Coreset(rows.ids[idxs], rows.X[idxs], _take(rows.y, idxs), weights))
-        return summaries
 
     def _merge_up(self, key: NodeKey, rows: Coreset) -> None:
         """Place a node; while its sibling is there too, merge the two into their parent."""
@@ -481,17 +515,7 @@ class CoresetTree:
             self._store.put_closed((t, level, index ^ 1), sibling)
             left, right = (rows, sibling) if index % 2 == 0 else (sibling, rows)
             level, index = level + 1, index // 2
-            rows = self._reduce(t, _union([left, right]), self._rng(t, level, index))
-
-    def _reduce(self, t: int, rows: Coreset, rng: np.random.Generator) -> Coreset:
-        """The weighted rows reduced to ``coreset_size`` by weighted sensitivities (as they are if fewer)."""
-        if rows.ids.size <= self.coreset_size:
-            return rows
-        coreset = self._instantiate(t, int(rng.integers(2**63 - 1)))
-        coreset.safe_mode = True  # a tiny or degenerate union is kept as a uniform sample
-        sensitivities = coreset.compute_sensitivities(rows.X, rows.y, sample_weight=rows.weights)
-        idxs, weights = sample_rows(sensitivities, self.coreset_size, rows.weights, random_state=rng)
-        return Coreset(rows.ids[idxs], rows.X[idxs], _take(rows.y, idxs), weights)
+            rows = self._reducer.merge(t, level, index, left, right)
 
     def _summary(self, t: int) -> Coreset:
         parts = [rows for _, rows in self._store.open_nodes(t) if rows.ids.size]
@@ -503,7 +527,7 @@ class CoresetTree:
             return Coreset(np.empty(0, np.int64), np.empty((0, width)), None, np.empty(0))
         if len(parts) == 1:
             return parts[0]
-        return self._reduce(t, _union(parts), self._rng(t, _FINAL_NODE, self.n_leaves_))
+        return self._reducer.reduce(t, _union(parts), self._rng(t, _FINAL_NODE, self.n_leaves_))
 
     def _buffer_summaries(self) -> Optional[List[Coreset]]:
         """The rows waiting in the buffer, built into the buffer node and sampled, one per coreset object."""
@@ -560,7 +584,7 @@ class CoresetTree:
                     self._store.replace((t, 0, index), rows)
         node_ids = [self._leaves[index].node_id for index in rebuild]
         for index, node in zip(rebuild, self._layer.rebuild(node_ids)):
-            for t, rows in enumerate(self._leaf_summaries(node, index)):
+            for t, rows in enumerate(self._reducer.leaf(node, index)):
                 self._store.replace((t, 0, index), rows)
         for t in range(len(self.coreset_objects)):
             indexes = set(touched)
@@ -571,7 +595,7 @@ class CoresetTree:
                 for index in sorted(indexes):
                     left = self._store.get((t, level - 1, 2 * index))
                     right = self._store.get((t, level - 1, 2 * index + 1))
-                    merged = self._reduce(t, _union([left, right]), self._rng(t, level, index))
+                    merged = self._reducer.merge(t, level, index, left, right)
                     self._store.replace((t, level, index), merged)
 
     def _kept_whole(self, chunk: Dataset) -> List[Coreset]:
@@ -595,14 +619,8 @@ class CoresetTree:
         if self._closed:
             raise RuntimeError("the tree is closed")
 
-    def _instantiate(self, t: int, seed: int) -> CoresetBase:
-        params = self.coreset_objects[t].get_params()
-        params.update(coreset_size=self.coreset_size, random_state=seed)
-        coreset: CoresetBase = type(self.coreset_objects[t])(**params)
-        return coreset
-
     def _rng(self, t: int, level: int, index: int) -> np.random.Generator:
-        return np.random.default_rng([self._entropy, t, level, index])
+        return self._reducer.rng(t, level, index)
 
     def _parallel(self) -> bool:
         return self.n_jobs is not None and self.n_jobs > 1
