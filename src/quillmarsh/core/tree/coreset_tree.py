@@ -151,6 +151,10 @@ class CoresetTree:
         Where the leaves' chunks and the nodes' rows are stored. None makes a temporary directory,
         removed by ``close()`` (or at the end of a ``with`` block, or when the tree is collected); a
         given directory is kept.
+    client : dask.distributed.Client, default=None
+        Builds the leaves and merges the nodes on that Dask cluster (``quillmarsh.distributed.tree``);
+        only the nodes' summaries come back. The same seed and blocks give the same summary as
+        without it. Takes numeric arrays (encode tables first).
 
     Attributes
     ----------
@@ -195,6 +199,7 @@ class CoresetTree:
         n_jobs: Optional[int] = None,
         random_state: Union[None, int, np.random.Generator] = None,
         data_dir: Union[str, os.PathLike[str], None] = None,
+        client: Any = None,
     ) -> None:
         if isinstance(coreset, CoresetBase):
             templates = [coreset]
@@ -207,6 +212,8 @@ class CoresetTree:
         self.chunk_size = None if chunk_size is None else _positive_int("chunk_size", chunk_size)
         self.n_jobs = None if n_jobs is None else _positive_int("n_jobs", n_jobs)
         self.random_state = random_state
+        self.client = client
+        self._remote: Any = None
         self._entropy = _entropy(random_state)
         self._reducer = Reducer(templates, self.coreset_size, self._entropy)
         if data_dir is None:
@@ -285,8 +292,14 @@ class CoresetTree:
         self._n_blocks += 1
         self._changed()
         dataset = Dataset(ind=ids, X=X, y=y)
-        for _ in self._layer.process([dataset], create_buffer=False, after_create_leaf_node=self._place_leaf):
-            pass
+        try:
+            for _ in self._layer.process(
+                [dataset], create_buffer=False, after_create_leaf_node=self._place_leaf
+            ):
+                pass
+        finally:
+            if self._remote is not None:
+                self._remote.finish()
         if self._parallel():
             ThreadPoolManager().wait_until_idle()
         return self
@@ -487,9 +500,16 @@ class CoresetTree:
         """Told by the chunk layer after every addition to its buffer: the buffer's summary is stale."""
         self._buffer_rows = None
 
-    def _place_leaf(self, node: ChunkNode, leaf_index: Optional[int]) -> None:
+    def _place_leaf(self, node: Any, leaf_index: Optional[int]) -> None:
         """Called by the chunk layer with each built leaf: store its chunk, sample it, merge it up."""
         assert self._layer is not None
+        if self._remote is not None:  # a leaf being built on the cluster: merged up there
+            leaf = _Leaf(node.node_id, int(node.ids.min()), int(node.ids.max()), int(node.ids.size))
+            with self._lock:
+                self._leaves[node.index] = leaf
+                self.n_leaves_ += 1
+            self._remote.place(node)
+            return
         if leaf_index is None:  # sequential build: the layer counts the leaf after this call
             leaf_index = self._layer.chunk_index
         node.save(self._layer.data_manager, save_all=True)
@@ -657,6 +677,11 @@ class CoresetTree:
         block = f"block {self._n_blocks}"
         columns: Optional[List[str]] = None
         if isinstance(X, pd.DataFrame):
+            if self.client is not None:
+                raise TypeError(
+                    "a tree built on a Dask cluster takes numeric arrays: each worker would encode a "
+                    "table's columns its own way (encode them first, or build without a client)"
+                )
             columns = [str(name) for name in X.columns]
             if self._kind == "array":
                 raise TypeError(f"{block} is a DataFrame, but earlier blocks were arrays")
