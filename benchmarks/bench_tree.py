@@ -19,6 +19,11 @@ its blocks as it goes and reads its own high-water mark (``VmHWM``).
 
 Cost. The tree's time against the chunk layer's alone building the same leaves: what the merges add.
 
+Upkeep. Removing the rows of one leaf from a 100-leaf tree against building the tree again; the k-means
+quality after removing a small far cluster against a tree built without it; ``save`` plus ``load``
+against the build; and the build on a local Dask cluster of 2 workers against the sequential and the
+threaded builds (rows per second, and whether the summaries are equal).
+
 Usage::
 
     python benchmarks/bench_tree.py                 # everything, about 15 minutes on 2 cores
@@ -247,16 +252,121 @@ def tree_both(X: np.ndarray, y: np.ndarray, m: int, chunk: int) -> None:
 
 
 def run_cost(rows: int, m: int, repeats: int) -> Dict[str, Any]:
+    """The tree against the chunk layer alone on the same leaves; the merges' own time, measured inside
+    the tree run, against the leaves' time."""
+    from quillmarsh.core.tree import coreset_tree
+
     X, y = linear(rows, 0, False)
     chunk = 10 * m
-    timings: Dict[str, List[float]] = {"leaves": [], "tree": []}
-    for _ in range(repeats):
-        for name, work in (("leaves", leaves_only), ("tree", tree_both)):
-            start = time.perf_counter()
-            work(X, y, m, chunk)
-            timings[name].append(time.perf_counter() - start)
-    leaves, tree = min(timings["leaves"]), min(timings["tree"])
-    return {"leaves_s": leaves, "tree_s": tree, "merges_add": tree / leaves - 1.0, "rows_per_s": rows / tree}
+    merging = [0.0]
+    original = coreset_tree.Reducer.merge
+
+    def timed_merge(self: Any, *args: Any) -> Any:
+        start = time.perf_counter()
+        try:
+            return original(self, *args)
+        finally:
+            merging[0] += time.perf_counter() - start
+
+    timings: Dict[str, List[float]] = {"leaves": [], "tree": [], "merges": []}
+    coreset_tree.Reducer.merge = timed_merge  # type: ignore[method-assign]
+    try:
+        for _ in range(repeats):
+            for name, work in (("leaves", leaves_only), ("tree", tree_both)):
+                merging[0] = 0.0
+                start = time.perf_counter()
+                work(X, y, m, chunk)
+                timings[name].append(time.perf_counter() - start)
+            timings["merges"].append(merging[0])
+    finally:
+        coreset_tree.Reducer.merge = original  # type: ignore[method-assign]
+    leaves, tree, merges = min(timings["leaves"]), min(timings["tree"]), min(timings["merges"])
+    return {
+        "leaves_s": leaves,
+        "tree_s": tree,
+        "merges_s": merges,
+        "merges_add": merges / leaves,
+        "tree_adds": tree / leaves - 1.0,
+        "rows_per_s": rows / tree,
+    }
+
+
+# -- upkeep: removing rows, saving and loading, building on Dask --------------------------------------
+
+
+def _timed(work: Callable[[], Any]) -> Tuple[float, Any]:
+    start = time.perf_counter()
+    result = work()
+    return time.perf_counter() - start, result
+
+
+def _kmeans_tree(X: np.ndarray, m: int, seed: int, **kwargs: Any) -> CoresetTree:
+    tree = CoresetTree(
+        CoresetKMeans(k=K), coreset_size=m, chunk_size=X.shape[0] // 100, random_state=seed, **kwargs
+    )
+    for start in range(0, X.shape[0], BLOCK):
+        tree.add(X[start : start + BLOCK], ids=np.arange(start, min(start + BLOCK, X.shape[0])))
+    return tree
+
+
+def run_upkeep(rows: int, m: int, seeds: int) -> Dict[str, Any]:
+    import tempfile
+
+    X, _ = mixture(rows, 1, True)
+    far = np.flatnonzero(X[:, 0] > 100)
+    out: Dict[str, Any] = {"rows": rows, "m": m}
+    build_s, tree = _timed(lambda: _kmeans_tree(X, m, 0))
+    chunk = rows // 100
+    remove_s, _ = _timed(lambda: tree.remove(np.arange(3 * chunk, 4 * chunk)))
+    out["build_s"], out["remove_leaf_s"] = build_s, remove_s
+    out["remove_speedup"] = build_s / remove_s
+    with tempfile.TemporaryDirectory() as folder:
+        save_s, _ = _timed(lambda: tree.save(os.path.join(folder, "tree")))
+        load_s, loaded = _timed(lambda: CoresetTree.load(os.path.join(folder, "tree")))
+        loaded.close()
+    out["save_s"], out["load_s"] = save_s, load_s
+    out["save_load_share_of_build"] = (save_s + load_s) / build_s
+    tree.close()
+    print("upkeep", json.dumps(out), flush=True)
+    # The far cluster removed against never added, over seeds.
+    scorer = Scorer("kmeans", np.delete(X, far, axis=0), np.zeros(rows - far.size))
+    removed, never = [], []
+    keep = np.setdiff1d(np.arange(rows), far)
+    for seed in range(seeds):
+        with _kmeans_tree(X, m, seed) as tree:
+            tree.remove(far)
+            c = tree.coreset()
+            removed.append(scorer.excess(np.searchsorted(keep, c.ids), c.weights, seed))
+        with CoresetTree(CoresetKMeans(k=K), coreset_size=m, chunk_size=chunk, random_state=seed) as tree:
+            for start in range(0, keep.size, BLOCK):
+                tree.add(X[keep[start : start + BLOCK]], ids=np.arange(start, min(start + BLOCK, keep.size)))
+            c = tree.coreset()
+            never.append(scorer.excess(c.ids, c.weights, seed))
+    out["far_cluster_removed"] = {"mean": float(np.mean(removed)), "min": min(removed), "max": max(removed)}
+    out["far_cluster_never_added"] = {"mean": float(np.mean(never)), "min": min(never), "max": max(never)}
+    print("upkeep", json.dumps(out), flush=True)
+    return out
+
+
+def run_dask(rows: int, m: int) -> Dict[str, Any]:
+    import logging
+
+    from quillmarsh.distributed import connect
+
+    X, _ = mixture(rows, 2, False)
+    seconds: Dict[str, float] = {}
+    summaries: Dict[str, Any] = {}
+    with connect("local", n_workers=2, silence_logs=logging.ERROR) as client:
+        _kmeans_tree(X[: rows // 10], m, 0, client=client).close()  # warm the workers
+        for name, kwargs in (("sequential", {}), ("threads", {"n_jobs": 2}), ("dask", {"client": client})):
+            seconds[name], tree = _timed(lambda kwargs=kwargs: _kmeans_tree(X, m, 0, **kwargs))
+            summaries[name] = tree.coreset()
+            tree.close()
+    equal = all(np.array_equal(summaries[name].ids, summaries["sequential"].ids) for name in summaries)
+    out = {f"{name}_rows_per_s": rows / s for name, s in seconds.items()}
+    out["summaries_equal"] = equal
+    print("dask", json.dumps(out), flush=True)
+    return out
 
 
 # -- the plot --------------------------------------------------------------------------------------
@@ -303,13 +413,13 @@ def main() -> None:
     parser.add_argument("--m", type=int, default=1000)
     parser.add_argument("--seeds", type=int, default=8)
     parser.add_argument("--quick", action="store_true", help="200,000 rows, m = 200, 3 seeds, fewer points")
-    parser.add_argument("--only", choices=["quality", "memory", "cost"], action="append")
+    parser.add_argument("--only", choices=["quality", "memory", "cost", "upkeep", "dask"], action="append")
     parser.add_argument("--out", type=Path, default=HERE / "tree_results.json")
     parser.add_argument("--plot", type=Path, default=HERE / "tree_quality.png")
     args = parser.parse_args()
     if args.quick:
         args.rows, args.m, args.seeds = 200_000, 200, 3
-    parts = args.only or ["quality", "memory", "cost"]
+    parts = args.only or ["quality", "memory", "cost", "upkeep", "dask"]
     results: Dict[str, Any] = {}
     if "cost" in parts:
         results["cost"] = run_cost(args.rows, args.m, 1 if args.quick else 3)
@@ -317,6 +427,10 @@ def main() -> None:
     if "memory" in parts:
         results["memory"] = run_memory(args.m)
         print("memory", json.dumps(results["memory"]), flush=True)
+    if "upkeep" in parts:
+        results["upkeep"] = run_upkeep(args.rows, args.m, args.seeds)
+    if "dask" in parts:
+        results["dask"] = run_dask(args.rows, args.m)
     if "quality" in parts:
         results["quality"] = run_quality(args.rows, args.m, args.seeds, args.quick)
         if not args.quick:

@@ -62,8 +62,10 @@ class CoresetKMeans(CoresetBase):
         for _ in range(self.n_iter):
             labels = _sq_distances(X, centers).argmin(axis=1)
             mass = np.bincount(labels, weights=w, minlength=len(centers))
-            sums = np.zeros((len(centers), X.shape[1]))
-            np.add.at(sums, labels, X * w[:, None])
+            weighted = X * w[:, None].astype(X.dtype)
+            sums = np.column_stack(
+                [np.bincount(labels, weights=weighted[:, j], minlength=len(centers)) for j in range(X.shape[1])]
+            ).reshape(len(centers), X.shape[1])
             moved = mass > 0  # a centre that lost all its rows stays where it was
             centers[moved] = (sums[moved] / mass[moved, None]).astype(centers.dtype)
         distances = _sq_distances(X, centers)

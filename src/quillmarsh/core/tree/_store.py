@@ -69,14 +69,19 @@ class IdRanges:
         self.ends = ends[np.r_[apart, True]]
 
 
-def write_atomic(path: str, arrays: Dict[str, Any]) -> None:
-    """Write ``arrays`` as one ``.npz`` file through a temporary name, so no reader sees half a file."""
+def write_atomic(path: str, arrays: Dict[str, Any], durable: bool = False) -> None:
+    """Write ``arrays`` as one ``.npz`` file through a temporary name, so no reader sees half a file.
+
+    ``durable`` also waits until the file is on disk: for saves, not for the tree's working files,
+    which a crash makes useless anyway.
+    """
     tmp = f"{path}.{uuid.uuid4().hex}.tmp"
     try:
         with open(tmp, "wb") as stream:
             np.savez(stream, **arrays)
-            stream.flush()
-            os.fsync(stream.fileno())
+            if durable:
+                stream.flush()
+                os.fsync(stream.fileno())
         os.replace(tmp, path)
     except BaseException:
         if os.path.exists(tmp):

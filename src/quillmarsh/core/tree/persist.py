@@ -146,13 +146,13 @@ def _write_version(tree: Any, target: str) -> Dict[str, Any]:
         "feature_space": None,
         "data_params_internal": None,
     }
-    write_atomic(os.path.join(target, "ids.npz"), {"starts": tree._ids.starts, "ends": tree._ids.ends})
+    write_atomic(os.path.join(target, "ids.npz"), {"starts": tree._ids.starts, "ends": tree._ids.ends}, True)
     for key in sorted(tree._store.closed):
         name = node_file_name(key)
         _link_or_copy(os.path.join(tree._store.folder, name), os.path.join(target, "nodes", name))
     for key, rows in sorted(tree._store.open.items()):
         manifest["open"].append(list(key))
-        write_atomic(os.path.join(target, "nodes", node_file_name(key)), rows_to_arrays(rows))
+        write_atomic(os.path.join(target, "nodes", node_file_name(key)), rows_to_arrays(rows), True)
     if layer is not None:
         manager = layer.data_manager
         manager.wait_for_saves()
