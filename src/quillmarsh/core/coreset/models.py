@@ -63,9 +63,10 @@ class CoresetKMeans(CoresetBase):
             labels = _sq_distances(X, centers).argmin(axis=1)
             mass = np.bincount(labels, weights=w, minlength=len(centers))
             weighted = X * w[:, None].astype(X.dtype)
+            k = len(centers)
             sums = np.column_stack(
-                [np.bincount(labels, weights=weighted[:, j], minlength=len(centers)) for j in range(X.shape[1])]
-            ).reshape(len(centers), X.shape[1])
+                [np.bincount(labels, weights=weighted[:, j], minlength=k) for j in range(X.shape[1])]
+            ).reshape(k, X.shape[1])
             moved = mass > 0  # a centre that lost all its rows stays where it was
             centers[moved] = (sums[moved] / mass[moved, None]).astype(centers.dtype)
         distances = _sq_distances(X, centers)
