@@ -323,3 +323,17 @@ def test_the_coreset_must_be_a_coreset_object() -> None:
     tree = CoresetTree(CoresetKMeans(), coreset_size=4)
     with pytest.raises(IndexError, match="index 1 out of range"):
         tree.coreset(1)
+
+
+def test_the_readme_example_runs() -> None:
+    import re
+    from pathlib import Path
+
+    readme = (Path(__file__).resolve().parents[2] / "README.md").read_text(encoding="utf-8")
+    snippet = re.search(r"```python\n(.*?)```", readme, re.S)
+    assert snippet is not None
+    namespace: dict = {}
+    exec(snippet.group(1).replace("range(100)", "range(3)"), namespace)  # three blocks are enough here
+    assert namespace["summary"].X.shape == (1000, 5)
+    assert namespace["summary"].weights.sum() == pytest.approx(30_000, rel=0.2)
+    assert namespace["model"].cluster_centers_.shape == (8, 5)
