@@ -110,3 +110,34 @@ def test_linear_regression_sample_reproducible() -> None:
         dicts.append(c.to_dict(with_important=True))
     np.testing.assert_array_equal(dicts[0]["idxs"], dicts[1]["idxs"])
     assert {"sensitivities", "important_idxs"} <= set(dicts[0])
+
+
+@pytest.mark.parametrize("dtype", ["float32", "float64"])
+def test_leverage_by_cholesky_equals_the_svd_scores(dtype: str) -> None:
+    from quillmarsh.core.coreset import models
+
+    rng = np.random.default_rng(3)
+    Z = (rng.normal(size=(2000, 8)) * rng.uniform(0.1, 10.0, size=8)).astype(dtype)
+    U = np.linalg.svd(Z.astype(np.float64), full_matrices=False)[0]
+    np.testing.assert_allclose(models._leverage(Z, np.dtype(dtype)), (U**2).sum(axis=1), rtol=1e-6, atol=1e-9)
+
+
+def test_ill_conditioned_rows_get_their_leverage_from_the_svd(monkeypatch: pytest.MonkeyPatch) -> None:
+    from quillmarsh.core.coreset import models
+
+    rng = np.random.default_rng(4)
+    X = rng.normal(size=(500, 3))
+    X[:, 2] = X[:, 0] + 1e-7 * rng.normal(size=500)  # nearly collinear: cond about 1e7
+    calls = []
+    svd = np.linalg.svd
+
+    def recording(*args: object, **kwargs: object) -> object:
+        calls.append(1)
+        return svd(*args, **kwargs)  # type: ignore[call-overload]
+
+    monkeypatch.setattr(models.np.linalg, "svd", recording)
+    scores = models._leverage(X, np.dtype("float64"))
+    assert calls and scores.sum() == pytest.approx(3.0, rel=1e-6)
+    calls.clear()
+    models._leverage(rng.normal(size=(500, 3)), np.dtype("float64"))
+    assert not calls

@@ -5,15 +5,15 @@ from __future__ import annotations
 from typing import Union
 
 import numpy as np
+from scipy.linalg import LinAlgError, cho_factor, solve_triangular
 
 from quillmarsh.core.coreset._base import CoresetBase, RandomState
+from quillmarsh.core.distances import squared_distances
 
-
-def _sq_distances(X: np.ndarray, centers: np.ndarray) -> np.ndarray:
-    """Squared Euclidean distances, shape (rows of X, centers), clipped at 0 against rounding."""
-    d2 = (X * X).sum(axis=1)[:, None] - 2.0 * (X @ centers.T) + (centers * centers).sum(axis=1)[None, :]
-    clipped: np.ndarray = np.maximum(d2, 0, out=d2)
-    return clipped
+# Above this ratio of the largest to the smallest diagonal entry of the Gram matrix's Cholesky factor
+# (an estimate of the condition number of [X, y]) the leverage scores come from an SVD instead: the
+# Gram matrix squares the condition number, and its scores would lose the digits that matter.
+CHOLESKY_CONDITION_LIMIT = 1e5
 
 
 class CoresetKMeans(CoresetBase):
@@ -50,7 +50,7 @@ class CoresetKMeans(CoresetBase):
         rng = np.random.default_rng(self.random_state)
         first = int(rng.integers(n) if sample_weight is None else rng.choice(n, p=w / w.sum()))
         centers = X[[first]]
-        d2 = _sq_distances(X, centers)[:, 0]
+        d2 = squared_distances(X, centers)[:, 0]
         while len(centers) < self.k:
             weighted = w * d2
             total = weighted.sum(dtype=np.float64)
@@ -58,9 +58,9 @@ class CoresetKMeans(CoresetBase):
                 break
             pick = rng.choice(n, p=weighted / total)
             centers = np.vstack([centers, X[pick]])
-            d2 = np.minimum(d2, _sq_distances(X, X[[pick]])[:, 0])
+            d2 = np.minimum(d2, squared_distances(X, X[[pick]])[:, 0])
         for _ in range(self.n_iter):
-            labels = _sq_distances(X, centers).argmin(axis=1)
+            labels = squared_distances(X, centers).argmin(axis=1)
             mass = np.bincount(labels, weights=w, minlength=len(centers))
             weighted = X * w[:, None].astype(X.dtype)
             k = len(centers)
@@ -69,7 +69,7 @@ class CoresetKMeans(CoresetBase):
             ).reshape(k, X.shape[1])
             moved = mass > 0  # a centre that lost all its rows stays where it was
             centers[moved] = (sums[moved] / mass[moved, None]).astype(centers.dtype)
-        distances = _sq_distances(X, centers)
+        distances = squared_distances(X, centers)
         labels = distances.argmin(axis=1)
         cost = w * distances[np.arange(n), labels]
         total = cost.sum(dtype=np.float64)
@@ -83,9 +83,10 @@ class CoresetLinearRegression(CoresetBase):
     """Coreset for linear regression by leverage scores.
 
     A row's sensitivity is its leverage score in ``diag(sqrt(w)) [X, y]`` (in ``X`` alone when ``y``
-    is None), from a thin SVD, plus the uniform term ``w_i / sum(w)``. Without weights every row weighs
-    1, and a row of weight 3 scores as much as three copies of it together. Needs at least as many rows
-    as ``[X, y]`` has columns.
+    is None), plus the uniform term ``w_i / sum(w)``. The scores come from a Cholesky factor of the
+    Gram matrix, in float64; from a thin SVD when the matrix is rank-deficient or ill-conditioned.
+    Without weights every row weighs 1, and a row of weight 3 scores as much as three copies of it
+    together. Needs at least as many rows as ``[X, y]`` has columns.
     """
 
     def _min_samples(self, X: np.ndarray, y: np.ndarray | None) -> int:
@@ -98,10 +99,28 @@ class CoresetLinearRegression(CoresetBase):
         n = Z.shape[0]
         if sample_weight is not None:
             Z = Z * np.sqrt(sample_weight).astype(Z.dtype)[:, None]
-        U, singular, _ = np.linalg.svd(Z, full_matrices=False)
-        tolerance = singular.max(initial=0) * max(Z.shape) * np.finfo(self.dtype).eps
-        rank = int((singular > tolerance).sum())
-        leverage = (U[:, :rank] ** 2).sum(axis=1)
+        leverage = _leverage(Z, self.dtype)
         uniform = 1.0 / n if sample_weight is None else sample_weight / sample_weight.sum()
         sensitivities: np.ndarray = (leverage + uniform).astype(self.dtype)
         return sensitivities
+
+
+def _leverage(Z: np.ndarray, dtype: np.dtype) -> np.ndarray:
+    """The leverage score of every row of ``Z``: the squared norms of the rows of an orthonormal basis
+    of its column space."""
+    Z64 = np.asarray(Z, dtype=np.float64)
+    try:
+        factor, lower = cho_factor(Z64.T @ Z64, lower=False, check_finite=False)
+        diagonal = np.abs(np.diag(factor))
+        if diagonal.min() > 0 and diagonal.max() / diagonal.min() < CHOLESKY_CONDITION_LIMIT:
+            # Z = Q R with R the Cholesky factor: the rows of Q = Z R^-1 give the scores.
+            basis = solve_triangular(factor, Z64.T, trans="T", lower=lower, check_finite=False)
+            scores: np.ndarray = np.einsum("ij,ij->j", basis, basis)
+            return scores
+    except LinAlgError:
+        pass  # not positive definite: rank-deficient
+    U, singular, _ = np.linalg.svd(Z, full_matrices=False)
+    tolerance = singular.max(initial=0) * max(Z.shape) * np.finfo(dtype).eps
+    rank = int((singular > tolerance).sum())
+    svd_scores: np.ndarray = (U[:, :rank] ** 2).sum(axis=1)
+    return svd_scores
