@@ -44,6 +44,25 @@ def category_key(value: Any) -> str:
     return value if isinstance(value, str) else str(value)
 
 
+def _category_codes(values: np.ndarray) -> Tuple[np.ndarray, List[str]]:
+    """The category of every present value, as codes into the list of distinct categories.
+
+    The categories are listed in the order they first occur. Text, integers and booleans are grouped
+    by value at once, and only the distinct values are turned into category keys; values of other
+    types (floats, mixed objects) are keyed one by one, as a float and an int of equal value are
+    distinct categories ("1.0" and "1").
+    """
+    kind = values.dtype.kind
+    if kind in "biuU" or (kind == "O" and pd.api.types.infer_dtype(values, skipna=False) == "string"):
+        codes, uniques = pd.factorize(values)
+        keys = [category_key(value) for value in uniques]
+        if len(set(keys)) == len(keys):
+            return codes.astype(np.intp, copy=False), keys
+    every = np.array([category_key(v) for v in values], dtype=object)
+    codes, uniques = pd.factorize(every)
+    return codes.astype(np.intp, copy=False), [str(key) for key in uniques]
+
+
 def as_numbers(column: np.ndarray) -> np.ndarray:
     """Return the column as a new, writable float64 array; values that are not numbers become NaN."""
     if column.dtype.kind in "biuf":
@@ -214,12 +233,11 @@ class FeatureSpace:
                 if col.kind != CATEGORICAL:
                     continue
                 present = ~missing[:, c]
-                keys = np.array([category_key(v) for v in X[present, c]], dtype=object)
+                codes, keys = _category_codes(X[present, c])
                 if learn:
-                    codes, uniques = pd.factorize(keys)
-                    seen = np.bincount(codes, minlength=len(uniques))
+                    seen = np.bincount(codes, minlength=len(keys))
                     for u in np.argsort(-seen, kind="stable"):  # most frequent first, ties in order seen
-                        key = str(uniques[u])
+                        key = keys[u]
                         col.counts[key] = col.counts.get(key, 0) + int(seen[u])
                         self._place(col, names[c], key, max_categories)
                 given = None if replacements is None else replacements[c]
@@ -232,7 +250,8 @@ class FeatureSpace:
                 if learn and (~present).any():
                     self._place(col, names[c], fill_key, max_categories)
                 positions = np.empty(n_rows, dtype=np.intp)
-                positions[present] = [self._position(col, key) for key in keys]
+                placed = np.array([self._position(col, key) for key in keys], dtype=np.intp)
+                positions[present] = placed[codes] if len(keys) else placed
                 positions[~present] = self._position(col, fill_key)
                 prepared[c], fills[c] = positions, fill_key
             width = len(self._names)
