@@ -414,7 +414,7 @@ def main() -> None:
     parser.add_argument("--seeds", type=int, default=8)
     parser.add_argument("--quick", action="store_true", help="200,000 rows, m = 200, 3 seeds, fewer points")
     parser.add_argument("--only", choices=["quality", "memory", "cost", "upkeep", "dask"], action="append")
-    parser.add_argument("--out", type=Path, default=HERE / "tree_results.json")
+    parser.add_argument("--out", type=Path, default=HERE.parent / "build" / "bench" / "tree_results.json")
     parser.add_argument("--plot", type=Path, default=HERE / "tree_quality.png")
     args = parser.parse_args()
     if args.quick:
@@ -435,6 +435,7 @@ def main() -> None:
         results["quality"] = run_quality(args.rows, args.m, args.seeds, args.quick)
         if not args.quick:
             plot(results["quality"], args.plot)
+    args.out.parent.mkdir(parents=True, exist_ok=True)
     args.out.write_text(json.dumps(results, indent=1) + "\n")
     print(f"wrote {args.out}")
 

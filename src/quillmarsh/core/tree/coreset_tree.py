@@ -551,7 +551,7 @@ class CoresetTree:
 
     def _buffer_summaries(self) -> Optional[List[Coreset]]:
         """The rows waiting in the buffer, built into the buffer node and sampled, one per coreset object."""
-        if self._layer is None or self._layer.get_buffer() is None:
+        if self._layer is None or not self._layer.has_buffer():
             return None
         if self._buffer_rows is None:
             node = self._layer.create_buffer_node()
