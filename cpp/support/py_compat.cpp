@@ -212,7 +212,9 @@ PendingError::PendingError() noexcept {
 #endif
 }
 
-PendingError::~PendingError() {
+PendingError::~PendingError() noexcept(false) {
+    if (interpreter_finalizing() && !thread_holds_gil()) [[unlikely]]
+        return;
 #if PY_VERSION_HEX >= 0x030C0000
     PyErr_SetRaisedException(value_);
 #else

@@ -22,9 +22,20 @@ inline bool interpreter_finalizing() noexcept {
 #endif
 }
 
-// True when the calling thread holds the interpreter lock.
+// True when the calling thread holds the interpreter lock: it has a current thread state. Not
+// PyGILState_Check(), which answers yes in every thread for good once any sub-interpreter has
+// existed. Up to 3.11 the current thread state is one for the whole process, the lock holder's, so
+// it must also be this thread's own; from 3.12 on it is per thread, and null while the thread
+// waits for the lock.
 inline bool thread_holds_gil() noexcept {
-    return PyGILState_Check() != 0;
+#if PY_VERSION_HEX >= 0x030D0000
+    return PyThreadState_GetUnchecked() != nullptr;
+#elif PY_VERSION_HEX >= 0x030C0000
+    return _PyThreadState_UncheckedGet() != nullptr;
+#else
+    const PyThreadState* current = _PyThreadState_UncheckedGet();
+    return current != nullptr && current->thread_id == PyThread_get_thread_ident();
+#endif
 }
 
 // One level of the recursion count, taken by enter_recursive_call() and given back by
@@ -92,7 +103,9 @@ class PendingError {
     PendingError() noexcept;
     PendingError(const PendingError&) = delete;
     PendingError& operator=(const PendingError&) = delete;
-    ~PendingError();  // puts the error back (whatever the indicator holds then is dropped)
+    // Puts the error back (whatever the indicator holds then is dropped, which may run a
+    // finaliser); not in a thread ended at finalisation, which leaves it to the dying process.
+    ~PendingError() noexcept(false);
 
   private:
     PyObject* type_ = nullptr;  // before 3.12 only
