@@ -95,6 +95,19 @@ inline PyObject* function_str(PyObject* callable) {
     return _PyObject_FunctionStr(callable);
 }
 
+// What throw(type, value[, traceback]) of a generator warns from 3.12 on, where that form is
+// deprecated: -1 when the warning is raised as an error, else 0.
+inline int warn_three_argument_throw() noexcept {
+#if PY_VERSION_HEX >= 0x030C0000
+    return PyErr_WarnEx(PyExc_DeprecationWarning,
+                        "the (type, exc, tb) signature of throw() is deprecated, use the "
+                        "single-arg signature instead.",
+                        1);
+#else
+    return 0;
+#endif
+}
+
 // The error being raised, taken out of the error indicator so that other code can run, and put
 // back when this goes out of scope. Exceptions of 3.12 and later are one object; earlier versions
 // keep three.
