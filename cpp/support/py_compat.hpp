@@ -2,9 +2,11 @@
 // of an interpreter function outside the stable public API, in one place and gated on
 // PY_VERSION_HEX. The rest of the extension calls these and never tests a version itself.
 //
-// The one interpreter structure read directly is the thread state's recursion count (from 3.11
-// on), so that a call into the module counts as a Python call does, without three calls into the
-// interpreter. ma_version_tag, which 3.14 removes, is not used at all.
+// The interpreter structures read directly: the thread state's recursion count (from 3.11 on),
+// so that a call into the module counts as a Python call does, without three calls into the
+// interpreter; the thread state's thread id (up to 3.11), to tell whether the calling thread holds
+// the lock; and, in 3.12 and 3.13 only, the version tag of the module's namespace, which tells
+// whether a remembered module-level name is still current whatever has become of the dict watcher.
 #pragma once
 
 #define PY_SSIZE_T_CLEAN
@@ -56,16 +58,19 @@ bool enter_recursive_call(CallLevel& level) noexcept;
 // without the interpreter lock (its thread state is gone with it).
 void leave_recursive_call(const CallLevel& level) noexcept;
 
-// Module-level names that the module's calls look up, remembered between calls where the
-// interpreter reports every change of a namespace (dict watchers, 3.12 and later); earlier
-// versions look every name up afresh. One namespace is remembered at a time, the module's own.
+// Module-level names that the module's calls look up, remembered between calls from 3.12 on,
+// each held with the namespace's version tag and used again only while the tag is unchanged; a
+// dict watcher gives them back when the namespace changes. Earlier versions look every name up
+// afresh. One namespace is remembered at a time, the module's own; one with a key other than an
+// exact str is not remembered at all (looking a name up there may run that key's __eq__).
 //
-// The value of `name` last found in `globals`, borrowed from `globals` (the caller takes its own
-// reference before anything else runs), or null when not remembered.
+// The value of `name` last found in `globals`, borrowed from the remembered slot (the caller takes
+// its own reference before anything else runs), or null when not remembered.
 PyObject* remembered_global(PyObject* globals, PyObject* name) noexcept;
 
-// Remembers `value`, just found for the interned `name` in `globals`, until `globals` changes.
-void remember_global(PyObject* globals, PyObject* name, PyObject* value) noexcept;
+// Remembers `value`, just found for the interned `name` in `globals` (the caller holds it: values
+// given back here may run code), unless a change of `globals` has been announced and not yet made.
+void remember_global(PyObject* globals, PyObject* name, PyObject* value);
 
 // The value of an exact int that fits a long long, read as cheaply as the version allows; false
 // for anything else (the caller then lets the int compare itself).

@@ -523,8 +523,9 @@ Ref global(Handle globals, const Str& name) {
     }
     PyObject* value = PyDict_GetItemWithError(globals.get(), name.get());
     if (value != nullptr) {
+        Ref result = Ref::borrow(value);
         compat::remember_global(globals.get(), name.get(), value);
-        return Ref::borrow(value);
+        return result;
     }
     if (!PyErr_Occurred()) {
         value = PyDict_GetItemWithError(PyEval_GetBuiltins(), name.get());
