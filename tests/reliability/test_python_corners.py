@@ -63,4 +63,4 @@ def test_a_generator_whose_step_is_refused_at_the_recursion_limit_is_finished() 
     outcomes = run("generator_refused_at_the_limit")
     assert outcomes["module"] == outcomes["transcription"]
     for started in ("unstarted", "started"):
-        assert outcomes["module"][started] == ["RecursionError in <lambda>", "finished", "finished"]
+        assert outcomes["module"][started] == ["RecursionError in the step", "finished", "finished"]

@@ -1,15 +1,17 @@
-"""Loads the chunk layer's extension file alone (none of the package, whose imports a sub-interpreter
-may refuse first) in a sub-interpreter that shares the interpreter lock and, from 3.12 on, checks
-its extensions; prints "loaded" or the ImportError."""
+"""With the chunk layer imported in the main interpreter, loads its extension file alone (none of the
+package, whose imports a sub-interpreter may refuse first) in a sub-interpreter that shares the
+interpreter lock and, from 3.12 on, checks its extensions; prints "loaded" or the ImportError."""
 
 from __future__ import annotations
 
+import importlib
 import importlib.util
 import os
 import sys
 import tempfile
 
 CODE = """
+import importlib
 import importlib.util
 spec = importlib.util.spec_from_file_location("quillmarsh.core.tree.chunk_layer", {origin!r})
 try:
@@ -47,7 +49,8 @@ def run_in_sub_interpreter(code: str) -> None:
 
 
 def main() -> None:
-    origin = importlib.util.find_spec("quillmarsh.core.tree.chunk_layer").origin
+    # The main interpreter has the module, as a process that uses it does.
+    origin = importlib.import_module("quillmarsh.core.tree.chunk_layer").__file__
     out = os.path.join(tempfile.mkdtemp(), "message")
     run_in_sub_interpreter(CODE.format(origin=origin, out=out))
     with open(out) as message:

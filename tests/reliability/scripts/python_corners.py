@@ -170,13 +170,17 @@ def at_depth(depth: int, action):
 
 
 def step(depth: int, generator) -> str:
-    """A step of `generator` taken with `depth` Python frames below: "ran", or "RecursionError in"
-    the innermost Python function of the traceback (the lambda below when the step itself was
-    refused; a function of the body when the body was)."""
+    """A step of `generator` taken with `depth` Python frames below: "ran", or where the
+    RecursionError came from: the step itself, or a function that the body called."""
     try:
         at_depth(depth - frames_below(), lambda: next(generator))
     except RecursionError as error:
-        return f"RecursionError in {traceback.extract_tb(error.__traceback__)[-1].name}"
+        innermost = traceback.extract_tb(error.__traceback__)[-1].name
+        # The step itself: the call of next() in the lambda, or, for a Python generator from 3.11
+        # on, the generator's own frame, which is entered before the count is checked.
+        if innermost in ("<lambda>", "rebuild"):
+            return "RecursionError in the step"
+        return f"RecursionError in {innermost}"
     return "ran"
 
 
