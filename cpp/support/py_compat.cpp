@@ -67,12 +67,18 @@ bool stack_nearly_exhausted(ThreadCalls& calls) noexcept {
 }
 
 #if PY_VERSION_HEX >= 0x030C0000
-// The remembered names of one namespace. A watcher on the namespace starts a new generation at
-// every change (it is told before the change is made), which forgets every value remembered.
+// The remembered names of one namespace, each held with the namespace's version tag when it was
+// looked up. 3.12 and 3.13 advance the tag at every change, after the change is made, whatever
+// watches the namespace: a value is used again only while the tag is the one it was found under.
+// So a value looked up while a change is pending (between the watchers' notice and the change,
+// where another watcher's callback can call the module) is never used after the change, nor after
+// changes that no watcher heard of (other code may clear the module's watcher or unwatch the
+// namespace). The module's own watcher gives each remembered value back as soon as its name may
+// change, so that the namespace's old values go when Python's would.
 struct RememberedGlobal {
-    PyObject* name = nullptr;   // interned, kept alive by the module's constants
-    PyObject* value = nullptr;  // borrowed from the namespace
-    unsigned long generation = 0;
+    PyObject* name = nullptr;  // interned, kept alive by the module's constants
+    Ref value;
+    std::uint64_t version = 0;  // the namespace's tag when `value` was found
 };
 
 constexpr std::size_t kRememberedSlots = 32;  // more than the module's module-level names
@@ -81,18 +87,42 @@ constexpr int kNoWatcher = -2;  // the interpreter had no watcher left to give
 
 struct RememberedGlobals {
     int watcher = kNoWatcherYet;
-    PyObject* globals = nullptr;  // the namespace watched, borrowed; null when none
-    unsigned long generation = 1;
+    PyObject* globals = nullptr;     // the namespace remembered, borrowed; null when none
+    std::uint64_t notified = 0;      // the tag when the last change was announced
+    std::uint64_t keys_version = 0;  // the tag when the keys were last found all exact str
     RememberedGlobal slots[kRememberedSlots];
 };
 
-RememberedGlobals remembered;  // used with the interpreter lock held only
+// Made once and never destroyed: the values it holds go with the interpreter, not at process exit.
+RememberedGlobals& remembered = *new RememberedGlobals;  // used with the interpreter lock held only
 
+// The tag is deprecated from 3.12 on, in favour of watchers, which cannot tell that they have been
+// cleared or the namespace unwatched; 3.12 and 3.13 still advance it at every change.
+std::uint64_t version_of(PyObject* dict) noexcept {
+    // clang-format off
+    _Py_COMP_DIAG_PUSH
+    _Py_COMP_DIAG_IGNORE_DEPR_DECLS
+    return reinterpret_cast<PyDictObject*>(dict)->ma_version_tag;
+    _Py_COMP_DIAG_POP
+    // clang-format on
+}
+
+// Whether the namespace is watched by `watcher`: its bit among the low bits of the tag.
+bool watched_by(PyObject* dict, int watcher) noexcept {
+    return (version_of(dict) >> watcher & 1) != 0;
+}
+
+// Gives back every remembered value that is still the namespace's own, as the namespace is about
+// to change: the namespace holds each of them, so no finaliser can run here. The others (left
+// over from changes the watcher did not hear of) wait for the next remember_global().
 int on_namespace_change(PyDict_WatchEvent event, PyObject* dict, PyObject*, PyObject*) {
-    if (dict == remembered.globals) {
-        ++remembered.generation;
-        if (event == PyDict_EVENT_DEALLOCATED) remembered.globals = nullptr;
+    if (dict != remembered.globals) return 0;
+    const std::uint64_t version = version_of(dict);
+    remembered.notified = version;
+    for (RememberedGlobal& slot : remembered.slots) {
+        if (slot.value && slot.version == version) slot.value = Ref();
     }
+    if (event == PyDict_EVENT_DEALLOCATED) remembered.globals = nullptr;
     return 0;
 }
 
@@ -100,27 +130,39 @@ RememberedGlobal& slot_of(PyObject* name) noexcept {
     return remembered.slots[(reinterpret_cast<std::uintptr_t>(name) >> 4) % kRememberedSlots];
 }
 
-// Watches `globals` instead of the namespace watched so far; false when it cannot be watched.
-bool watch(PyObject* globals) noexcept {
-    if (remembered.watcher == kNoWatcherYet) {
-        remembered.watcher = PyDict_AddWatcher(on_namespace_change);
-        if (remembered.watcher < 0) {
-            PyErr_Clear();
-            remembered.watcher = kNoWatcher;
-        }
+// Whether every key of the namespace is an exact str, so that looking a name up runs no code: a
+// key of another kind with the same hash has its __eq__ called at every look-up, as Python does.
+bool keys_are_plain_str(PyObject* globals, std::uint64_t version) noexcept {
+    if (remembered.keys_version == version) return true;
+    PyObject* key;
+    PyObject* value;
+    Py_ssize_t position = 0;
+    while (PyDict_Next(globals, &position, &key, &value)) {
+        if (!PyUnicode_CheckExact(key)) return false;
     }
-    if (remembered.watcher == kNoWatcher) return false;
-    if (remembered.globals != nullptr) {
-        if (PyDict_Unwatch(remembered.watcher, remembered.globals) < 0) PyErr_Clear();
-        remembered.globals = nullptr;
-    }
-    ++remembered.generation;
-    if (PyDict_Watch(remembered.watcher, globals) < 0) {
-        PyErr_Clear();
-        return false;
-    }
-    remembered.globals = globals;
+    remembered.keys_version = version;
     return true;
+}
+
+// Watches `globals` with the module's watcher (made on first use, and again if other code has
+// cleared it); false when it cannot be watched.
+bool watch(PyObject* globals) noexcept {
+    if (remembered.watcher >= 0 && watched_by(globals, remembered.watcher)) return true;
+    for (int attempt = 0; attempt < 2; ++attempt) {
+        if (remembered.watcher == kNoWatcherYet) {
+            remembered.watcher = PyDict_AddWatcher(on_namespace_change);
+            if (remembered.watcher < 0) {
+                PyErr_Clear();
+                remembered.watcher = kNoWatcher;
+            }
+        }
+        if (remembered.watcher == kNoWatcher) return false;
+        if (PyDict_Watch(remembered.watcher, globals) == 0) return true;
+        // The watcher was cleared by other code: make a new one.
+        PyErr_Clear();
+        remembered.watcher = kNoWatcherYet;
+    }
+    return false;
 }
 #endif
 
@@ -131,18 +173,50 @@ PyObject* remembered_global([[maybe_unused]] PyObject* globals,
 #if PY_VERSION_HEX >= 0x030C0000
     if (globals != remembered.globals) return nullptr;
     const RememberedGlobal& slot = slot_of(name);
-    if (slot.name != name || slot.generation != remembered.generation) return nullptr;
-    return slot.value;
+    if (slot.name != name || !slot.value || slot.version != version_of(globals)) return nullptr;
+    return slot.value.get();
 #else
     return nullptr;
 #endif
 }
 
 void remember_global([[maybe_unused]] PyObject* globals, [[maybe_unused]] PyObject* name,
-                     [[maybe_unused]] PyObject* value) noexcept {
+                     [[maybe_unused]] PyObject* value) {
 #if PY_VERSION_HEX >= 0x030C0000
-    if (globals != remembered.globals && !watch(globals)) return;
-    slot_of(name) = {name, value, remembered.generation};
+    // Nothing may run between the caller's look-up and the storing of the value: the values given
+    // back here, whose release may run code, are dropped at the end.
+    const std::uint64_t found_under = version_of(globals);
+    Ref dropped[kRememberedSlots + 1];
+    std::size_t dropped_count = 0;
+    if (globals != remembered.globals) {
+        for (RememberedGlobal& slot : remembered.slots)
+            dropped[dropped_count++] = std::move(slot.value);
+        if (remembered.globals != nullptr && remembered.watcher >= 0 &&
+            PyDict_Unwatch(remembered.watcher, remembered.globals) < 0) {
+            PyErr_Clear();
+        }
+        remembered.globals = nullptr;
+        remembered.keys_version = 0;
+    } else {
+        for (RememberedGlobal& slot : remembered.slots) {
+            if (slot.value && slot.version != found_under) {
+                dropped[dropped_count++] = std::move(slot.value);
+            }
+        }
+        // A change announced and not yet made: the value found may be about to go.
+        if (remembered.notified == found_under) return;
+    }
+    if (!keys_are_plain_str(globals, found_under) || !watch(globals)) return;
+    if (remembered.globals != globals) {
+        remembered.globals = globals;
+        remembered.notified = 0;
+    }
+    // Watching sets a bit of the tag and changes nothing else: the value is still the one found.
+    RememberedGlobal& slot = slot_of(name);
+    dropped[dropped_count++] = std::move(slot.value);
+    slot.name = name;
+    slot.value = Ref::borrow(value);
+    slot.version = version_of(globals);
 #endif
 }
 
@@ -212,7 +286,9 @@ PendingError::PendingError() noexcept {
 #endif
 }
 
-PendingError::~PendingError() {
+PendingError::~PendingError() noexcept(false) {
+    if (interpreter_finalizing() && !thread_holds_gil()) [[unlikely]]
+        return;
 #if PY_VERSION_HEX >= 0x030C0000
     PyErr_SetRaisedException(value_);
 #else

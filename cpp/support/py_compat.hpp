@@ -2,9 +2,11 @@
 // of an interpreter function outside the stable public API, in one place and gated on
 // PY_VERSION_HEX. The rest of the extension calls these and never tests a version itself.
 //
-// The one interpreter structure read directly is the thread state's recursion count (from 3.11
-// on), so that a call into the module counts as a Python call does, without three calls into the
-// interpreter. ma_version_tag, which 3.14 removes, is not used at all.
+// The interpreter structures read directly: the thread state's recursion count (from 3.11 on),
+// so that a call into the module counts as a Python call does, without three calls into the
+// interpreter; the thread state's thread id (up to 3.11), to tell whether the calling thread holds
+// the lock; and, in 3.12 and 3.13 only, the version tag of the module's namespace, which tells
+// whether a remembered module-level name is still current whatever has become of the dict watcher.
 #pragma once
 
 #define PY_SSIZE_T_CLEAN
@@ -22,9 +24,20 @@ inline bool interpreter_finalizing() noexcept {
 #endif
 }
 
-// True when the calling thread holds the interpreter lock.
+// True when the calling thread holds the interpreter lock: it has a current thread state. Not
+// PyGILState_Check(), which answers yes in every thread for good once any sub-interpreter has
+// existed. Up to 3.11 the current thread state is one for the whole process, the lock holder's, so
+// it must also be this thread's own; from 3.12 on it is per thread, and null while the thread
+// waits for the lock.
 inline bool thread_holds_gil() noexcept {
-    return PyGILState_Check() != 0;
+#if PY_VERSION_HEX >= 0x030D0000
+    return PyThreadState_GetUnchecked() != nullptr;
+#elif PY_VERSION_HEX >= 0x030C0000
+    return _PyThreadState_UncheckedGet() != nullptr;
+#else
+    const PyThreadState* current = _PyThreadState_UncheckedGet();
+    return current != nullptr && current->thread_id == PyThread_get_thread_ident();
+#endif
 }
 
 // One level of the recursion count, taken by enter_recursive_call() and given back by
@@ -45,16 +58,19 @@ bool enter_recursive_call(CallLevel& level) noexcept;
 // without the interpreter lock (its thread state is gone with it).
 void leave_recursive_call(const CallLevel& level) noexcept;
 
-// Module-level names that the module's calls look up, remembered between calls where the
-// interpreter reports every change of a namespace (dict watchers, 3.12 and later); earlier
-// versions look every name up afresh. One namespace is remembered at a time, the module's own.
+// Module-level names that the module's calls look up, remembered between calls from 3.12 on,
+// each held with the namespace's version tag and used again only while the tag is unchanged; a
+// dict watcher gives them back when the namespace changes. Earlier versions look every name up
+// afresh. One namespace is remembered at a time, the module's own; one with a key other than an
+// exact str is not remembered at all (looking a name up there may run that key's __eq__).
 //
-// The value of `name` last found in `globals`, borrowed from `globals` (the caller takes its own
-// reference before anything else runs), or null when not remembered.
+// The value of `name` last found in `globals`, borrowed from the remembered slot (the caller takes
+// its own reference before anything else runs), or null when not remembered.
 PyObject* remembered_global(PyObject* globals, PyObject* name) noexcept;
 
-// Remembers `value`, just found for the interned `name` in `globals`, until `globals` changes.
-void remember_global(PyObject* globals, PyObject* name, PyObject* value) noexcept;
+// Remembers `value`, just found for the interned `name` in `globals` (the caller holds it: values
+// given back here may run code), unless a change of `globals` has been announced and not yet made.
+void remember_global(PyObject* globals, PyObject* name, PyObject* value);
 
 // The value of an exact int that fits a long long, read as cheaply as the version allows; false
 // for anything else (the caller then lets the int compare itself).
@@ -84,6 +100,19 @@ inline PyObject* function_str(PyObject* callable) {
     return _PyObject_FunctionStr(callable);
 }
 
+// What throw(type, value[, traceback]) of a generator warns from 3.12 on, where that form is
+// deprecated: -1 when the warning is raised as an error, else 0.
+inline int warn_three_argument_throw() noexcept {
+#if PY_VERSION_HEX >= 0x030C0000
+    return PyErr_WarnEx(PyExc_DeprecationWarning,
+                        "the (type, exc, tb) signature of throw() is deprecated, use the "
+                        "single-arg signature instead.",
+                        1);
+#else
+    return 0;
+#endif
+}
+
 // The error being raised, taken out of the error indicator so that other code can run, and put
 // back when this goes out of scope. Exceptions of 3.12 and later are one object; earlier versions
 // keep three.
@@ -92,7 +121,9 @@ class PendingError {
     PendingError() noexcept;
     PendingError(const PendingError&) = delete;
     PendingError& operator=(const PendingError&) = delete;
-    ~PendingError();  // puts the error back (whatever the indicator holds then is dropped)
+    // Puts the error back (whatever the indicator holds then is dropped, which may run a
+    // finaliser); not in a thread ended at finalisation, which leaves it to the dying process.
+    ~PendingError() noexcept(false);
 
   private:
     PyObject* type_ = nullptr;  // before 3.12 only

@@ -90,66 +90,91 @@ struct Keywords {
     Py_ssize_t count;
 };
 
-Py_ssize_t parameter_index(PyObject* names, PyObject* key) {
+// What became of each keyword argument of a call: the index of the parameter it was bound to, or
+// one of the two refusals below.
+constexpr Py_ssize_t kNoSuchParameter = -1;
+constexpr Py_ssize_t kAlreadyGiven = -2;  // its parameter has a value already
+
+// The index of the parameter whose name is `key` itself, or -1.
+Py_ssize_t parameter_by_identity(PyObject* names, PyObject* key) {
     const Py_ssize_t count = PyTuple_GET_SIZE(names);
     for (Py_ssize_t i = 0; i < count; ++i) {
-        if (PyTuple_GET_ITEM(names, i) == key) return i;  // interned: the common case
+        if (PyTuple_GET_ITEM(names, i) == key) return i;
     }
+    return -1;
+}
+
+// The index of the parameter whose name == `key`, a str, or -1. The comparison is the
+// interpreter's, so a str subclass's own __eq__ runs, as it does when a Python function binds its
+// keywords.
+Py_ssize_t parameter_by_equality(PyObject* names, PyObject* key) {
+    const Py_ssize_t count = PyTuple_GET_SIZE(names);
     for (Py_ssize_t i = 0; i < count; ++i) {
-        if (PyUnicode_Compare(PyTuple_GET_ITEM(names, i), key) == 0) return i;
-    }
-    return -1;
-}
-
-// The index of the keyword argument named `name`, matched by identity, or -1.
-Py_ssize_t keyword_by_identity(const Keywords& keywords, PyObject* name) {
-    for (Py_ssize_t k = 0; k < keywords.count; ++k) {
-        if (keywords.names[k] == name) return k;
-    }
-    return -1;
-}
-
-// The index of the keyword argument equal to `name` as a string, or -1.
-Py_ssize_t keyword_by_value(const Keywords& keywords, PyObject* name) {
-    for (Py_ssize_t k = 0; k < keywords.count; ++k) {
-        PyObject* key = keywords.names[k];
-        if (PyUnicode_Check(key) && PyUnicode_Compare(key, name) == 0) return k;
+        if (check_status(PyObject_RichCompareBool(PyTuple_GET_ITEM(names, i), key, Py_EQ)) != 0) {
+            return i;
+        }
     }
     return -1;
 }
 
 // Binds positional and keyword arguments to the parameters. Keyword names are interned str in
 // nearly every call, so all are matched by identity first; names still unmatched then are
-// compared as strings. Errors are checked in this order: too many positionals; then each
-// parameter not given, in order (a missing required one is reported with the number of arguments
-// before it); then the keywords that matched nothing, name a parameter given by position, or are
-// not strings. Returns the defaults tuple when a value was taken from it (the caller keeps it
-// alive: __defaults__ may be replaced while the body runs), else null.
+// compared with ==. A keyword whose parameter has a value already (by position, or by an earlier
+// keyword of the same name) is refused. Errors are checked in this order: too many positionals;
+// then each parameter not given, in order (a missing required one is reported with the number of
+// arguments before it); then the keywords, in order, that are not strings, name a parameter given
+// already, or match nothing. Returns the defaults tuple when a value was taken from it (the caller
+// keeps it alive: __defaults__ may be replaced while the body runs), else null.
 PyObject* bind(const FunctionObject& function, PyObject* const* positional, Py_ssize_t given,
                const Keywords& keywords, std::array<PyObject*, kMaxParameters>& values) {
     const FunctionDef& definition = *function.fields.definition;
-    PyObject* defaults = function.fields.defaults.get();
+    PyObject* const names = definition.names;
     const auto total = static_cast<Py_ssize_t>(definition.parameters.size());
-    const Py_ssize_t default_count = PyTuple_Check(defaults) ? PyTuple_GET_SIZE(defaults) : 0;
-    const Py_ssize_t required = total > default_count ? total - default_count : 0;
+    // The defaults as they are now, and again after the keywords: a keyword's __eq__ may replace
+    // them.
+    auto required_count = [&] {
+        PyObject* defaults = function.fields.defaults.get();
+        const Py_ssize_t default_count = PyTuple_Check(defaults) ? PyTuple_GET_SIZE(defaults) : 0;
+        return total > default_count ? total - default_count : 0;
+    };
 
-    if (given > total) raise_count(definition, required, given);
+    if (given > total) raise_count(definition, required_count(), given);
     for (Py_ssize_t i = 0; i < given; ++i) values[i] = positional[i];
+    for (Py_ssize_t i = given; i < total; ++i) values[i] = nullptr;
 
-    Py_ssize_t unused_keywords = keywords.count;
-    for (Py_ssize_t i = given; i < total; ++i) {
-        const Py_ssize_t k = keyword_by_identity(keywords, PyTuple_GET_ITEM(definition.names, i));
-        values[i] = k < 0 ? nullptr : keywords.values[k];
-        if (k >= 0) --unused_keywords;
+    // Where each keyword went; a valid call has at most one keyword per parameter.
+    std::array<Py_ssize_t, kMaxParameters> few_outcomes;
+    std::vector<Py_ssize_t> many_outcomes;
+    if (keywords.count > static_cast<Py_ssize_t>(kMaxParameters)) {
+        many_outcomes.resize(static_cast<std::size_t>(keywords.count));
     }
-    for (Py_ssize_t i = given; i < total && unused_keywords > 0; ++i) {
-        if (values[i] != nullptr) continue;
-        const Py_ssize_t k = keyword_by_value(keywords, PyTuple_GET_ITEM(definition.names, i));
-        if (k < 0) continue;
-        values[i] = keywords.values[k];
-        --unused_keywords;
+    Py_ssize_t* outcome = many_outcomes.empty() ? few_outcomes.data() : many_outcomes.data();
+    auto place = [&](Py_ssize_t k, Py_ssize_t index) {
+        if (index < 0) {
+            outcome[k] = kNoSuchParameter;
+        } else if (index < given || values[index] != nullptr) {
+            outcome[k] = kAlreadyGiven;
+        } else {
+            values[index] = keywords.values[k];
+            outcome[k] = index;
+        }
+    };
+    bool unmatched = false;
+    for (Py_ssize_t k = 0; k < keywords.count; ++k) {
+        place(k, parameter_by_identity(names, keywords.names[k]));
+        unmatched = unmatched || outcome[k] < 0;
+    }
+    if (unmatched) {
+        for (Py_ssize_t k = 0; k < keywords.count; ++k) {
+            PyObject* key = keywords.names[k];
+            if (outcome[k] == kNoSuchParameter && PyUnicode_Check(key)) {
+                place(k, parameter_by_equality(names, key));
+            }
+        }
     }
 
+    const Py_ssize_t required = required_count();
+    PyObject* defaults = function.fields.defaults.get();
     PyObject* defaults_used = nullptr;
     for (Py_ssize_t i = given; i < total; ++i) {
         if (values[i] != nullptr) continue;
@@ -158,15 +183,14 @@ PyObject* bind(const FunctionObject& function, PyObject* const* positional, Py_s
         defaults_used = defaults;
     }
 
-    if (unused_keywords > 0) {
+    if (unmatched) {
         for (Py_ssize_t k = 0; k < keywords.count; ++k) {
             PyObject* key = keywords.names[k];
+            if (outcome[k] >= 0) continue;
             if (!PyUnicode_Check(key)) {
                 raise(PyExc_TypeError, "%.200s() keywords must be strings", definition.name);
             }
-            const Py_ssize_t index = parameter_index(definition.names, key);
-            if (index >= given) continue;
-            if (index >= 0) {
+            if (outcome[k] == kAlreadyGiven) {
                 raise(PyExc_TypeError, "%s() got multiple values for keyword argument '%U'",
                       definition.name, key);
             }
@@ -222,18 +246,35 @@ PyObject* function_vectorcall(PyObject* self, PyObject* const* args, std::size_t
                Keywords{&PyTuple_GET_ITEM(kwnames, 0), args + given, PyTuple_GET_SIZE(kwnames)});
 }
 
-// The tuple-and-dict call (a slot wrapper's __call__, or C code using tp_call directly).
+// The tuple-and-dict call (a slot wrapper's __call__, or C code using tp_call directly). The dict
+// may be the caller's own, which the body can change: its keys and values are owned for the call,
+// as the interpreter owns them when it unpacks a dict for a Python function. The tuple is
+// immutable and the caller's for the whole call.
 PyObject* function_call(PyObject* self, PyObject* args, PyObject* kwargs) {
+    if (kwargs == nullptr || PyDict_GET_SIZE(kwargs) == 0) {
+        return run(self, &PyTuple_GET_ITEM(args, 0), PyTuple_GET_SIZE(args),
+                   Keywords{nullptr, nullptr, 0});
+    }
     std::vector<PyObject*> names;
     std::vector<PyObject*> values;
-    if (kwargs != nullptr) {
+    Ref owned_keywords;
+    try {
+        owned_keywords = Ref::steal(PyTuple_New(2 * PyDict_GET_SIZE(kwargs)));
         PyObject* key;
         PyObject* value;
         Py_ssize_t position = 0;
+        Py_ssize_t owned = 0;
         while (PyDict_Next(kwargs, &position, &key, &value)) {
+            // Nothing runs between PyDict_Next and the taking of both references.
+            PyTuple_SET_ITEM(owned_keywords.get(), owned++, Ref::borrow(key).release());
+            PyTuple_SET_ITEM(owned_keywords.get(), owned++, Ref::borrow(value).release());
             names.push_back(key);
             values.push_back(value);
         }
+    } catch (const Error&) {
+        return nullptr;
+    } catch (const std::bad_alloc&) {
+        return PyErr_NoMemory();
     }
     Keywords keywords{names.data(), values.data(), static_cast<Py_ssize_t>(names.size())};
     return run(self, &PyTuple_GET_ITEM(args, 0), PyTuple_GET_SIZE(args), keywords);
@@ -482,8 +523,9 @@ Ref global(Handle globals, const Str& name) {
     }
     PyObject* value = PyDict_GetItemWithError(globals.get(), name.get());
     if (value != nullptr) {
+        Ref result = Ref::borrow(value);
         compat::remember_global(globals.get(), name.get(), value);
-        return Ref::borrow(value);
+        return result;
     }
     if (!PyErr_Occurred()) {
         value = PyDict_GetItemWithError(PyEval_GetBuiltins(), name.get());

@@ -124,12 +124,13 @@ PyObject* resume(GeneratorObject& generator, Resume how, PyObject* sent) {
         return nullptr;
     }
 
-    // A resumption counts against the recursion limit as a call does; past it, the body stays
-    // where it is.
+    // A resumption counts against the recursion limit as a call does. Past it, the generator is
+    // finished with the RecursionError, as a Python generator whose frame could not be entered.
     std::optional<RecursionLevel> level;
     try {
         level.emplace();
     } catch (const Error&) {
+        finish(generator);
         return nullptr;
     }
     Coroutine::promise_type& promise = fields.body.promise();
@@ -182,6 +183,7 @@ PyObject* generator_throw(PyObject* self, PyObject* args) {
     if (!PyArg_UnpackTuple(args, "throw", 1, 3, &type_arg, &value_arg, &traceback_arg)) {
         return nullptr;
     }
+    if (value_arg != nullptr && compat::warn_three_argument_throw() < 0) return nullptr;
     if (traceback_arg == Py_None) traceback_arg = nullptr;
     if (traceback_arg != nullptr && !PyTraceBack_Check(traceback_arg)) {
         PyErr_SetString(PyExc_TypeError, "throw() third argument must be a traceback object");

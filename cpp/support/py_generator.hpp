@@ -80,14 +80,14 @@ class Held {
     }
     Held(const Held&) = delete;
     Held& operator=(const Held&) = delete;
-    ~Held() {
+    ~Held() noexcept(false) {
         // Locals go in the reverse order of their making, so this is normally the list's head.
         Held** link = list_;
         while (*link != this) link = &(*link)->next_;
         *link = next_;
     }
 
-    Held& operator=(Ref value) noexcept {
+    Held& operator=(Ref value) {
         value_ = std::move(value);
         return *this;
     }

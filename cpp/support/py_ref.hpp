@@ -65,8 +65,10 @@ class Ref;
 
 // Gives back one reference. At finalisation the interpreter ends threads that wait for its lock
 // with pthread_exit(), whose unwinding runs the destructors of every frame in the module without
-// the lock: such a thread leaves its references to the dying process instead.
-inline void release_reference(PyObject* object) noexcept {
+// the lock: such a thread leaves its references to the dying process instead. Not noexcept, nor is
+// anything that gives a reference back: the release may run a finaliser, whose thread may be ended
+// there, and that unwinding must pass through.
+inline void release_reference(PyObject* object) {
     if (object == nullptr) return;
     if (compat::interpreter_finalizing() && !compat::thread_holds_gil()) [[unlikely]]
         return;
@@ -96,9 +98,9 @@ class Ref {
     Ref() noexcept = default;
     Ref(const Ref& other) noexcept : object_(other.object_) { Py_XINCREF(object_); }
     Ref(Ref&& other) noexcept : object_(std::exchange(other.object_, nullptr)) {}
-    ~Ref() { release_reference(object_); }
+    ~Ref() noexcept(false) { release_reference(object_); }
 
-    Ref& operator=(Ref other) noexcept {
+    Ref& operator=(Ref other) {
         std::swap(object_, other.object_);
         return *this;
     }
@@ -276,7 +278,7 @@ inline void set_item(Handle mapping, Handle key, Handle value) {
 }
 
 // The setter of a str attribute such as __name__: refuses anything but a str with `message`.
-inline int assign_str(Ref& field, PyObject* value, const char* message) noexcept {
+inline int assign_str(Ref& field, PyObject* value, const char* message) {
     if (value == nullptr || !PyUnicode_Check(value)) {
         PyErr_SetString(PyExc_TypeError, message);
         return -1;

@@ -3,16 +3,21 @@ sequences of operations on odd data go through a layer of each, and every step m
 result, leave the same state and raise the same error with the same message.
 
 The odd data: None fields, ragged fields, zero-row and 0-d arrays, read-only and non-contiguous arrays,
-lists, pandas frames, float and string indices, huge, zero, negative and absent chunk sizes. The suite
+lists, pandas frames, float and string indices, huge, zero, negative and absent chunk sizes. The odd
+calls: keywords, str-subclass keywords, a keyword given twice, the call slot with a keyword dict that
+the call empties, and throw() with three arguments. The suite
 runs a bounded number of examples; `scripts/dev stress` runs many more (HYPOTHESIS_PROFILE=stress).
 """
 
 from __future__ import annotations
 
+import ctypes
 import importlib
 import math
 import os
+import re
 import sys
+import warnings
 from pathlib import Path
 from typing import Any, Callable, List, Tuple
 
@@ -218,3 +223,95 @@ def test_module_and_transcription_agree_step_by_step(chunk_size: Any, removed: A
         compiled, plain = (step(layer, name, argument) for layer in layers)
         assert compiled == plain, f"step {number}: {name}"
         assert state(layers[0]) == state(layers[1]), f"state after step {number}: {name}"
+
+
+# ---- odd calls ------------------------------------------------------------------------------------
+
+
+class Keyword(str):
+    """A keyword name that is a str subclass, hashing as the plain name or apart from it."""
+
+    def __new__(cls, text: str, apart: bool) -> Keyword:
+        name = super().__new__(cls, text)
+        name.apart = apart
+        return name
+
+    def __hash__(self) -> int:
+        return str.__hash__(self) ^ 1 if self.apart else str.__hash__(self)
+
+    def __eq__(self, other: Any) -> bool:
+        return str.__eq__(self, other)
+
+
+class EmptiesKeywords(Dataset):
+    """A record that empties the keyword dict it was passed in when it is walked."""
+
+    keywords: dict = {}
+
+    def __iter__(self) -> Any:
+        fields = list(tuple.__iter__(self))
+        EmptiesKeywords.keywords.clear()
+        return iter(fields)
+
+
+def call_with_dict(function: Any, keywords: dict) -> Any:
+    """function(**keywords) through the call slot, with `keywords` itself as the call's dict."""
+    call = ctypes.pythonapi.PyObject_Call
+    call.argtypes, call.restype = [ctypes.py_object] * 3, ctypes.py_object
+    return call(function, (), keywords)
+
+
+def same_wording(message: str) -> str:
+    """The interpreter names a method by its qualified name and says "argument" where the module says
+    "keyword argument"; the rest is the same."""
+    return re.sub(r"^\w+\.(?=\w+\(\))", "", message).replace("keyword argument", "argument")
+
+
+def call_outcome(action: Callable[[], Any]) -> Any:
+    with warnings.catch_warnings(record=True) as caught:
+        warnings.simplefilter("always")
+        result = outcome(action)
+    if result[0] == "error":
+        result = result[:2] + (same_wording(result[2]),)
+    return result, [(w.category.__name__, str(w.message)) for w in caught]
+
+
+def call_step(layer: Any, form: str, make: Callable[[], Any], apart: bool) -> Any:
+    set_buffer = type(layer).set_buffer
+    if form == "keywords":
+        return call_outcome(lambda: set_buffer(buffer=make(), self=layer))
+    if form == "str-subclass keywords":
+        return call_outcome(lambda: set_buffer(**{Keyword("self", apart): layer,
+                                                  Keyword("buffer", apart): make()}))
+    if form == "keyword given twice":
+        return call_outcome(lambda: set_buffer(layer, **{Keyword("buffer", True): make(),
+                                                         "buffer": make()}))
+    if form == "call slot, dict emptied":
+        fields = make()
+        record = EmptiesKeywords(*fields) if isinstance(fields, Dataset) else fields
+        keywords = {"self": layer, "buffer": record}
+        EmptiesKeywords.keywords = keywords
+        del record
+        return call_outcome(lambda: call_with_dict(set_buffer, keywords))
+
+    def thrown() -> Any:
+        generator = layer.rebuild(["a", "b"])
+        return generator.throw(KeyError, KeyError("thrown"), None)
+
+    return call_outcome(thrown)
+
+
+CALL_FORMS = ["keywords", "str-subclass keywords", "keyword given twice", "call slot, dict emptied",
+              "three-argument throw"]
+
+
+@settings(settings.get_profile("stress" if os.environ.get("HYPOTHESIS_PROFILE") == "stress" else "suite"))
+@given(chunk_size=chunk_sizes, forms=st.lists(st.tuples(st.sampled_from(CALL_FORMS), datasets(),
+                                                        st.booleans()), min_size=1, max_size=4))
+def test_module_and_transcription_agree_on_odd_calls(chunk_size: Any, forms: Any) -> None:
+    layers = [module.ChunkLayer(Manager(None), [], chunk_size, Parent())
+              for module in (chunk_layer, transcription)]
+    for number, (form, make, apart) in enumerate(forms):
+        compiled, plain = (call_step(layer, form, make, apart) for layer in layers)
+        assert compiled == plain, f"call {number}: {form}"
+        assert state(layers[0]) == state(layers[1]), f"state after call {number}: {form}"

@@ -63,3 +63,19 @@ def test_at_exit_the_running_pool_task_finishes_and_no_queued_one_starts() -> No
     lines: List[str] = result.stdout.splitlines()
     assert result.returncode == 3, result.stderr
     assert lines == ["running task finished", "exit handler done"]
+
+
+def test_exit_inside_every_public_callable_after_a_sub_interpreter_existed() -> None:
+    # Once any sub-interpreter has existed, the interpreter's own check of whether a thread holds
+    # its lock answers yes in every thread: the module must still tell the threads being ended.
+    for _ in range(ROUNDS):
+        result = run("exit_inside_methods.py", "--after-sub-interpreter")
+        assert result.returncode == 7, result.stderr
+        assert_no_crash_report(result)
+
+
+def test_exit_while_threads_are_inside_finalisers_the_module_set_off() -> None:
+    for _ in range(ROUNDS):
+        result = run("exit_inside_finalisers.py")
+        assert result.returncode == 7, result.stderr
+        assert_no_crash_report(result)

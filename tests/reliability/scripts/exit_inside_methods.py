@@ -1,7 +1,11 @@
 """Ends the interpreter while a daemon thread is inside each public callable of the chunk layer
 module. Every thread is parked in a collaborator that never returns, so the interpreter ends it at
 finalisation while the module's frames are on its stack. Exits with status 7 when every thread got
-inside; 99 (and the names of the laggards) otherwise."""
+inside; 99 (and the names of the laggards) otherwise.
+
+With `--after-sub-interpreter`, a sub-interpreter that never sees the module is made and destroyed
+first: from then on the interpreter's own test of whether a thread holds the lock answers yes in
+every thread."""
 
 from __future__ import annotations
 
@@ -94,7 +98,19 @@ def real_node(**kwargs):
     return ChunkNode(data(), [], **kwargs)
 
 
+def make_and_destroy_a_sub_interpreter() -> None:
+    try:
+        import _interpreters as interpreters  # 3.13 on
+    except ImportError:
+        import _xxsubinterpreters as interpreters
+    interpreter = interpreters.create()
+    interpreters.run_string(interpreter, "x = 1")
+    interpreters.destroy(interpreter)
+
+
 def main() -> None:
+    if "--after-sub-interpreter" in sys.argv[1:]:
+        make_and_destroy_a_sub_interpreter()
     # Module-level names are looked up at call time, so these reach every method that uses them.
     chunk_layer.print = stuck
     chunk_layer.align_arrays_by_key = stuck
