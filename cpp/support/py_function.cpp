@@ -191,7 +191,7 @@ PyObject* bind(const FunctionObject& function, PyObject* const* positional, Py_s
                 raise(PyExc_TypeError, "%.200s() keywords must be strings", definition.name);
             }
             if (outcome[k] == kAlreadyGiven) {
-                raise(PyExc_TypeError, "%s() got multiple values for keyword argument '%U'",
+                raise(PyExc_TypeError, "%s() got multiple values for argument '%U'",
                       definition.name, key);
             }
             raise(PyExc_TypeError, "%s() got an unexpected keyword argument '%U'", definition.name,

@@ -186,15 +186,15 @@ CALL_ERRORS = [
     ),
     (
         lambda layer: exclude_removed(None, 1, removed=2),
-        "exclude_removed() got multiple values for keyword argument 'removed'",
+        "exclude_removed() got multiple values for argument 'removed'",
     ),
     (
         lambda layer: layer.rebuild([], chunk_ids=[]),
-        "rebuild() got multiple values for keyword argument 'chunk_ids'",
+        "rebuild() got multiple values for argument 'chunk_ids'",
     ),
     (
         lambda layer: ChunkLayer.has_buffer(layer, self=layer),
-        "has_buffer() got multiple values for keyword argument 'self'",
+        "has_buffer() got multiple values for argument 'self'",
     ),
     (
         lambda layer: exclude_removed.__call__([1], np.arange(3), **{1: 2}),

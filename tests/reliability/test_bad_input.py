@@ -307,7 +307,7 @@ def test_doubled_keyword(name, light):
     state = _state(owner)
     first = params[0].name
     with pytest.raises(
-        TypeError, match=rf"{_short(name)}\(\) got multiple values for (keyword )?argument '{first}'"
+        TypeError, match=rf"{_short(name)}\(\) got multiple values for argument '{first}'"
     ):
         func(*([object()] * required), **{first: object()})
     _check_state(owner, state)

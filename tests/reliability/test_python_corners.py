@@ -13,7 +13,7 @@ from typing import Any, Dict
 
 SCRIPT = Path(__file__).parent / "scripts" / "python_corners.py"
 SIDES = ("module", "transcription")
-MULTIPLE_VALUES = r"__init__\(\) got multiple values for (keyword )?argument 'chunk_size'"
+MULTIPLE_VALUES = r"__init__\(\) got multiple values for argument 'chunk_size'"
 
 
 def run(corner: str) -> Dict[str, Any]:
