@@ -41,12 +41,17 @@ PROG = "quillmarsh"
 HOLD_OUT_EVERY = 10
 """Every tenth row (0-based position ending in 9) is held out of the tree, to judge the models on."""
 MODELS = ("kmeans", "linear_regression")
-DEFAULTS: Dict[str, int] = {"rows": 203_500, "features": 8, "batch_rows": 25_000, "coreset_size": 1000,
+DEFAULTS: Dict[str, int] = {"rows": 203_500, "features": 8, "batch_rows": 10_000, "coreset_size": 1000,
                             "k": 8, "max_text_values": 1000}
 SYNTHETIC_TARGET = "y"
 PROGRESS_DELAY = 1.0
 """Seconds before a progress bar shows: short runs and early input errors draw none."""
 DROPPED_FOR_TARGET = "target missing or not a number"
+EVALUATION_ROWS = 8192
+"""Rows of the pieces the judgement spills and reads back: a few MB at a time, whatever the batch."""
+DEFAULT_CHUNK_ROWS = 10_000
+"""Leaves hold ``max(DEFAULT_CHUNK_ROWS, 5 * M)`` rows unless ``--chunk-size`` says: a chunk's build needs
+memory for about ten copies of its processed rows."""
 
 
 class UserError(Exception):
@@ -106,13 +111,18 @@ def build_parser() -> argparse.ArgumentParser:
                       help="the models to summarise for (default %(default)s)")
     tree.add_argument("--coreset-size", type=_positive, default=DEFAULTS["coreset_size"], metavar="M",
                       help="rows of the summary, per model (default %(default)s)")
-    tree.add_argument("--chunk-size", type=_positive, help="rows of each leaf (default 10 x M)")
+    tree.add_argument("--chunk-size", type=_positive,
+                      help=f"rows of each leaf (default the larger of {DEFAULT_CHUNK_ROWS:,} and 5 x M)")
     tree.add_argument("--k", type=_positive, default=DEFAULTS["k"],
                       help="clusters of k-means (default %(default)s)")
     tree.add_argument("--jobs", type=_positive, help="build leaves on N worker threads (pays only with "
                       "more than 2 cores, large chunks and OPENBLAS_NUM_THREADS=1)")
     tree.add_argument("--dask", metavar="local|ADDRESS", help="build the leaves on a Dask cluster "
                       "(not available in this command yet: use quillmarsh.distributed)")
+    tree.add_argument("--blas-threads", type=_positive, default=1, metavar="N",
+                      help="threads of numpy's BLAS while building and judging (default %(default)s: a "
+                      "chunk's products and SVD are small, and ran 3 times faster on one thread on a "
+                      "shared 2-core machine)")
     tree.add_argument("--seed", type=int, default=0, help="seed of the summary, the references and the "
                       "synthetic table (default %(default)s)")
     output = parser.add_argument_group("output")
@@ -168,6 +178,8 @@ def parse(argv: Optional[Sequence[str]]) -> argparse.Namespace:
             if not os.access(folder, os.W_OK):
                 raise UserError(f"{flag} {value}: the folder {folder} is not writable")
     args.models = list(MODELS) if args.model == "both" else [args.model]
+    if args.chunk_size is None:
+        args.chunk_size = max(DEFAULT_CHUNK_ROWS, 5 * args.coreset_size)
     return args
 
 
@@ -525,7 +537,9 @@ def second_pass(args: argparse.Namespace, table: Table, target: str, tree: Cores
                     if kept.any():
                         standardizer.partial_fit(X[kept])
                         reservoir.partial_fit(X[kept], y[kept], ids=batch.rows[usable][kept])
-                    spill.append(X=X, y=y, held=held)
+                    for start in range(0, len(y), EVALUATION_ROWS):
+                        piece = slice(start, start + EVALUATION_ROWS)
+                        spill.append(X=X[piece], y=y[piece], held=held[piece])
             progress.update()
             yield frame
 
@@ -553,6 +567,7 @@ def second_pass(args: argparse.Namespace, table: Table, target: str, tree: Cores
 def judge(args: argparse.Namespace, tree: CoresetTree, summaries: Dict[str, Coreset], state: Dict[str, Any],
           notes: List[str]) -> List[QualityRow]:
     """Every chosen model fitted on the summary, a uniform sample and the references; the quality table."""
+
     from quillmarsh.evaluation import judge_kmeans, judge_regression
 
     spill, standardizer, reservoir = state["spill"], state["standardizer"], state["reservoir"]
@@ -566,17 +581,17 @@ def judge(args: argparse.Namespace, tree: CoresetTree, summaries: Dict[str, Core
         notes.append("every feature column is constant: nothing to judge")
         return []
 
-    def kept() -> Iterator[Tuple[np.ndarray, np.ndarray]]:
+    def pieces(held: bool) -> Iterator[Tuple[np.ndarray, np.ndarray]]:
         for batch in spill:
-            rows = ~batch["held"]
+            rows = batch["held"] == held
             if rows.any():
                 yield standardizer.transform(batch["X"][rows]), batch["y"][rows]
 
+    def kept() -> Iterator[Tuple[np.ndarray, np.ndarray]]:
+        return pieces(False)
+
     def held_out() -> Iterator[Tuple[np.ndarray, np.ndarray]]:
-        for batch in spill:
-            rows = batch["held"]
-            if rows.any():
-                yield standardizer.transform(batch["X"][rows]), batch["y"][rows]
+        return pieces(True)
 
     uniform = (standardizer.transform(reservoir.X), reservoir.y, reservoir.weights)
     table: List[QualityRow] = []
@@ -623,15 +638,24 @@ def run(args: argparse.Namespace) -> Dict[str, Any]:
 
     table, target = open_table(args)
     if args.out is None:
-        return _run(args, table, target, None)
+        with _blas_threads(args.blas_threads):
+            return _run(args, table, target, None)
     manager = atomic_folder(args.out, overwrite=args.overwrite)
     try:
         folder = manager.__enter__()
     except (OSError, ValueError) as exc:
         hint = " (add --overwrite to replace it)" if isinstance(exc, FileExistsError) else ""
         raise UserError(f"--out: {_one_line(exc)}{hint}") from None
-    with _Entered(manager, folder):
+    with _Entered(manager, folder), _blas_threads(args.blas_threads):
         return _run(args, table, target, folder)
+
+
+def _blas_threads(threads: int) -> Any:
+    """numpy's BLAS limited to ``threads`` threads within the block."""
+    import importlib
+
+    threadpoolctl: Any = importlib.import_module("threadpoolctl")
+    return threadpoolctl.threadpool_limits(limits=threads, user_api="blas")
 
 
 class _Entered:
@@ -708,7 +732,7 @@ def report(args: argparse.Namespace, table: Table, tree: CoresetTree, summaries:
         },
         "features": width,
         "coreset_size": args.coreset_size,
-        "chunk_size": args.chunk_size if args.chunk_size is not None else 10 * args.coreset_size,
+        "chunk_size": args.chunk_size,
         "leaves": tree.n_leaves_,
         "summary_rows": {model: int(len(s.ids)) for model, s in summaries.items()},
         "summary_weights": {model: float(s.weights.sum()) for model, s in summaries.items()},

@@ -534,8 +534,14 @@ def atomic_folder(path: PathLike, overwrite: bool = False) -> Iterator[str]:
     target = os.path.abspath(os.fspath(path))
     _check_output_folder(target, overwrite)
     parent, name = os.path.split(target)
-    work = tempfile.mkdtemp(prefix=f".{name}.partial-", dir=parent)
     try:
+        work = tempfile.mkdtemp(prefix=f".{name}.partial-", dir=parent)
+    except OSError as exc:
+        raise PermissionError(f"{target}: cannot make a folder in {parent} ({exc.strerror})") from None
+    try:
+        umask = os.umask(0)
+        os.umask(umask)
+        os.chmod(work, 0o777 & ~umask)  # a folder made as any other, not private as a temporary one
         yield work
         _check_output_folder(target, overwrite)  # it may have changed while the block ran
         old = None
