@@ -424,9 +424,13 @@ class Progress:
         self.table = table
         total, _ = table.progress
         in_bytes = isinstance(table, FileTable)
+        # tqdm's own settings in the environment (TQDM_DELAY, TQDM_MININTERVAL) take precedence.
+        defaults = (("delay", PROGRESS_DELAY), ("mininterval", 0.5))
+        timing: Dict[str, Any] = {name: value for name, value in defaults
+                                  if f"TQDM_{name.upper()}" not in os.environ}
         self.bar = tqdm(total=total, desc=description, unit="B" if in_bytes else " rows", unit_scale=True,
                         unit_divisor=1024 if in_bytes else 1000, file=sys.stderr, disable=quiet,
-                        mininterval=0.5, delay=PROGRESS_DELAY, leave=False, dynamic_ncols=True)
+                        leave=False, dynamic_ncols=True, **timing)
 
     def update(self) -> None:
         _, done = self.table.progress
