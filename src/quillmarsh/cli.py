@@ -749,23 +749,26 @@ def report(args: argparse.Namespace, table: Table, tree: CoresetTree, summaries:
     }
     if written is not None:
         summary["out"] = {"folder": os.path.abspath(args.out), "files": written}
-    lines = ["", "Summary", f"  input                 {summary['input']}",
-             f"  rows read             {counts.read:,}",
-             f"  held out (every 10th) {counts.held_out:,}",
-             f"  dropped               {counts.dropped:,}"
-             + (f" ({DROPPED_FOR_TARGET})" if counts.dropped else ""),
-             f"  kept                  {counts.kept:,}",
-             f"  features (processed)  {width:,}",
-             f"  leaves                {tree.n_leaves_:,} of {summary['chunk_size']:,} rows"]
-    for model, s in summaries.items():
-        lines.append(f"  summary, {model:<12} {len(s.ids):,} rows, weights summing to {s.weights.sum():,.0f}")
     seconds = summary["seconds"]
-    lines.append(f"  seconds               read {seconds['read']}, build {seconds['build']}, "
-                 f"evaluation {seconds['evaluation']}, output {seconds['output']}, total {seconds['total']}")
-    lines.append(f"  peak RSS (MiB)        {summary['peak_rss_mb']['end']} "
-                 f"(after building: {rss_after_build})")
+    entries = [
+        ("input", summary["input"]),
+        ("rows read", f"{counts.read:,}"),
+        ("held out (every 10th)", f"{counts.held_out:,}"),
+        ("dropped", f"{counts.dropped:,}" + (f" ({DROPPED_FOR_TARGET})" if counts.dropped else "")),
+        ("kept", f"{counts.kept:,}"),
+        ("features (processed)", f"{width:,}"),
+        ("leaves", f"{tree.n_leaves_:,} of {summary['chunk_size']:,} rows"),
+    ]
+    for model, s in summaries.items():
+        entries.append((f"summary, {model}",
+                        f"{len(s.ids):,} rows, weights summing to {s.weights.sum():,.0f}"))
+    entries.append(("seconds", f"read {seconds['read']}, build {seconds['build']}, "
+                               f"evaluation {seconds['evaluation']}, output {seconds['output']}, "
+                               f"total {seconds['total']}"))
+    entries.append(("peak RSS (MiB)", f"{summary['peak_rss_mb']['end']} (after building: {rss_after_build})"))
     if written is not None:
-        lines.append(f"  written to            {summary['out']['folder']}")
+        entries.append(("written to", summary["out"]["folder"]))
+    lines = ["", "Summary"] + [f"  {label:<27} {value}" for label, value in entries]
     print("\n".join(lines))
     if quality:
         print(quality_table(quality, counts))
