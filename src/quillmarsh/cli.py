@@ -706,9 +706,10 @@ def _run(args: argparse.Namespace, table: Table, target: str, folder: Optional[s
         stages.output += time.perf_counter() - started
         if all(entry["tree"] is None for entry in written.values()):
             notes.append("the trees were not saved: this CoresetTree has no save method yet")
+    if args.plot is not None and quality:
+        plot(args.plot, quality)  # before the report, whose peak memory then counts the drawing
     summary = report(args, table, tree, summaries, counts, stages, quality, notes, written, rss_after_build)
     if args.plot is not None and quality:
-        plot(args.plot, quality)
         summary["plot"] = args.plot
     if args.summary_json is not None:
         write_json(args.summary_json, summary)
