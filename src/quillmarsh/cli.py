@@ -38,6 +38,8 @@ if TYPE_CHECKING:
 __all__ = ["main", "build_parser"]
 
 PROG = "quillmarsh"
+INTERRUPTED = 130
+"""The exit status after Ctrl-C (128 + SIGINT, as shells report it)."""
 HOLD_OUT_EVERY = 10
 """Every tenth row (0-based position ending in 9) is held out of the tree, to judge the models on."""
 MODELS = ("kmeans", "linear_regression")
@@ -884,7 +886,7 @@ def main(argv: Optional[Sequence[str]] = None, *, on_error: Optional[Callable[[s
         return 2
     except KeyboardInterrupt:
         tell("interrupted")
-        return 130
+        return INTERRUPTED
     except BrokenPipeError:  # the report piped into a reader that went away
         return 1
     except Exception as exc:
