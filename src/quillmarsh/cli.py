@@ -573,8 +573,7 @@ def second_pass(args: argparse.Namespace, table: Table, target: str, tree: Cores
 def judge(args: argparse.Namespace, tree: CoresetTree, summaries: Dict[str, Coreset], state: Dict[str, Any],
           notes: List[str]) -> List[QualityRow]:
     """Every chosen model fitted on the summary, a uniform sample and the references; the quality table."""
-
-    from quillmarsh.evaluation import judge_kmeans, judge_regression
+    from tqdm import tqdm
 
     spill, standardizer, reservoir = state["spill"], state["standardizer"], state["reservoir"]
     names = feature_space(tree).feature_names
@@ -600,18 +599,47 @@ def judge(args: argparse.Namespace, tree: CoresetTree, summaries: Dict[str, Core
         return pieces(True)
 
     uniform = (standardizer.transform(reservoir.X), reservoir.y, reservoir.weights)
+
+    def samples_of(summary: Coreset) -> Tuple[np.ndarray, Optional[np.ndarray], np.ndarray]:
+        return standardizer.transform(pad(summary.X, width)), summary.y, summary.weights
+
+    steps = {"linear_regression": 5, "kmeans": 5}
+    bar = tqdm(total=sum(steps[model] for model in args.models), desc="judging", unit=" steps",
+               file=sys.stderr, disable=args.quiet, leave=False, dynamic_ncols=True,
+               bar_format="{desc}: {n_fmt}/{total_fmt} steps done, {elapsed}{postfix}")
+
+    started = [False]
+
+    def step(name: str) -> None:
+        bar.set_postfix_str(name, refresh=not started[0])
+        if started[0]:
+            bar.update(1)
+        started[0] = True
+
+    try:
+        return judged(args, summaries, samples_of, kept, held_out, uniform, step)
+    finally:
+        bar.close()
+
+
+def judged(args: argparse.Namespace, summaries: Dict[str, Coreset], samples_of: Callable[[Coreset], Any],
+           kept: Any, held_out: Any, uniform: Any, step: Callable[[str], None]) -> List[QualityRow]:
+    """The quality rows of every chosen model."""
+    from quillmarsh.evaluation import judge_kmeans, judge_regression
+
     table: List[QualityRow] = []
     for model in args.models:
         summary = summaries[model]
         samples = {
-            f"coreset tree, {len(summary.ids):,} rows": (standardizer.transform(pad(summary.X, width)),
-                                                         summary.y, summary.weights),
-            f"uniform sample (reservoir), {reservoir.count:,} rows": uniform,
+            f"coreset tree, {len(summary.ids):,} rows": samples_of(summary),
+            f"uniform sample (reservoir), {len(uniform[0]):,} rows": uniform,
         }
         if model == "linear_regression":
-            table += judge_regression(kept, held_out, samples, random_state=args.seed, measure_memory=True)
+            table += judge_regression(kept, held_out, samples, random_state=args.seed, measure_memory=True,
+                                      progress=step)
         else:
-            table += judge_kmeans(kept, samples, args.k, random_state=args.seed, measure_memory=True)
+            table += judge_kmeans(kept, samples, args.k, random_state=args.seed, measure_memory=True,
+                                  progress=step)
     return table
 
 

@@ -1153,6 +1153,10 @@ class QualityRow:
         }
 
 
+def _silent(step: str) -> None:
+    pass
+
+
 WeightedRows = Tuple[Any, Any, Any]
 """``(X, y, sample_weight)`` held in memory; ``y`` may be None for k-means."""
 
@@ -1162,7 +1166,8 @@ def _ratio(cost: float, reference: float) -> float:
 
 
 def judge_regression(kept: BatchStream, held_out: Optional[BatchStream], samples: Dict[str, WeightedRows], *,
-                     random_state: RandomState = None, measure_memory: bool = False) -> List[QualityRow]:
+                     random_state: RandomState = None, measure_memory: bool = False,
+                     progress: Optional[Callable[[str], None]] = None) -> List[QualityRow]:
     """Least squares fitted on weighted samples against the exact least squares of the whole stream.
 
     Feed standardised features (``standardized``): the streamed reference and ``SGDRegressor`` need
@@ -1182,6 +1187,8 @@ def judge_regression(kept: BatchStream, held_out: Optional[BatchStream], samples
         Seeds ``SGDRegressor``.
     measure_memory : bool, default False
         Trace the allocations of every fit.
+    progress : callable, optional
+        Told the name of each step (a fit or a scoring pass) as it starts.
 
     Returns
     -------
@@ -1191,13 +1198,17 @@ def judge_regression(kept: BatchStream, held_out: Optional[BatchStream], samples
         ``kept``, so no model can beat the first row there; ``r2_held_out`` is R^2 on ``held_out``.
     """
     linear_model: Any = importlib.import_module("sklearn.linear_model")
+    tell = progress if progress is not None else _silent
     fitted: List[Tuple[str, Any, int, ReferenceResult]] = []
+    tell("exact least squares")
     exact = reference_least_squares(kept, measure_memory=measure_memory)
     n_rows = int(exact.model.n_samples_seen_)
     fitted.append(("full data: exact least squares (streamed QR)", exact.model, n_rows, exact))
     for name, (X, y, weight) in samples.items():
+        tell(name)
         result = fit_in_memory(linear_model.LinearRegression(), X, y, weight, measure_memory=measure_memory)
         fitted.append((name, result.model, len(np.asarray(X)), result))
+    tell("SGDRegressor")
     sgd = reference_sgd_regressor(kept, random_state=random_state, measure_memory=measure_memory)
     fitted.append(("streaming: SGDRegressor.partial_fit, 1 pass", sgd.model, n_rows, sgd))
 
@@ -1212,6 +1223,7 @@ def judge_regression(kept: BatchStream, held_out: Optional[BatchStream], samples
                 score.update(y, model.predict(X), weight)
         return found
 
+    tell("scoring")
     on_kept = scores(kept)
     on_held: Optional[List[RegressionScore]] = None if held_out is None else scores(held_out)
     reference = on_kept[0].loss_
@@ -1226,8 +1238,8 @@ def judge_regression(kept: BatchStream, held_out: Optional[BatchStream], samples
 
 
 def judge_kmeans(kept: BatchStream, samples: Dict[str, WeightedRows], n_clusters: int, *, n_init: int = 3,
-                 n_passes: int = 2, random_state: RandomState = None,
-                 measure_memory: bool = False) -> List[QualityRow]:
+                 n_passes: int = 2, random_state: RandomState = None, measure_memory: bool = False,
+                 progress: Optional[Callable[[str], None]] = None) -> List[QualityRow]:
     """k-means fitted on weighted samples against a full-data k-means of the whole stream.
 
     The reference is ``reference_kmeans``: ``MiniBatchKMeans`` over the whole stream, the best of
@@ -1249,6 +1261,8 @@ def judge_kmeans(kept: BatchStream, samples: Dict[str, WeightedRows], n_clusters
     random_state : None, int or numpy.random.Generator
     measure_memory : bool, default False
         Trace the allocations of every fit.
+    progress : callable, optional
+        Told the name of each step (a fit or the scoring pass) as it starts.
 
     Returns
     -------
@@ -1257,19 +1271,24 @@ def judge_kmeans(kept: BatchStream, samples: Dict[str, WeightedRows], n_clusters
     """
     cluster: Any = importlib.import_module("sklearn.cluster")
     seeds = _seeds(random_state, 3)
+    tell = progress if progress is not None else _silent
+    tell("MiniBatchKMeans on all rows")
     full = reference_kmeans(kept, n_clusters, n_init=n_init, n_passes=n_passes, random_state=seeds[0],
                             measure_memory=measure_memory)
+    tell("MiniBatchKMeans.partial_fit")
     streaming = reference_kmeans(kept, n_clusters, n_init=1, n_passes=1, random_state=seeds[1],
                                  measure_memory=measure_memory)
     n_rows = 0
     fitted: List[Tuple[str, Any, int, ReferenceResult]] = []
     for name, (X, _, weight) in samples.items():
         X = _check_2d(X)
+        tell(name)
         model = cluster.KMeans(n_clusters=min(n_clusters, max(1, len(X))), n_init=n_init,
                                random_state=seeds[2])
         result = fit_in_memory(model, X, None, weight, measure_memory=measure_memory)
         fitted.append((name, result.model, len(X), result))
     costs = [0.0] * len(fitted)
+    tell("scoring")
     for batch in _one_pass(kept, 1):
         X, _, weight = _unpack(batch)
         X = _check_2d(X)
