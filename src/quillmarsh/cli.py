@@ -706,8 +706,18 @@ class _Entered:
 
 
 def _run(args: argparse.Namespace, table: Table, target: str, folder: Optional[str]) -> Dict[str, Any]:
-    counts, stages = Counts(), Stages()
     tree = make_tree(args)
+    try:
+        return _run_tree(args, table, target, folder, tree)
+    finally:
+        close = getattr(tree, "close", None)  # a tree that keeps its chunks in storage frees it
+        if callable(close):
+            close()
+
+
+def _run_tree(args: argparse.Namespace, table: Table, target: str, folder: Optional[str],
+              tree: CoresetTree) -> Dict[str, Any]:
+    counts, stages = Counts(), Stages()
     build(args, table, target, tree, counts, stages)
     started = time.perf_counter()
     summaries = {model: tree.coreset(index) for index, model in enumerate(args.models)}
