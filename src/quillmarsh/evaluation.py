@@ -13,6 +13,9 @@ features (or the m rows of a reservoir sample).
 - ``kmeans_cost`` and ``streamed_kmeans_cost``: the k-means cost of centres on a batch or a stream.
 - Reference runners (``reference_least_squares``, ``reference_kmeans``, ``reference_sgd_regressor``):
   full-data models fitted over a stream, each with its time and memory.
+- ``fit_in_memory``: a model fitted on weighted rows held in memory (a summary, a sample), measured alike.
+- ``judge_regression`` and ``judge_kmeans``: weighted samples of a stream (coresets, uniform samples)
+  against the full data's references and scikit-learn's streaming learners, as ``QualityRow`` records.
 
 A *stream of batches* is either an iterable of batches or a callable that returns a fresh iterable
 (needed by runners that read the stream more than once). A *batch* is an array ``X``, a pair
@@ -48,12 +51,16 @@ from quillmarsh.core.distances import squared_distances
 __all__ = [
     "Batch",
     "BatchStream",
+    "QualityRow",
     "RandomState",
     "ReferenceResult",
     "RegressionScore",
     "ReservoirSample",
     "StreamingLeastSquares",
     "StreamingStandardizer",
+    "fit_in_memory",
+    "judge_kmeans",
+    "judge_regression",
     "kmeans_cost",
     "reference_kmeans",
     "reference_least_squares",
@@ -1072,3 +1079,231 @@ def reference_sgd_regressor(batches: BatchStream, *, n_passes: int = 1, random_s
     if fed == 0:
         raise ValueError("the stream held no rows")
     return ReferenceResult(model, measured.seconds, n_passes, measured.peak, _peak_rss_bytes())
+
+
+def fit_in_memory(estimator: Any, X: Any, y: Any = None, sample_weight: Any = None, *,
+                  measure_memory: bool = False) -> ReferenceResult:
+    """Fit ``estimator`` on weighted rows held in memory (a coreset, a uniform sample), timed and measured.
+
+    Parameters
+    ----------
+    estimator : scikit-learn estimator
+        Its ``fit`` takes ``sample_weight``.
+    X : array-like of shape (n_samples, n_features)
+    y : array-like of shape (n_samples,), optional
+    sample_weight : array-like of shape (n_samples,), optional
+    measure_memory : bool, default False
+        Trace the allocations of the fit (``peak_memory_bytes``).
+
+    Returns
+    -------
+    ReferenceResult
+        ``model`` is the fitted estimator, ``passes`` 1.
+    """
+    X = _check_2d(X)
+    weight = _check_weight(sample_weight, len(X))
+    target = None if y is None else _check_y(y, len(X))
+    with _Measure(measure_memory) as measured:
+        estimator.fit(X, target, sample_weight=weight)
+    return ReferenceResult(estimator, measured.seconds, 1, measured.peak, _peak_rss_bytes())
+
+
+@dataclass
+class QualityRow:
+    """One model of a comparison: how it was fitted, what it took, and how good it is.
+
+    Attributes
+    ----------
+    model : {"linear_regression", "kmeans"}
+        The model family.
+    method : str
+        What it was fitted on, and how.
+    rows : int
+        Rows it was fitted on (summed over passes for the streamed ones: the rows of one pass).
+    seconds : float
+        Wall time of the fit.
+    peak_memory_bytes : int or None
+        Peak of the memory allocated during the fit (``tracemalloc``), when measured.
+    cost : float
+        Its cost on every row of the stream: the summed squared loss (regression) or the k-means cost.
+    cost_ratio : float
+        ``cost`` over the cost of the full-data reference (the first row of its family): 1.0 is as good,
+        above 1 worse.
+    r2_held_out : float or None
+        Regression: R^2 on the held-out rows.
+    """
+
+    model: str
+    method: str
+    rows: int
+    seconds: float
+    peak_memory_bytes: Optional[int]
+    cost: float
+    cost_ratio: float
+    r2_held_out: Optional[float] = None
+
+    def as_dict(self) -> Dict[str, Any]:
+        """The row as plain JSON values."""
+        return {
+            "model": self.model, "method": self.method, "rows": self.rows,
+            "seconds": round(self.seconds, 4),
+            "peak_memory_mb": None if self.peak_memory_bytes is None
+            else round(self.peak_memory_bytes / 2**20, 2),
+            "cost": self.cost, "cost_ratio": self.cost_ratio, "r2_held_out": self.r2_held_out,
+        }
+
+
+def _silent(step: str) -> None:
+    pass
+
+
+WeightedRows = Tuple[Any, Any, Any]
+"""``(X, y, sample_weight)`` held in memory; ``y`` may be None for k-means."""
+
+
+def _ratio(cost: float, reference: float) -> float:
+    return cost / reference if reference > 0 else (1.0 if cost <= 0 else float("inf"))
+
+
+def judge_regression(kept: BatchStream, held_out: Optional[BatchStream], samples: Dict[str, WeightedRows], *,
+                     random_state: RandomState = None, measure_memory: bool = False,
+                     progress: Optional[Callable[[str], None]] = None) -> List[QualityRow]:
+    """Least squares fitted on weighted samples against the exact least squares of the whole stream.
+
+    Feed standardised features (``standardized``): the streamed reference and ``SGDRegressor`` need
+    columns of comparable scale; the samples must be in the same space.
+
+    Parameters
+    ----------
+    kept : iterable of batches, or a callable that returns one
+        ``(X, y[, sample_weight])``: every row the samples stand for. Read four times, so a callable or
+        a list.
+    held_out : iterable of batches, or a callable that returns one, optional
+        Rows kept out of everything, for R^2.
+    samples : dict of str to (X, y, sample_weight)
+        Weighted samples by name (a coreset, a uniform sample of the same size, ...). Each is fitted by
+        scikit-learn's ``LinearRegression`` with its weights.
+    random_state : None, int or numpy.random.Generator
+        Seeds ``SGDRegressor``.
+    measure_memory : bool, default False
+        Trace the allocations of every fit.
+    progress : callable, optional
+        Told the name of each step (a fit or a scoring pass) as it starts.
+
+    Returns
+    -------
+    list of QualityRow
+        The full data's exact least squares (streamed QR, one pass) first, then each sample, then
+        ``SGDRegressor.partial_fit`` (one pass). ``cost`` is the summed squared loss on the rows of
+        ``kept``, so no model can beat the first row there; ``r2_held_out`` is R^2 on ``held_out``.
+    """
+    linear_model: Any = importlib.import_module("sklearn.linear_model")
+    tell = progress if progress is not None else _silent
+    fitted: List[Tuple[str, Any, int, ReferenceResult]] = []
+    tell("exact least squares")
+    exact = reference_least_squares(kept, measure_memory=measure_memory)
+    n_rows = int(exact.model.n_samples_seen_)
+    fitted.append(("full data: exact least squares (streamed QR)", exact.model, n_rows, exact))
+    for name, (X, y, weight) in samples.items():
+        tell(name)
+        result = fit_in_memory(linear_model.LinearRegression(), X, y, weight, measure_memory=measure_memory)
+        fitted.append((name, result.model, len(np.asarray(X)), result))
+    tell("SGDRegressor")
+    sgd = reference_sgd_regressor(kept, random_state=random_state, measure_memory=measure_memory)
+    fitted.append(("streaming: SGDRegressor.partial_fit, 1 pass", sgd.model, n_rows, sgd))
+
+    def scores(batches: BatchStream) -> List[RegressionScore]:
+        found = [RegressionScore() for _ in fitted]
+        for batch in _one_pass(batches, 1):
+            X, y, weight = _unpack(batch)
+            X = _check_2d(X)
+            if len(X) == 0:
+                continue
+            for score, (_, model, _, _) in zip(found, fitted):
+                score.update(y, model.predict(X), weight)
+        return found
+
+    tell("scoring")
+    on_kept = scores(kept)
+    on_held: Optional[List[RegressionScore]] = None if held_out is None else scores(held_out)
+    reference = on_kept[0].loss_
+    rows = []
+    for number, (name, _, count, result) in enumerate(fitted):
+        r2 = None
+        if on_held is not None and on_held[number].n_samples_seen_:
+            r2 = on_held[number].r2_
+        rows.append(QualityRow("linear_regression", name, count, result.seconds, result.peak_memory_bytes,
+                               on_kept[number].loss_, _ratio(on_kept[number].loss_, reference), r2))
+    return rows
+
+
+def judge_kmeans(kept: BatchStream, samples: Dict[str, WeightedRows], n_clusters: int, *, n_init: int = 3,
+                 n_passes: int = 2, random_state: RandomState = None, measure_memory: bool = False,
+                 progress: Optional[Callable[[str], None]] = None) -> List[QualityRow]:
+    """k-means fitted on weighted samples against a full-data k-means of the whole stream.
+
+    The reference is ``reference_kmeans``: ``MiniBatchKMeans`` over the whole stream, the best of
+    ``n_init`` starts after ``n_passes`` passes, solved from the stream alone (nothing of the samples).
+    Each sample is fitted by scikit-learn's ``KMeans`` with its weights and the same ``n_init``. The
+    streaming learner is one ``MiniBatchKMeans.partial_fit`` start over one pass. Every cost is
+    computed on all rows of ``kept``. Feed standardised features (``standardized``).
+
+    Parameters
+    ----------
+    kept : iterable of batches, or a callable that returns one
+        ``X`` or ``(X, y[, sample_weight])`` batches; read several times, so a callable or a list.
+    samples : dict of str to (X, y, sample_weight)
+        Weighted samples by name (``y`` ignored).
+    n_clusters : int
+    n_init : int, default 3
+    n_passes : int, default 2
+        Passes of the reference's ``partial_fit`` over the stream.
+    random_state : None, int or numpy.random.Generator
+    measure_memory : bool, default False
+        Trace the allocations of every fit.
+    progress : callable, optional
+        Told the name of each step (a fit or the scoring pass) as it starts.
+
+    Returns
+    -------
+    list of QualityRow
+        The full-data reference first, then each sample, then the streaming learner.
+    """
+    cluster: Any = importlib.import_module("sklearn.cluster")
+    seeds = _seeds(random_state, 3)
+    tell = progress if progress is not None else _silent
+    tell("MiniBatchKMeans on all rows")
+    full = reference_kmeans(kept, n_clusters, n_init=n_init, n_passes=n_passes, random_state=seeds[0],
+                            measure_memory=measure_memory)
+    tell("MiniBatchKMeans.partial_fit")
+    streaming = reference_kmeans(kept, n_clusters, n_init=1, n_passes=1, random_state=seeds[1],
+                                 measure_memory=measure_memory)
+    n_rows = 0
+    fitted: List[Tuple[str, Any, int, ReferenceResult]] = []
+    for name, (X, _, weight) in samples.items():
+        X = _check_2d(X)
+        tell(name)
+        model = cluster.KMeans(n_clusters=min(n_clusters, max(1, len(X))), n_init=n_init,
+                               random_state=seeds[2])
+        result = fit_in_memory(model, X, None, weight, measure_memory=measure_memory)
+        fitted.append((name, result.model, len(X), result))
+    costs = [0.0] * len(fitted)
+    tell("scoring")
+    for batch in _one_pass(kept, 1):
+        X, _, weight = _unpack(batch)
+        X = _check_2d(X)
+        n_rows += len(X)
+        for number, (_, model, _, _) in enumerate(fitted):
+            costs[number] += kmeans_cost(X, model.cluster_centers_, weight)
+    reference = float(full.cost or 0.0)
+    starts = f"{n_init} start{'s' if n_init > 1 else ''}"
+    passes = f"best of {starts}, {n_passes} pass{'es' if n_passes > 1 else ''}"
+    rows = [QualityRow("kmeans", f"full data: MiniBatchKMeans, {passes}", n_rows, full.seconds,
+                       full.peak_memory_bytes, reference, 1.0)]
+    for number, (name, _, count, result) in enumerate(fitted):
+        rows.append(QualityRow("kmeans", name, count, result.seconds, result.peak_memory_bytes, costs[number],
+                               _ratio(costs[number], reference)))
+    cost = float(streaming.cost or 0.0)
+    rows.append(QualityRow("kmeans", "streaming: MiniBatchKMeans.partial_fit, 1 pass", n_rows,
+                           streaming.seconds, streaming.peak_memory_bytes, cost, _ratio(cost, reference)))
+    return rows

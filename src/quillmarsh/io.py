@@ -25,9 +25,12 @@ import importlib
 import json
 import os
 import re
+import shutil
+import tempfile
 import warnings
+from contextlib import contextmanager
 from dataclasses import dataclass, field
-from typing import IO, TYPE_CHECKING, Any, Dict, Iterator, List, Optional, Sequence, Union
+from typing import IO, TYPE_CHECKING, Any, Dict, Iterable, Iterator, List, Optional, Sequence, Union
 
 import numpy as np
 
@@ -40,7 +43,17 @@ VERSION = 1
 
 PathLike = Union[str, "os.PathLike[str]"]
 
-__all__ = ["StoredCoreset", "TableReader", "iter_table", "load_coresets", "save_coresets"]
+__all__ = [
+    "SpilledBatches",
+    "StoredCoreset",
+    "TableReader",
+    "atomic_folder",
+    "iter_table",
+    "load_coresets",
+    "rows_at",
+    "save_coresets",
+    "write_parquet",
+]
 
 
 @dataclass
@@ -192,7 +205,7 @@ class TableReader:
     path : str
         The file.
     format : {"csv", "parquet"}
-        Chosen by the file's suffix.
+        Chosen by the file's suffix, unless given.
     columns : list of str
         The columns every batch holds, in the file's order (only the requested ones when ``columns``
         was given).
@@ -208,14 +221,17 @@ class TableReader:
         The file's data rows when known without reading it (Parquet), else None.
     """
 
-    def __init__(self, path: PathLike, batch_rows: int, columns: Optional[Sequence[str]] = None) -> None:
+    def __init__(self, path: PathLike, batch_rows: int, columns: Optional[Sequence[str]] = None,
+                 format: Optional[str] = None) -> None:
         self.path = os.fspath(path)
         if isinstance(batch_rows, bool) or not isinstance(batch_rows, (int, np.integer)) or batch_rows < 1:
             raise ValueError(f"batch_rows must be a positive integer, got {batch_rows!r}")
         self.batch_rows = int(batch_rows)
         if columns is not None and (isinstance(columns, str) or not all(isinstance(c, str) for c in columns)):
             raise ValueError("columns must be a list of column names")
-        self.format = _table_format(self.path)
+        if format is not None and format not in ("csv", "parquet"):
+            raise ValueError(f"format must be 'csv' or 'parquet', got {format!r}")
+        self.format = format if format is not None else _table_format(self.path)
         if not os.path.exists(self.path):
             raise FileNotFoundError(f"{self.path}: no such file")
         if os.path.isdir(self.path):
@@ -363,7 +379,8 @@ class TableReader:
         return f"TableReader({self.path!r}, batch_rows={self.batch_rows}, format={self.format!r})"
 
 
-def iter_table(path: PathLike, batch_rows: int, columns: Optional[Sequence[str]] = None) -> TableReader:
+def iter_table(path: PathLike, batch_rows: int, columns: Optional[Sequence[str]] = None,
+               format: Optional[str] = None) -> TableReader:
     """Read a CSV or Parquet file in batches of at most ``batch_rows`` rows.
 
     Parameters
@@ -376,6 +393,8 @@ def iter_table(path: PathLike, batch_rows: int, columns: Optional[Sequence[str]]
         The most rows of a batch.
     columns : sequence of str, optional
         Read only these columns (kept in the file's order). All columns by default.
+    format : {"csv", "parquet"}, optional
+        Read the file in this format whatever its suffix (by default the suffix decides).
 
     Returns
     -------
@@ -399,4 +418,231 @@ def iter_table(path: PathLike, batch_rows: int, columns: Optional[Sequence[str]]
     Memory holds one batch for CSV and one row group for Parquet (plus the batch cut from it), never
     the whole file.
     """
-    return TableReader(path, batch_rows, columns)
+    return TableReader(path, batch_rows, columns, format)
+
+
+# Taking rows back by position, writing them, and folders that appear whole or not at all.
+
+
+def rows_at(batches: Iterable[pd.DataFrame], positions: Any) -> pd.DataFrame:
+    """The rows at ``positions`` of a stream of batches numbered by row, in one streamed pass.
+
+    Parameters
+    ----------
+    batches : iterable of pandas.DataFrame
+        Batches whose index holds each row's position (as ``iter_table`` numbers them).
+    positions : array-like of int
+        The positions wanted; repeated ones are returned once.
+
+    Returns
+    -------
+    pandas.DataFrame
+        The rows found, in the order of their positions, with the batches' columns and index. Only the
+        rows wanted are kept from each batch, so memory holds one batch and the rows found.
+
+    Raises
+    ------
+    ValueError
+        When a position is not in the stream.
+    """
+    import pandas as pd
+
+    wanted = np.unique(np.asarray(positions, dtype=np.int64))
+    found: List[pd.DataFrame] = []
+    columns: Optional[pd.Index] = None
+    for batch in batches:
+        columns = batch.columns
+        index = np.asarray(batch.index, dtype=np.int64)
+        if not len(index) or not len(wanted):
+            continue
+        hit = np.isin(index, wanted)
+        if hit.any():
+            found.append(batch[hit])
+    if not found:
+        frame = pd.DataFrame(columns=columns if columns is not None else [])
+    else:
+        frame = pd.concat(found) if len(found) > 1 else found[0]
+    missing = np.setdiff1d(wanted, np.asarray(frame.index, dtype=np.int64))
+    if missing.size:
+        shown = ", ".join(str(int(p)) for p in missing[:5])
+        raise ValueError(f"{missing.size} position(s) are not in the stream: {shown}")
+    return frame.sort_index()
+
+
+def _arrow_safe(frame: pd.DataFrame) -> pd.DataFrame:
+    """A text column that mixes text with numbers (batches read with different types) becomes text."""
+    out = frame.copy()
+    for name in out.columns:
+        column = out[name]
+        if column.dtype != object:
+            continue
+        present = column.notna()
+        kinds = {type(value) for value in column[present]}
+        if len(kinds) > 1:
+            out[name] = column.where(~present, column.astype(str))
+    return out
+
+
+def write_parquet(frame: pd.DataFrame, path: PathLike, index: bool = False) -> None:
+    """Write a DataFrame to a Parquet file with pyarrow.
+
+    A column read as text in some batches and as numbers in others (a CSV column with a stray word in
+    one batch) mixes Python types; its present values are then written as text.
+
+    Parameters
+    ----------
+    frame : pandas.DataFrame
+    path : str or os.PathLike
+    index : bool, default False
+        Whether to store the frame's index as a column.
+    """
+    pa: Any = importlib.import_module("pyarrow")
+    parquet: Any = importlib.import_module("pyarrow.parquet")
+    table = pa.Table.from_pandas(_arrow_safe(frame), preserve_index=index)
+    parquet.write_table(table, os.fspath(path))
+
+
+@contextmanager
+def atomic_folder(path: PathLike, overwrite: bool = False) -> Iterator[str]:
+    """A folder filled under a temporary name and renamed to ``path`` only when the block succeeds.
+
+    The temporary folder is a sibling of ``path`` (same file system, so the rename is atomic). If the
+    block raises (``KeyboardInterrupt`` included), it is removed and ``path`` is left as it was. On
+    success an empty folder at ``path``, or with ``overwrite`` any earlier folder, is replaced.
+
+    Parameters
+    ----------
+    path : str or os.PathLike
+        The folder to make. Its parent must exist.
+    overwrite : bool, default False
+        Replace a folder at ``path`` that is not empty.
+
+    Yields
+    ------
+    str
+        The temporary folder to write into.
+
+    Raises
+    ------
+    FileExistsError
+        When ``path`` is a folder that is not empty and ``overwrite`` is false.
+    NotADirectoryError
+        When ``path`` exists and is not a folder.
+    PermissionError, FileNotFoundError
+        When the parent folder is missing or not writable.
+    """
+    target = os.path.abspath(os.fspath(path))
+    _check_output_folder(target, overwrite)
+    parent, name = os.path.split(target)
+    try:
+        work = tempfile.mkdtemp(prefix=f".{name}.partial-", dir=parent)
+    except OSError as exc:
+        raise PermissionError(f"{target}: cannot make a folder in {parent} ({exc.strerror})") from None
+    try:
+        umask = os.umask(0)
+        os.umask(umask)
+        os.chmod(work, 0o777 & ~umask)  # a folder made as any other, not private as a temporary one
+        yield work
+        _check_output_folder(target, overwrite)  # it may have changed while the block ran
+        old = None
+        if os.path.exists(target):
+            old = tempfile.mkdtemp(prefix=f".{name}.old-", dir=parent)
+            os.rmdir(old)
+            os.rename(target, old)
+        os.rename(work, target)
+        if old is not None:
+            shutil.rmtree(old, ignore_errors=True)
+    except BaseException:
+        shutil.rmtree(work, ignore_errors=True)
+        raise
+
+
+def _check_output_folder(target: str, overwrite: bool) -> None:
+    parent = os.path.dirname(target)
+    if not os.path.isdir(parent):
+        raise FileNotFoundError(f"{target}: no folder {parent}")
+    if not os.access(parent, os.W_OK | os.X_OK):
+        raise PermissionError(f"{target}: the folder {parent} is not writable")
+    if os.path.lexists(target):
+        if not os.path.isdir(target):
+            raise NotADirectoryError(f"{target} is not a folder")
+        if os.listdir(target) and not overwrite:
+            raise FileExistsError(f"{target} is not empty")
+
+
+class SpilledBatches:
+    """Batches of numeric arrays written to a temporary folder, read back in order, any number of times.
+
+    A stream that must be read many times (a reference fitted in several passes, then scored) is
+    read and processed once; its processed batches are spilled to disk and every later pass reads them
+    back one at a time, so memory holds one batch whatever the stream's length.
+
+    Parameters
+    ----------
+    directory : str or os.PathLike, optional
+        Where to make the temporary folder (the system's temporary folder by default).
+
+    Attributes
+    ----------
+    n_batches : int
+        Batches appended.
+    n_rows : int
+        Rows appended (the first dimension of each batch's arrays).
+    nbytes : int
+        Bytes of the arrays appended.
+    folder : str
+        The temporary folder; removed by ``close`` (or on leaving a ``with`` block).
+
+    Examples
+    --------
+    >>> import numpy as np
+    >>> from quillmarsh.io import SpilledBatches
+    >>> with SpilledBatches() as spill:
+    ...     spill.append(X=np.ones((3, 2)), y=np.zeros(3))
+    ...     [batch["X"].shape for batch in spill]
+    [(3, 2)]
+    """
+
+    def __init__(self, directory: Optional[PathLike] = None) -> None:
+        self.folder = tempfile.mkdtemp(prefix="quillmarsh-spill-",
+                                       dir=None if directory is None else os.fspath(directory))
+        self.n_batches = 0
+        self.n_rows = 0
+        self.nbytes = 0
+        self._names: Optional[List[str]] = None
+
+    def append(self, **arrays: np.ndarray) -> None:
+        """Spill one batch: arrays by name, each with one entry per row (the same names every time)."""
+        names = sorted(arrays)
+        if self._names is None:
+            self._names = names
+        elif names != self._names:
+            raise ValueError(f"every batch holds the arrays {self._names}, got {names}")
+        lengths = {len(np.asarray(a)) for a in arrays.values()}
+        if len(lengths) > 1:
+            raise ValueError("the arrays of a batch must have one entry per row each")
+        path = os.path.join(self.folder, f"batch-{self.n_batches:07d}.npz")
+        with open(path, "wb") as stream:
+            np.savez(stream, **{name: np.asarray(a) for name, a in arrays.items()})  # type: ignore[arg-type]
+        self.n_batches += 1
+        self.n_rows += lengths.pop() if lengths else 0
+        self.nbytes += sum(np.asarray(a).nbytes for a in arrays.values())
+
+    def __iter__(self) -> Iterator[Dict[str, np.ndarray]]:
+        for number in range(self.n_batches):
+            path = os.path.join(self.folder, f"batch-{number:07d}.npz")
+            with np.load(path, allow_pickle=False) as data:
+                yield {name: data[name] for name in data.files}
+
+    def __len__(self) -> int:
+        return self.n_batches
+
+    def close(self) -> None:
+        """Remove the folder and its batches."""
+        shutil.rmtree(self.folder, ignore_errors=True)
+
+    def __enter__(self) -> SpilledBatches:
+        return self
+
+    def __exit__(self, *exc_info: object) -> None:
+        self.close()

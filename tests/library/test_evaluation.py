@@ -504,3 +504,55 @@ def test_reference_sgd_regressor_on_standardised_features() -> None:
     score = streamed_regression_score(result.model, stream)
     exact = reference_least_squares(stream).model
     assert score.r2_ > 0.95 * streamed_regression_score(exact, stream).r2_
+
+
+# Judging weighted samples against the full data
+
+
+def judged_stream(seed: int = 3) -> list:
+    rng = np.random.default_rng(seed)
+    batches = []
+    for _ in range(4):
+        X = rng.normal(size=(500, 3)) + 5.0 * rng.integers(0, 2, size=(500, 1))
+        batches.append((X, X @ [1.0, -1.0, 0.5] + rng.normal(scale=0.3, size=500)))
+    return batches
+
+
+def test_judge_regression_ranks_the_exact_fit_first_and_a_bad_sample_last() -> None:
+    from quillmarsh.evaluation import judge_regression
+
+    batches = judged_stream()
+    X = np.vstack([b[0] for b in batches])
+    y = np.concatenate([b[1] for b in batches])
+    good = (X[::10], y[::10], np.full(200, 10.0))
+    biased = X[:, 0] > 1.5  # a sample of one region only, with a shifted target
+    bad = (X[biased][:50], y[biased][:50] + 3.0, np.full(50, 40.0))
+    rows = judge_regression(batches, batches[:1], {"good": good, "bad": bad}, random_state=0)
+    assert [row.method.split(":")[0] for row in rows] == ["full data", "good", "bad", "streaming"]
+    full, on_good, on_bad, _ = rows
+    assert full.cost_ratio == 1.0 and full.rows == 2000
+    assert full.cost == pytest.approx(float(((y - np.c_[X, np.ones(2000)] @ np.linalg.lstsq(
+        np.c_[X, np.ones(2000)], y, rcond=None)[0]) ** 2).sum()), rel=1e-9)
+    assert 1.0 <= on_good.cost_ratio < 1.1 < 2.0 < on_bad.cost_ratio
+    assert all(row.r2_held_out is not None for row in rows)
+
+
+def test_judge_kmeans_compares_samples_with_a_reference_solved_from_the_stream() -> None:
+    from quillmarsh.evaluation import judge_kmeans
+
+    batches = [b[0] for b in judged_stream()]
+    X = np.vstack(batches)
+    one_side = X[X[:, 0] < 2.5]
+    rows = judge_kmeans(batches, {"spread": (X[::10], None, np.full(200, 10.0)),
+                                  "one side": (one_side[:100], None, np.full(100, 20.0))},
+                        n_clusters=2, random_state=0)
+    assert [row.method.split(",")[0].split(":")[0] for row in rows] == [
+        "full data", "spread", "one side", "streaming"]
+    assert rows[0].cost == pytest.approx(kmeans_cost(X, rows and _centres_of_best(batches)), rel=0.2)
+    assert rows[1].cost_ratio < 1.1 < 1.5 < rows[2].cost_ratio
+
+
+def _centres_of_best(batches: list) -> np.ndarray:
+    from sklearn.cluster import KMeans
+
+    return KMeans(n_clusters=2, n_init=5, random_state=0).fit(np.vstack(batches)).cluster_centers_
