@@ -199,6 +199,13 @@ def test_out_round_trip(files: Dict[str, Path], tmp_path: Path, kind: str) -> No
     kept = expected_counts(dirty_table())["kept"]
     assert sorted(p.name for p in out.iterdir() if p.suffix == ".parquet") == [
         "coreset-kmeans.parquet", "coreset-linear_regression.parquet"]
+    from quillmarsh import CoresetTree
+
+    with CoresetTree.load(out / "tree") as tree:
+        assert tree.n_samples_ == kept
+        for index, model in enumerate(("kmeans", "linear_regression")):
+            saved_rows = pd.read_parquet(out / f"coreset-{model}.parquet")
+            assert sorted(tree.coreset(index).ids.tolist()) == sorted(saved_rows["row"].tolist())
     for model in ("kmeans", "linear_regression"):
         saved = pd.read_parquet(out / f"coreset-{model}.parquet")
         assert list(saved.columns) == [*source.columns, "weight", "row"]
@@ -330,3 +337,15 @@ def test_a_folder_it_cannot_write_in_is_refused(files: Dict[str, Path], tmp_path
         locked.chmod(0o700)
     assert result.returncode == 2
     assert "not writable" in one_error_line(result)
+
+
+def test_a_dask_build_gives_the_summary_of_a_local_one(files: Dict[str, Path], tmp_path: Path) -> None:
+    pytest.importorskip("distributed")
+    summaries = {}
+    for name, extra in (("local", []), ("dask", ["--dask", "local", "--jobs", "2"])):
+        out = tmp_path / name
+        result = run("--data", str(files["csv"]), "--target", "price", *SMALL, "--no-eval", "--quiet",
+                     "--out", str(out), *extra, cwd=tmp_path)
+        assert result.returncode == 0, result.stderr
+        summaries[name] = pd.read_parquet(out / "coreset-linear_regression.parquet")
+    pd.testing.assert_frame_equal(summaries["local"], summaries["dask"])

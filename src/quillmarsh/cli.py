@@ -19,7 +19,7 @@ otherwise, 130 when interrupted.
 from __future__ import annotations
 
 import argparse
-import inspect
+import contextlib
 import json
 import os
 import sys
@@ -119,8 +119,9 @@ def build_parser() -> argparse.ArgumentParser:
                       help="clusters of k-means (default %(default)s)")
     tree.add_argument("--jobs", type=_positive, help="build leaves on N worker threads (pays only with "
                       "more than 2 cores, large chunks and OPENBLAS_NUM_THREADS=1)")
-    tree.add_argument("--dask", metavar="local|ADDRESS", help="build the leaves on a Dask cluster "
-                      "(not available in this command yet: use quillmarsh.distributed)")
+    tree.add_argument("--dask", metavar="local|ADDRESS", help="build the leaves and merge the nodes on a "
+                      "Dask cluster: a new local one of --jobs workers (default 2), or the scheduler at "
+                      "ADDRESS; the summary is the one built without it")
     tree.add_argument("--blas-threads", type=_positive, default=1, metavar="N",
                       help="threads of numpy's BLAS while building and judging (default %(default)s: a "
                       "chunk's products and SVD are small, and ran 3 times faster on one thread on a "
@@ -159,9 +160,6 @@ def parse(argv: Optional[Sequence[str]]) -> argparse.Namespace:
             raise UserError("--target applies with --data or --csv only")
         args.rows = DEFAULTS["rows"] if args.rows is None else args.rows
         args.features = DEFAULTS["features"] if args.features is None else args.features
-    if args.dask is not None:
-        raise UserError("--dask: building the summary on a Dask cluster is not available in this command; "
-                        "build leaves with quillmarsh.distributed")
     if args.overwrite and args.out is None:
         raise UserError("--overwrite applies only with --out")
     if args.plot is not None and args.no_eval:
@@ -313,7 +311,7 @@ def check_target_values(frame: pd.DataFrame, target: str) -> bool:
 # The tree.
 
 
-def make_tree(args: argparse.Namespace) -> CoresetTree:
+def make_tree(args: argparse.Namespace, client: Any = None) -> CoresetTree:
     """One tree holding a coreset object per chosen model, on the same leaves."""
     from quillmarsh.core.coreset import CoresetBase, CoresetKMeans, CoresetLinearRegression
     from quillmarsh.core.tree.coreset_tree import CoresetTree
@@ -324,61 +322,21 @@ def make_tree(args: argparse.Namespace) -> CoresetTree:
             objects.append(CoresetKMeans(k=args.k, dtype="float64"))
         else:
             objects.append(CoresetLinearRegression(dtype="float64"))
-    tree = CoresetTree(objects, coreset_size=args.coreset_size, chunk_size=args.chunk_size,
-                       n_jobs=args.jobs, random_state=args.seed)
-    limit_text_values(tree, args.max_text_values)
-    return tree
-
-
-def limit_text_values(tree: CoresetTree, max_text_values: int) -> None:
-    """Make the tree's preprocessing leave out text columns with more than ``max_text_values`` values.
-
-    The tree makes its data manager with the library's default encoding when its first block arrives;
-    this sets the limit on that manager as soon as it is made (a public parameter of the tree would
-    replace it).
-    """
-    make_layer = getattr(tree, "_make_layer", None)
-    if make_layer is None:
-        return
-
-    def with_limit(*args: Any, **kwargs: Any) -> Any:
-        layer = make_layer(*args, **kwargs)
-        config = getattr(layer.data_manager, "_cat_encoding_config", None)
-        if isinstance(config, dict):
-            config["max_text_values"] = max_text_values
-        return layer
-
-    setattr(tree, "_make_layer", with_limit)  # noqa: B010  (an instance attribute over the method)
+    return CoresetTree(objects, coreset_size=args.coreset_size, chunk_size=args.chunk_size,
+                       n_jobs=None if client is not None else args.jobs, random_state=args.seed,
+                       client=client, max_text_values=args.max_text_values)
 
 
 def feature_space(tree: CoresetTree) -> FeatureSpace:
     """The stream's feature space, in which the tree's summaries are encoded."""
-    layer = getattr(tree, "_layer", None)
-    if layer is None:
+    space = tree.feature_space_
+    if space is None:
         raise RuntimeError("the tree has no rows yet")
-    space: FeatureSpace = layer.data_manager.feature_space
     return space
 
 
-def save_tree_if_supported(tree: CoresetTree, index: int, model: str, folder: str) -> Optional[str]:
-    """Save the tree of one model to ``folder/tree-<model>/`` when the tree can save itself.
-
-    Skipped (None returned) while ``CoresetTree`` has no ``save`` method. A ``save`` that takes an
-    ``index`` gets the model's coreset object; otherwise the whole tree is saved for each model.
-    """
-    save = getattr(tree, "save", None)
-    if not callable(save):
-        return None
-    path = os.path.join(folder, f"tree-{model}")
-    try:
-        takes_index = "index" in inspect.signature(save).parameters
-    except (TypeError, ValueError):
-        takes_index = False
-    if takes_index:
-        save(path, index=index)
-    else:
-        save(path)
-    return path
+TREE_FOLDER = "tree"
+"""Where ``--out`` saves the tree: one save holds the summaries of every model (``CoresetTree.load``)."""
 
 
 # The run.
@@ -651,7 +609,7 @@ def write_outputs(args: argparse.Namespace, folder: str, tree: CoresetTree, summ
     from quillmarsh.io import write_parquet
 
     written: Dict[str, Any] = {}
-    for index, model in enumerate(args.models):
+    for model in args.models:
         summary = summaries[model]
         order = np.argsort(summary.ids, kind="stable")
         ids, weights = summary.ids[order], summary.weights[order]
@@ -660,9 +618,8 @@ def write_outputs(args: argparse.Namespace, folder: str, tree: CoresetTree, summ
         frame["row"] = ids
         name = f"coreset-{model}.parquet"
         write_parquet(frame.reset_index(drop=True), os.path.join(folder, name))
-        saved = save_tree_if_supported(tree, index, model, folder)
-        written[model] = {"coreset": name, "rows": len(frame),
-                          "tree": None if saved is None else os.path.basename(saved)}
+        written[model] = {"coreset": name, "rows": len(frame), "tree": TREE_FOLDER}
+    tree.save(os.path.join(folder, TREE_FOLDER))
     return written
 
 
@@ -706,13 +663,31 @@ class _Entered:
 
 
 def _run(args: argparse.Namespace, table: Table, target: str, folder: Optional[str]) -> Dict[str, Any]:
-    tree = make_tree(args)
-    try:
+    with _cluster(args) as client, make_tree(args, client) as tree:
         return _run_tree(args, table, target, folder, tree)
-    finally:
-        close = getattr(tree, "close", None)  # a tree that keeps its chunks in storage frees it
-        if callable(close):
-            close()
+
+
+@contextlib.contextmanager
+def _cluster(args: argparse.Namespace) -> Iterator[Any]:
+    """A Dask client for ``--dask`` (a local cluster of ``--jobs`` workers, default 2), else None."""
+    if args.dask is None:
+        yield None
+        return
+    try:
+        from quillmarsh.distributed import connect
+    except ImportError as exc:
+        raise UserError(f"--dask needs Dask: {exc}") from None
+    import logging
+
+    try:
+        if args.dask == "local":
+            client = connect("local", n_workers=args.jobs or 2, silence_logs=logging.ERROR)
+        else:
+            client = connect(args.dask)
+    except (OSError, TimeoutError, ValueError) as exc:
+        raise UserError(f"--dask {args.dask}: cannot connect ({_one_line(exc)})") from None
+    with client:
+        yield client
 
 
 def _run_tree(args: argparse.Namespace, table: Table, target: str, folder: Optional[str],
@@ -744,8 +719,6 @@ def _run_tree(args: argparse.Namespace, table: Table, target: str, folder: Optio
         columns = [c for c in table.columns]
         written = write_outputs(args, folder, tree, summaries, rows, columns)
         stages.output += time.perf_counter() - started
-        if all(entry["tree"] is None for entry in written.values()):
-            notes.append("the trees were not saved: this CoresetTree has no save method yet")
     if args.plot is not None and quality:
         plot(args.plot, quality)  # before the report, whose peak memory then counts the drawing
     summary = report(args, table, tree, summaries, counts, stages, quality, notes, written, rss_after_build)

@@ -6,7 +6,6 @@ from typing import Any
 
 import numpy as np
 import pandas as pd
-import pytest
 
 from quillmarsh import CoresetKMeans, CoresetLinearRegression, CoresetTree
 
@@ -48,7 +47,20 @@ def test_rows_removed_from_a_cluster_built_tree_leave_it_as_from_a_local_one(cli
     assert not np.isin(remote.coreset().ids, np.arange(100, 170)).any()
 
 
-def test_tables_are_refused_on_a_cluster(client: Any) -> None:
-    tree = CoresetTree(CoresetKMeans(k=2), coreset_size=5, client=client)
-    with pytest.raises(TypeError, match="numeric arrays"):
-        tree.add(pd.DataFrame({"a": [1.0, 2.0]}))
+def test_tables_are_encoded_on_the_client_and_give_the_sequential_summary(client: Any) -> None:
+    rng = np.random.default_rng(1)
+    trees = [
+        CoresetTree(CoresetLinearRegression(), coreset_size=20, chunk_size=50, random_state=0, client=c)
+        for c in (client, None)
+    ]
+    for block in range(6):
+        colours = ["red", "green"] if block < 3 else ["red", "green", "blue"]
+        frame = pd.DataFrame({"size": rng.normal(size=45), "colour": rng.choice(colours, size=45)})
+        target = frame["size"] * 2.0 + (frame["colour"] == "blue")
+        target[frame.index % 17 == 3] = np.nan  # rows without a target are dropped, on either side
+        for tree in trees:
+            tree.add(frame, target.to_numpy())
+    remote, local = trees
+    assert remote.feature_names_ == local.feature_names_ and "colour=blue" in remote.feature_names_
+    np.testing.assert_array_equal(remote.coreset().ids, local.coreset().ids)
+    np.testing.assert_array_equal(remote.coreset().X, local.coreset().X)

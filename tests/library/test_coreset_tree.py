@@ -337,3 +337,25 @@ def test_the_readme_example_runs() -> None:
     assert namespace["summary"].X.shape == (1000, 5)
     assert namespace["summary"].weights.sum() == pytest.approx(30_000, rel=0.2)
     assert namespace["model"].cluster_centers_.shape == (8, 5)
+
+
+def test_transform_encodes_rows_as_the_summary() -> None:
+    rng = np.random.default_rng(2)
+    frame = pd.DataFrame(
+        {
+            "size": rng.normal(size=300),
+            "colour": rng.choice(["red", "green", "blue"], size=300),
+            "name": [f"n{i % 50}" for i in range(300)],
+        }
+    )
+    tree = CoresetTree(
+        CoresetKMeans(k=2), coreset_size=20, chunk_size=100, random_state=0, max_text_values=10
+    )
+    tree.add(frame)
+    c = tree.coreset()
+    np.testing.assert_allclose(tree.transform(frame.iloc[c.ids]), c.X)
+    assert not any(name.startswith("name") for name in tree.feature_names_)
+    assert tree.feature_space_ is not None
+    assert any("'name' left out" in note for note in tree.feature_space_.notes)
+    with pytest.raises(ValueError, match="columns"):
+        tree.transform(frame[["size"]])

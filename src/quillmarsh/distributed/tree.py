@@ -10,8 +10,9 @@ removing rows, saving and loading work the same). Every node draws from its own 
 summary is the one a tree without a cluster gives for the same seed and blocks.
 
 The chunks travel inside their tasks: if a worker is lost, the scheduler runs its tasks again from
-them, and no row is lost. Tables (DataFrames) are not built on a cluster: each worker would learn its
-own encoding of the columns; encode them first, or build without a client.
+them, and no row is lost. A table's chunk is preprocessed on the client, in the stream's one feature
+space and in stream order, exactly as a tree without a cluster preprocesses it; the worker gets its
+numbers and builds the leaf from them (numbers preprocess to themselves).
 """
 
 from __future__ import annotations
@@ -24,6 +25,7 @@ from quillmarsh.core.tree.chunk_layer import BUFFER_NODE_ID, ChunkLayer, ChunkNo
 
 from quillmarsh.core.tree._store import Coreset
 from quillmarsh.data.common import Dataset
+from quillmarsh.data.data_auto_processor import DataAutoProcessor
 from quillmarsh.data.manager import DataManager, DataParams, FeatureField
 
 if TYPE_CHECKING:
@@ -73,7 +75,6 @@ class RemoteLayer(ChunkLayer):
 
     client: Any
     reducer: Reducer
-    feature_names: List[str]
 
     def _create_node(self, dset: Any, node_id: Any = None, leaf_node_index: Any = None) -> Any:
         if node_id == BUFFER_NODE_ID:
@@ -81,17 +82,39 @@ class RemoteLayer(ChunkLayer):
         index = self.chunk_index  # the layer counts the leaf after handing it on
         node_id = f"leaf-{index}"
         self.data_manager.save_selected_samples_async(dset, None, node_id)
+        encoded = self._encoded(dset)
         future = self.client.submit(
             build_leaf,
-            dset,
+            encoded,
             list(self.chunk_corset_params or []),
-            self.feature_names,
+            [f"f{i}" for i in range(encoded.X.shape[1])],
             self.reducer,
             index,
             key=f"quillmarsh-leaf-{self.reducer.entropy}-{index}-{id(self)}",
             pure=False,
         )
-        return RemoteLeaf(node_id, index, np.asarray(dset.ind, dtype=np.int64), future)
+        return RemoteLeaf(node_id, index, np.asarray(encoded.ind, dtype=np.int64), future)
+
+    def _encoded(self, dset: Dataset) -> Dataset:
+        """The chunk preprocessed here as a node would (numbers in the stream's feature space)."""
+        if np.asarray(dset.X).dtype.kind in "biuf":
+            return dset  # numbers preprocess to themselves
+        manager = self.data_manager
+        processor = DataAutoProcessor(
+            X=dset.X,
+            y=dset.y,
+            ind=dset.ind,
+            props=dset.props,
+            categorical_features=manager.data_params_internal.categorical_features_,
+            feature_names=[f.name for f in manager.data_params.features],
+            cat_encoding_config=manager.cat_encoding_config_clear(),
+            missing_replacement=manager.data_params_internal.aggregated_missing_replacements,
+            drop_rows_below=manager.data_params.drop_rows_below,
+            drop_cols_above=manager.data_params.drop_cols_above,
+        )
+        X = processor.handle_missing_and_categorical_encoding(sparse_threshold=0)
+        y = processor.get_processed_arrays()[0]
+        return Dataset(ind=np.asarray(processor.ind), X=X, y=y)
 
 
 class RemoteMerges:

@@ -35,6 +35,7 @@ from quillmarsh.core.coreset._base import CoresetBase
 from quillmarsh.core.coreset.sampling import sample_rows
 from quillmarsh.core.tree._store import Coreset, IdRanges, NodeKey, NodeStore
 from quillmarsh.data.common import Dataset
+from quillmarsh.data.feature_space import FeatureSpace
 from quillmarsh.data.manager import DataManager, DataParams, FeatureField
 
 __all__ = ["Coreset", "CoresetTree"]
@@ -154,7 +155,13 @@ class CoresetTree:
     client : dask.distributed.Client, default=None
         Builds the leaves and merges the nodes on that Dask cluster (``quillmarsh.distributed.tree``);
         only the nodes' summaries come back. The same seed and blocks give the same summary as
-        without it. Takes numeric arrays (encode tables first).
+        without it. Tables are encoded on the client (the stream's one feature space), the rest of
+        each leaf's build runs on the workers.
+    max_categories : int or None, default=100
+        Tables: one-hot columns per text column; further categories share one "<other>" column.
+    max_text_values : int or None, default=1000
+        Tables: a text column with more distinct values in the first chunk that holds it is left out
+        (``feature_space_.notes`` names it).
 
     Attributes
     ----------
@@ -200,6 +207,8 @@ class CoresetTree:
         random_state: Union[None, int, np.random.Generator] = None,
         data_dir: Union[str, os.PathLike[str], None] = None,
         client: Any = None,
+        max_categories: Optional[int] = 100,
+        max_text_values: Optional[int] = 1000,
     ) -> None:
         if isinstance(coreset, CoresetBase):
             templates = [coreset]
@@ -213,6 +222,12 @@ class CoresetTree:
         self.n_jobs = None if n_jobs is None else _positive_int("n_jobs", n_jobs)
         self.random_state = random_state
         self.client = client
+        self.max_categories = (
+            None if max_categories is None else _positive_int("max_categories", max_categories)
+        )
+        self.max_text_values = (
+            None if max_text_values is None else _positive_int("max_text_values", max_text_values)
+        )
         self._remote: Any = None
         self._entropy = _entropy(random_state)
         self._reducer = Reducer(templates, self.coreset_size, self._entropy)
@@ -353,6 +368,36 @@ class CoresetTree:
         if summary.ids.size == 0:
             raise ValueError("the tree holds no rows yet: add some before fitting")
         return estimator.fit(summary.X, summary.y, sample_weight=summary.weights, **fit_params)
+
+    @property
+    def feature_space_(self) -> Optional[FeatureSpace]:
+        """The stream's feature space, which encodes tables into the summary's columns (None before
+        the first block)."""
+        return None if self._layer is None else self._layer.data_manager.feature_space
+
+    def transform(self, X: Any) -> np.ndarray:
+        """Encode rows as the summary's ``X``: a table into the stream's feature space, learning
+        nothing (see ``FeatureSpace.transform``); a numeric array as it is.
+
+        Parameters
+        ----------
+        X : ndarray or pandas DataFrame
+            Rows with the columns of the blocks added.
+
+        Returns
+        -------
+        ndarray of shape (n_rows, len(feature_names_)), float64
+        """
+        if self._layer is None:
+            raise RuntimeError("the tree has no rows yet: add some first")
+        if isinstance(X, pd.DataFrame):
+            if self._kind != "frame" or [str(c) for c in X.columns] != self.feature_names_in_:
+                raise ValueError(f"X must be a table with the columns {self.feature_names_in_}")
+            return self._layer.data_manager.feature_space.transform(X.to_numpy())
+        values = np.asarray(X, dtype=np.float64)
+        if self._kind != "array" or values.ndim != 2 or values.shape[1] != self.n_features_in_:
+            raise ValueError(f"X must be a 2-D array of {self.n_features_in_} columns")
+        return values
 
     @property
     def feature_names_(self) -> List[str]:
@@ -663,6 +708,10 @@ class CoresetTree:
         manager = DataManager(
             data_params=DataParams(features=[FeatureField(name) for name in names]),
             storage_dir=os.path.join(self.data_dir, CHUNKS_DIR),
+            cat_encoding_config={
+                "max_categories": self.max_categories,
+                "max_text_values": self.max_text_values,
+            },
         )
         manager.n_jobs = self.n_jobs
         chunk_size = self.chunk_size if self.chunk_size is not None else CHUNK_SIZE_FACTOR * self.coreset_size
@@ -677,11 +726,6 @@ class CoresetTree:
         block = f"block {self._n_blocks}"
         columns: Optional[List[str]] = None
         if isinstance(X, pd.DataFrame):
-            if self.client is not None:
-                raise TypeError(
-                    "a tree built on a Dask cluster takes numeric arrays: each worker would encode a "
-                    "table's columns its own way (encode them first, or build without a client)"
-                )
             columns = [str(name) for name in X.columns]
             if self._kind == "array":
                 raise TypeError(f"{block} is a DataFrame, but earlier blocks were arrays")

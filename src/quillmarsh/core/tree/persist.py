@@ -128,6 +128,8 @@ def _write_version(tree: Any, target: str) -> Dict[str, Any]:
             "chunk_size": tree.chunk_size,
             "n_jobs": tree.n_jobs,
             "entropy": tree._entropy,
+            "max_categories": tree.max_categories,
+            "max_text_values": tree.max_text_values,
         },
         "coresets": [
             {
@@ -244,6 +246,8 @@ def _build(cls: Type[Any], manifest: Dict[str, Any], source: str, data_dir: Any)
         n_jobs=params["n_jobs"],
         random_state=params["entropy"],
         data_dir=data_dir,
+        max_categories=params["max_categories"],
+        max_text_values=params["max_text_values"],
     )
     state = manifest["state"]
     tree.n_samples_ = state["n_samples_"]
