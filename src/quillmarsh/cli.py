@@ -335,6 +335,9 @@ def feature_space(tree: CoresetTree) -> FeatureSpace:
     return space
 
 
+BUILD_STAGES = ("preprocess", "sensitivities", "leaves", "merges")
+"""The library's stages within the build, as ``quillmarsh.timing`` measures them (summed over threads)."""
+
 TREE_FOLDER = "tree"
 """Where ``--out`` saves the tree: one save holds the summaries of every model (``CoresetTree.load``)."""
 
@@ -359,6 +362,7 @@ class Stages:
     evaluation: float = 0.0
     output: float = 0.0
     started: float = field(default_factory=time.perf_counter)
+    within_build: Dict[str, float] = field(default_factory=dict)  # the library's stages, by name
 
 
 def _one_line(exc: BaseException) -> str:
@@ -692,11 +696,15 @@ def _cluster(args: argparse.Namespace) -> Iterator[Any]:
 
 def _run_tree(args: argparse.Namespace, table: Table, target: str, folder: Optional[str],
               tree: CoresetTree) -> Dict[str, Any]:
+    from quillmarsh.timing import STAGES
+
     counts, stages = Counts(), Stages()
+    clock = STAGES.snapshot()
     build(args, table, target, tree, counts, stages)
     started = time.perf_counter()
     summaries = {model: tree.coreset(index) for index, model in enumerate(args.models)}
     stages.build += time.perf_counter() - started
+    stages.within_build = STAGES.since(clock)
     rss_after_build = peak_rss_mb()
     space = feature_space(tree)
     notes = list(space.notes)
@@ -756,7 +764,9 @@ def report(args: argparse.Namespace, table: Table, tree: CoresetTree, summaries:
         "summary_weights": {model: float(s.weights.sum()) for model, s in summaries.items()},
         "seconds": {"read": round(stages.read, 3), "build": round(stages.build, 3),
                     "evaluation": round(stages.evaluation, 3), "output": round(stages.output, 3),
-                    "total": round(total, 3)},
+                    "total": round(total, 3),
+                    "build_stages": {name: round(stages.within_build.get(name, 0.0), 3)
+                                     for name in BUILD_STAGES}},
         "peak_rss_mb": {"after_build": rss_after_build, "end": peak_rss_mb()},
         "quality": [row.as_dict() for row in quality],
         "notes": notes,
@@ -779,6 +789,8 @@ def report(args: argparse.Namespace, table: Table, tree: CoresetTree, summaries:
     entries.append(("seconds", f"read {seconds['read']}, build {seconds['build']}, "
                                f"evaluation {seconds['evaluation']}, output {seconds['output']}, "
                                f"total {seconds['total']}"))
+    entries.append(("  within the build", ", ".join(f"{name} {seconds['build_stages'][name]}"
+                                                   for name in BUILD_STAGES)))
     entries.append(("peak RSS (MiB)", f"{summary['peak_rss_mb']['end']} (after building: {rss_after_build})"))
     if written is not None:
         entries.append(("written to", summary["out"]["folder"]))

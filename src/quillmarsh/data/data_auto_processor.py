@@ -15,6 +15,7 @@ import pandas as pd
 
 from quillmarsh.core.numpy_extra import missing_or_inf_mask
 from quillmarsh.data.feature_space import MISSING_CATEGORY, OTHER_CATEGORY, FeatureSpace, as_numbers
+from quillmarsh.timing import STAGES
 
 __all__ = ["MISSING_CATEGORY", "OTHER_CATEGORY", "DataAutoProcessor"]
 
@@ -136,6 +137,10 @@ class DataAutoProcessor:
         """
         if not 0.0 <= sparse_threshold <= 1.0:
             raise ValueError(f"sparse_threshold must be in [0, 1], got {sparse_threshold!r}")
+        with STAGES.measure("preprocess"):
+            return self._encode()
+
+    def _encode(self) -> np.ndarray:
         X = self.X
         n_rows, n_cols = X.shape
         missing = missing_or_inf_mask(X)

@@ -13,6 +13,7 @@ import numpy as np
 from sklearn.base import BaseEstimator
 
 from quillmarsh.core.coreset.sampling import sample_rows
+from quillmarsh.timing import STAGES
 
 RandomState = Union[None, int, np.random.Generator]
 
@@ -99,6 +100,10 @@ class CoresetBase(BaseEstimator, abc.ABC):  # type: ignore[misc]
             The sensitivities, in ``dtype``. Any earlier sample is forgotten. See the class docstring
             for how ``safe_mode`` treats degenerate input.
         """
+        with STAGES.measure("sensitivities"):
+            return self._compute(X, y, sample_weight)
+
+    def _compute(self, X: Any, y: Any, sample_weight: Any) -> np.ndarray:
         X = np.asarray(X)
         if X.ndim != 2:
             raise ValueError(f"X must be 2-D, got {X.ndim}-D")

@@ -37,6 +37,7 @@ from quillmarsh.core.tree._store import Coreset, IdRanges, NodeKey, NodeStore
 from quillmarsh.data.common import Dataset
 from quillmarsh.data.feature_space import FeatureSpace
 from quillmarsh.data.manager import DataManager, DataParams, FeatureField
+from quillmarsh.timing import STAGES
 
 __all__ = ["Coreset", "CoresetTree"]
 
@@ -99,6 +100,10 @@ class Reducer:
 
     def leaf(self, node: ChunkNode, leaf_index: int) -> List[Coreset]:
         """Each coreset object's sample of a built leaf, seeded by the leaf's position."""
+        with STAGES.measure("leaves"):
+            return self._leaf(node, leaf_index)
+
+    def _leaf(self, node: ChunkNode, leaf_index: int) -> List[Coreset]:
         ids = np.asarray(node.dset.ind, dtype=np.int64)
         summaries = []
         for t, record in enumerate(node.coresets):
@@ -114,7 +119,8 @@ class Reducer:
 
     def merge(self, t: int, level: int, index: int, left: Coreset, right: Coreset) -> Coreset:
         """The node at (level, index) from its two children."""
-        return self.reduce(t, _union([left, right]), self.rng(t, level, index))
+        with STAGES.measure("merges"):
+            return self.reduce(t, _union([left, right]), self.rng(t, level, index))
 
     def reduce(self, t: int, rows: Coreset, rng: np.random.Generator) -> Coreset:
         """The weighted rows reduced to ``coreset_size`` by weighted sensitivities (as they are if fewer)."""
@@ -592,7 +598,8 @@ class CoresetTree:
             return Coreset(np.empty(0, np.int64), np.empty((0, width)), None, np.empty(0))
         if len(parts) == 1:
             return parts[0]
-        return self._reducer.reduce(t, _union(parts), self._rng(t, _FINAL_NODE, self.n_leaves_))
+        with STAGES.measure("merges"):
+            return self._reducer.reduce(t, _union(parts), self._rng(t, _FINAL_NODE, self.n_leaves_))
 
     def _buffer_summaries(self) -> Optional[List[Coreset]]:
         """The rows waiting in the buffer, built into the buffer node and sampled, one per coreset object."""
