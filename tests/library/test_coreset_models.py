@@ -113,7 +113,7 @@ def test_linear_regression_sample_reproducible() -> None:
 
 
 @pytest.mark.parametrize("dtype", ["float32", "float64"])
-def test_leverage_by_cholesky_equals_the_svd_scores(dtype: str) -> None:
+def test_leverage_from_the_gram_matrix_equals_the_svd_scores(dtype: str) -> None:
     from quillmarsh.core.coreset import models
 
     rng = np.random.default_rng(3)
@@ -141,3 +141,15 @@ def test_ill_conditioned_rows_get_their_leverage_from_the_svd(monkeypatch: pytes
     calls.clear()
     models._leverage(rng.normal(size=(500, 3)), np.dtype("float64"))
     assert not calls
+
+
+def test_structurally_rank_deficient_rows_need_no_svd(monkeypatch: pytest.MonkeyPatch) -> None:
+    from quillmarsh.core.coreset import models
+
+    rng = np.random.default_rng(5)
+    colour = rng.integers(0, 3, size=800)
+    size = rng.integers(0, 4, size=800)
+    Z = np.column_stack([np.eye(3)[colour], np.eye(4)[size], np.full(800, 2013.0), rng.normal(size=800)])
+    expected = (np.linalg.svd(Z, full_matrices=False)[0][:, :7] ** 2).sum(axis=1)  # rank 7 of 9
+    monkeypatch.setattr(models.np.linalg, "svd", None)  # never called
+    np.testing.assert_allclose(models._leverage(Z, np.dtype("float64")), expected, rtol=1e-7, atol=1e-10)

@@ -14,7 +14,7 @@ import numpy as np
 __all__ = ["squared_distances"]
 
 
-def squared_distances(X: Any, centers: Any) -> np.ndarray:
+def squared_distances(X: Any, centers: Any, X_squared_norms: Any = None) -> np.ndarray:
     """Squared Euclidean distance of every row of ``X`` to every centre.
 
     Parameters
@@ -24,6 +24,9 @@ def squared_distances(X: Any, centers: Any) -> np.ndarray:
         array is computed in float64.
     centers : array-like of shape (n_centers, n_features)
         The centres, cast to the float type of ``X``.
+    X_squared_norms : array-like of shape (n_samples,), default=None
+        ``|x_i|^2``, for a caller that measures the same rows against many centres: computed once,
+        and ``X`` is then taken as it is, without the shift below (centre it first).
 
     Returns
     -------
@@ -51,12 +54,16 @@ def squared_distances(X: Any, centers: Any) -> np.ndarray:
     dtype = X.dtype if X.dtype.kind == "f" else np.dtype(np.float64)
     X = X.astype(dtype, copy=False)
     centers = centers.astype(dtype, copy=False)
-    if centers.shape[0] and X.shape[0]:
-        origin = centers.mean(axis=0, dtype=np.float64).astype(dtype)
-        if np.any(origin):
-            X = X - origin
-            centers = centers - origin
-    d2 = np.einsum("ij,ij->i", X, X)[:, None] - 2.0 * (X @ centers.T)
+    if X_squared_norms is not None:
+        norms = np.asarray(X_squared_norms, dtype=dtype)
+    else:
+        if centers.shape[0] and X.shape[0]:
+            origin = centers.mean(axis=0, dtype=np.float64).astype(dtype)
+            if np.any(origin):
+                X = X - origin
+                centers = centers - origin
+        norms = np.einsum("ij,ij->i", X, X)
+    d2 = norms[:, None] - 2.0 * (X @ centers.T)
     d2 += np.einsum("ij,ij->i", centers, centers)[None, :]
     clipped: np.ndarray = np.maximum(d2, 0, out=d2).astype(dtype, copy=False)
     return clipped

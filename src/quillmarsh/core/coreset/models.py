@@ -5,15 +5,14 @@ from __future__ import annotations
 from typing import Union
 
 import numpy as np
-from scipy.linalg import LinAlgError, cho_factor, solve_triangular
 
 from quillmarsh.core.coreset._base import CoresetBase, RandomState
 from quillmarsh.core.distances import squared_distances
 
-# Above this ratio of the largest to the smallest diagonal entry of the Gram matrix's Cholesky factor
-# (an estimate of the condition number of [X, y]) the leverage scores come from an SVD instead: the
-# Gram matrix squares the condition number, and its scores would lose the digits that matter.
-CHOLESKY_CONDITION_LIMIT = 1e5
+# An eigenvalue of the Gram matrix above this share of the largest is a direction of [X, y] for sure:
+# its square root, a singular value, is at least 1e-5 of the largest, where the Gram matrix (which
+# squares the condition number) still holds it to about 6 digits.
+GRAM_KEPT = 1e-10
 
 
 class CoresetKMeans(CoresetBase):
@@ -47,10 +46,11 @@ class CoresetKMeans(CoresetBase):
         # centred, so the distance expansion loses less precision
         centre = X.mean(axis=0) if sample_weight is None else np.average(X, axis=0, weights=w)
         X = X - centre.astype(X.dtype)
+        norms = np.einsum("ij,ij->i", X, X)  # once, for every distance below
         rng = np.random.default_rng(self.random_state)
         first = int(rng.integers(n) if sample_weight is None else rng.choice(n, p=w / w.sum()))
         centers = X[[first]]
-        d2 = squared_distances(X, centers)[:, 0]
+        d2 = squared_distances(X, centers, norms)[:, 0]
         while len(centers) < self.k:
             weighted = w * d2
             total = weighted.sum(dtype=np.float64)
@@ -58,18 +58,17 @@ class CoresetKMeans(CoresetBase):
                 break
             pick = rng.choice(n, p=weighted / total)
             centers = np.vstack([centers, X[pick]])
-            d2 = np.minimum(d2, squared_distances(X, X[[pick]])[:, 0])
+            d2 = np.minimum(d2, squared_distances(X, X[[pick]], norms)[:, 0])
+        rows = np.arange(n)
         for _ in range(self.n_iter):
-            labels = squared_distances(X, centers).argmin(axis=1)
-            mass = np.bincount(labels, weights=w, minlength=len(centers))
-            weighted = X * w[:, None].astype(X.dtype)
-            k = len(centers)
-            sums = np.column_stack(
-                [np.bincount(labels, weights=weighted[:, j], minlength=k) for j in range(X.shape[1])]
-            ).reshape(k, X.shape[1])
+            labels = squared_distances(X, centers, norms).argmin(axis=1)
+            membership = np.zeros((len(centers), n), dtype=X.dtype)  # each row's weight in its cluster
+            membership[labels, rows] = w
+            mass = membership.sum(axis=1, dtype=np.float64)
+            sums = membership @ X
             moved = mass > 0  # a centre that lost all its rows stays where it was
             centers[moved] = (sums[moved] / mass[moved, None]).astype(centers.dtype)
-        distances = squared_distances(X, centers)
+        distances = squared_distances(X, centers, norms)
         labels = distances.argmin(axis=1)
         cost = w * distances[np.arange(n), labels]
         total = cost.sum(dtype=np.float64)
@@ -83,8 +82,8 @@ class CoresetLinearRegression(CoresetBase):
     """Coreset for linear regression by leverage scores.
 
     A row's sensitivity is its leverage score in ``diag(sqrt(w)) [X, y]`` (in ``X`` alone when ``y``
-    is None), plus the uniform term ``w_i / sum(w)``. The scores come from a Cholesky factor of the
-    Gram matrix, in float64; from a thin SVD when the matrix is rank-deficient or ill-conditioned.
+    is None), plus the uniform term ``w_i / sum(w)``. The scores come from the Gram matrix, in float64,
+    also when ``[X, y]`` is rank-deficient; from a thin SVD when it is ill-conditioned.
     Without weights every row weighs 1, and a row of weight 3 scores as much as three copies of it
     together. Needs at least as many rows as ``[X, y]`` has columns.
     """
@@ -107,19 +106,30 @@ class CoresetLinearRegression(CoresetBase):
 
 def _leverage(Z: np.ndarray, dtype: np.dtype) -> np.ndarray:
     """The leverage score of every row of ``Z``: the squared norms of the rows of an orthonormal basis
-    of its column space."""
+    of its column space.
+
+    From the eigendecomposition of the Gram matrix in float64 (``Z = U S V^T`` gives ``Z^T Z = V S^2
+    V^T``, so ``U = Z V S^-1`` on the directions kept): a product of the rows with a small matrix, and
+    a structural rank deficiency (a constant column, one-hot columns that add up alike) costs nothing
+    more. An eigenvalue between the two thresholds is a direction that may be real or rounding; then
+    the scores come from a thin SVD of ``Z`` itself.
+    """
     Z64 = np.asarray(Z, dtype=np.float64)
-    try:
-        factor, lower = cho_factor(Z64.T @ Z64, lower=False, check_finite=False)
-        diagonal = np.abs(np.diag(factor))
-        if diagonal.min() > 0 and diagonal.max() / diagonal.min() < CHOLESKY_CONDITION_LIMIT:
-            # Z = Q R with R the Cholesky factor: the rows of Q = Z R^-1 give the scores.
-            basis = solve_triangular(factor, Z64.T, trans="T", lower=lower, check_finite=False)
-            scores: np.ndarray = np.einsum("ij,ij->j", basis, basis)
+    # Scaling columns leaves the column space, and so the scores, as they are; scaled to unit norm,
+    # a timestamp and a one-hot column no longer make the Gram matrix look ill-conditioned.
+    norms = np.sqrt(np.einsum("ij,ij->j", Z64, Z64))
+    Z64 = Z64[:, norms > 0] / norms[norms > 0]
+    eigenvalues, vectors = np.linalg.eigh(Z64.T @ Z64)
+    top = float(eigenvalues.max(initial=0.0))
+    if top > 0:
+        relative = eigenvalues / top
+        kept = relative > GRAM_KEPT
+        zero = relative < Z64.shape[1] * np.finfo(np.float64).eps
+        if (kept | zero).all():
+            basis = Z64 @ (vectors[:, kept] / np.sqrt(eigenvalues[kept]))
+            scores: np.ndarray = np.einsum("ij,ij->i", basis, basis)
             return scores
-    except LinAlgError:
-        pass  # not positive definite: rank-deficient
-    U, singular, _ = np.linalg.svd(Z, full_matrices=False)
+    U, singular, _ = np.linalg.svd(Z64.astype(dtype, copy=False), full_matrices=False)
     tolerance = singular.max(initial=0) * max(Z.shape) * np.finfo(dtype).eps
     rank = int((singular > tolerance).sum())
     svd_scores: np.ndarray = (U[:, :rank] ** 2).sum(axis=1)

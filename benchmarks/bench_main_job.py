@@ -1,0 +1,263 @@
+"""The main job (``python -m quillmarsh``) against the speed of reading its input, stage by stage.
+
+On a synthetic table of the shape and column types of a public flights table (336,776 rows x 19
+columns: integers, floats with missing values, a constant year, text of 3 to 4,000 values, a timestamp;
+134 encoded features once the 4,000-value text column is left out), written once as CSV and Parquet,
+everything in one run:
+
+- reading: ``pandas.read_csv`` of the whole file in a fresh process (the reference), pyarrow's CSV
+  reader, and the command's own batched readers (pandas chunks, pyarrow's Parquet row groups);
+- the command with ``--no-eval`` (the build) and with its judgement, each in a fresh process, wall
+  time, its own stage seconds (``--summary-json``) and peak RSS; and with ``--jobs 2``;
+- the floors of the build's stages, timed here on the same chunks: for preprocessing, the columns
+  turned into the encoded matrix with pandas' and numpy's own primitives (numbers converted, each
+  text column factorised and scattered into its one-hot columns); for the sensitivities, the
+  factorisations alone (the Gram matrix and its Cholesky factor, and the k + n_iter + 1 distance
+  products of k-means); the same for the merges, on unions of 2 M rows.
+
+Usage::
+
+    .venvs/3.13/bin/python benchmarks/bench_main_job.py              # about 3 minutes
+    .venvs/3.13/bin/python benchmarks/bench_main_job.py --rows 100000
+"""
+
+from __future__ import annotations
+
+import argparse
+import json
+import os
+import subprocess
+import sys
+import tempfile
+import time
+from pathlib import Path
+from typing import Any, Dict, List, Tuple
+
+os.environ.setdefault("OPENBLAS_NUM_THREADS", "1")
+
+import numpy as np  # noqa: E402
+import pandas as pd  # noqa: E402
+
+HERE = Path(__file__).resolve().parent
+BUILD = HERE.parent / "build" / "bench"
+TARGET = "arr_delay"
+M = 2000
+CHUNK = 10_000
+K = 8
+
+
+def flights_like(rows: int, seed: int = 0) -> pd.DataFrame:
+    """A table of the shape and column types of the public flights table."""
+    rng = np.random.default_rng(seed)
+    carriers = [f"C{i}" for i in range(16)]
+    origins = ["EWR", "JFK", "LGA"]
+    dests = [f"D{i:03d}" for i in range(105)]
+    tails = [f"N{i:04d}" for i in range(4000)]
+    month = rng.integers(1, 13, rows)
+    day = rng.integers(1, 29, rows)
+    hour = rng.integers(5, 24, rows)
+    minute = rng.integers(0, 60, rows)
+    sched_dep = hour * 100 + minute
+    dep_delay = np.round(rng.gamma(1.0, 15.0, rows) - 5.0)
+    distance = rng.integers(80, 5000, rows).astype(float)
+    air_time = np.round(distance / 7.5 + rng.normal(0, 10, rows))
+    arr_delay = np.round(dep_delay + rng.normal(-5, 12, rows) + 0.002 * distance)
+    missing = rng.random(rows) < 0.025
+    for column in (dep_delay, air_time, arr_delay):
+        column[missing] = np.nan
+    stamps = pd.to_datetime(
+        {"year": np.full(rows, 2013), "month": month, "day": day, "hour": hour, "minute": minute}
+    )
+    return pd.DataFrame(
+        {
+            "year": np.full(rows, 2013),
+            "month": month,
+            "day": day,
+            "dep_time": np.where(missing, np.nan, sched_dep + np.nan_to_num(dep_delay)),
+            "sched_dep_time": sched_dep,
+            "dep_delay": dep_delay,
+            "arr_time": np.where(missing, np.nan, (sched_dep + 300) % 2400),
+            "sched_arr_time": (sched_dep + 300) % 2400,
+            TARGET: arr_delay,
+            "carrier": rng.choice(carriers, rows),
+            "flight": rng.integers(1, 8000, rows),
+            "tailnum": rng.choice(tails, rows),
+            "origin": rng.choice(origins, rows),
+            "dest": rng.choice(dests, rows),
+            "air_time": air_time,
+            "distance": distance,
+            "hour": hour,
+            "minute": minute,
+            "time_hour": stamps.dt.strftime("%Y-%m-%dT%H:00:00Z"),
+        }
+    )
+
+
+def files(rows: int) -> Dict[str, Path]:
+    BUILD.mkdir(parents=True, exist_ok=True)
+    paths = {"csv": BUILD / f"flights_like_{rows}.csv", "parquet": BUILD / f"flights_like_{rows}.parquet"}
+    if not all(path.exists() for path in paths.values()):
+        table = flights_like(rows)
+        table.to_csv(paths["csv"], index=False)
+        table.to_parquet(paths["parquet"], index=False, row_group_size=65_536)
+    return paths
+
+
+def fresh(code: str, *args: str) -> float:
+    """Seconds of ``code`` in a fresh interpreter, timed inside it (start-up and imports excluded)."""
+    timed = (
+        f"import time, sys\n{code.split('#body')[0]}\nstart = time.perf_counter()\n{code.split('#body')[1]}\n"
+    )
+    timed += "print(time.perf_counter() - start)"
+    done = subprocess.run([sys.executable, "-c", timed, *args], capture_output=True, text=True, check=True)
+    return float(done.stdout.strip().splitlines()[-1])
+
+
+def reading(paths: Dict[str, Path], repeats: int) -> Dict[str, float]:
+    csv, parquet = str(paths["csv"]), str(paths["parquet"])
+    cases = {
+        "pandas.read_csv": ("import pandas as pd\n#body\npd.read_csv(sys.argv[1])", csv),
+        "pyarrow.csv.read_csv": ("import pyarrow.csv as pc\n#body\npc.read_csv(sys.argv[1])", csv),
+        "command reader, CSV": (
+            "from quillmarsh.io import iter_table\n#body\nfor b in iter_table(sys.argv[1], 10000): pass",
+            csv,
+        ),
+        "command reader, Parquet": (
+            "from quillmarsh.io import iter_table\n#body\nfor b in iter_table(sys.argv[1], 10000): pass",
+            parquet,
+        ),
+    }
+    return {name: min(fresh(code, path) for _ in range(repeats)) for name, (code, path) in cases.items()}
+
+
+def command(path: Path, *extra: str) -> Dict[str, Any]:
+    with tempfile.TemporaryDirectory() as folder:
+        summary = os.path.join(folder, "summary.json")
+        started = time.perf_counter()
+        subprocess.run(
+            [
+                sys.executable,
+                "-m",
+                "quillmarsh",
+                "--data",
+                str(path),
+                "--target",
+                TARGET,
+                "--coreset-size",
+                str(M),
+                "--k",
+                str(K),
+                "--quiet",
+                "--summary-json",
+                summary,
+                *extra,
+            ],
+            check=True,
+            capture_output=True,
+            text=True,
+        )
+        wall = time.perf_counter() - started
+        with open(summary, encoding="utf-8") as stream:
+            result: Dict[str, Any] = json.load(stream)
+    result["wall"] = wall
+    return result
+
+
+# -- floors ----------------------------------------------------------------------------------------
+
+
+def encoded_chunks(path: Path) -> Tuple[List[pd.DataFrame], List[np.ndarray], List[str]]:
+    from quillmarsh import CoresetLinearRegression, CoresetTree
+
+    table = pd.read_csv(path)
+    table = table[table[TARGET].notna()]
+    chunks = [table.iloc[i : i + CHUNK] for i in range(0, len(table), CHUNK)]
+    with CoresetTree(CoresetLinearRegression(), coreset_size=M, chunk_size=CHUNK) as tree:
+        for chunk in chunks:
+            tree.add(chunk.drop(columns=[TARGET]), chunk[TARGET].to_numpy())
+        encoded = [tree.transform(chunk.drop(columns=[TARGET])) for chunk in chunks]
+        kinds = tree.feature_space_.kinds if tree.feature_space_ is not None else {}
+    text = [name for name, kind in kinds.items() if kind == "categorical"]
+    return chunks, encoded, text
+
+
+def floor_preprocess(chunks: List[pd.DataFrame], text: List[str]) -> float:
+    """Numbers converted and text one-hot encoded with pandas' and numpy's primitives."""
+    started = time.perf_counter()
+    for chunk in chunks:
+        features = chunk.drop(columns=[TARGET])
+        numeric = [c for c in features.columns if c not in text and c != "tailnum"]
+        parts = [features[numeric].apply(pd.to_numeric, errors="coerce").to_numpy(dtype=np.float64)]
+        for name in text:
+            codes, uniques = pd.factorize(features[name])
+            onehot = np.zeros((len(codes), len(uniques)))
+            onehot[np.arange(len(codes)), codes] = 1.0
+            parts.append(onehot)
+        np.hstack(parts)
+    return time.perf_counter() - started
+
+
+def floor_factorisations(matrices: List[np.ndarray]) -> float:
+    """The Gram matrix and its Cholesky factor (leverage), and k + n_iter + 1 distance products."""
+    from scipy.linalg import cho_factor, solve_triangular
+
+    started = time.perf_counter()
+    for Z in matrices:
+        gram = Z.T @ Z
+        gram += 1e-6 * np.trace(gram) / len(gram) * np.eye(len(gram))  # constant and one-hot columns
+        factor, lower = cho_factor(gram, check_finite=False)
+        solve_triangular(factor, Z.T, trans="T", lower=lower, check_finite=False)
+        centres = Z[:K]
+        for _ in range(K + 3 + 1):
+            Z @ centres.T
+    return time.perf_counter() - started
+
+
+def main() -> None:
+    parser = argparse.ArgumentParser(description=__doc__.split("\n\n")[0])
+    parser.add_argument("--rows", type=int, default=336_776)
+    parser.add_argument("--repeats", type=int, default=2)
+    args = parser.parse_args()
+    paths = files(args.rows)
+    out: Dict[str, Any] = {"rows": args.rows, "reading": reading(paths, args.repeats)}
+    print("reading", json.dumps(out["reading"]), flush=True)
+    builds = [command(paths["csv"], "--no-eval") for _ in range(args.repeats)]
+    build = min(builds, key=lambda r: r["wall"])
+    judged = command(paths["csv"])
+    jobs = command(paths["csv"], "--no-eval", "--jobs", "2")
+    parquet = command(paths["parquet"], "--no-eval")
+    chunks, encoded, text = encoded_chunks(paths["csv"])
+    unions = [np.vstack([encoded[i][:M], encoded[i + 1][:M]]) for i in range(0, len(encoded) - 1, 2)]
+    floors = {
+        "read": out["reading"]["pandas.read_csv"],
+        "preprocess": floor_preprocess(chunks, text),
+        "sensitivities": floor_factorisations(encoded),
+        "merges": floor_factorisations(unions) * 2,  # about as many merges as leaves, of 2 M rows
+    }
+    stages = {"read": build["seconds"]["read"], **build["seconds"]["build_stages"]}
+    read_csv = out["reading"]["pandas.read_csv"]
+    out.update(
+        {
+            "build_wall_s": build["wall"],
+            "build_seconds": build["seconds"],
+            "build_peak_rss_mb": build["peak_rss_mb"],
+            "judged_wall_s": judged["wall"],
+            "judged_seconds": judged["seconds"],
+            "judged_peak_rss_mb": judged["peak_rss_mb"],
+            "jobs_2_build_wall_s": jobs["wall"],
+            "parquet_build_wall_s": parquet["wall"],
+            # the job's own time (after start-up and imports, as for read_csv)
+            "build_over_read_csv": build["seconds"]["total"] / read_csv,
+            "evaluation_over_build": judged["seconds"]["evaluation"] / build["seconds"]["total"],
+            "floors": floors,
+            "stage_over_floor": {name: stages[name] / floors[name] for name in floors if floors[name] > 0},
+            "quality": judged["quality"],
+        }
+    )
+    print(json.dumps({k: v for k, v in out.items() if k != "quality"}, indent=1))
+    BUILD.mkdir(parents=True, exist_ok=True)
+    (BUILD / "main_job.json").write_text(json.dumps(out, indent=1) + "\n")
+
+
+if __name__ == "__main__":
+    main()
