@@ -9,6 +9,9 @@ everything in one run:
   reader, and the command's own batched readers (pandas chunks, pyarrow's Parquet row groups);
 - the command with ``--no-eval`` (the build) and with its judgement, each in a fresh process, wall
   time, its own stage seconds (``--summary-json``) and peak RSS; and with ``--jobs 2``;
+- the regression summary (m = 2,000) against the least squares of all kept rows, beside a one-shot
+  coreset of the same size and uniform samples of the same size (8 seeds each), in the job's own
+  feature space and on the table's plain numeric columns alone;
 - the floors of the build's stages, timed here on the same chunks: for preprocessing, the columns
   turned into the encoded matrix with pandas' and numpy's own primitives (numbers converted, each
   text column factorised and scattered into its one-hot columns); for the sensitivities, the
@@ -130,8 +133,10 @@ def reading(paths: Dict[str, Path], repeats: int) -> Dict[str, float]:
     return {name: min(fresh(code, path) for _ in range(repeats)) for name, (code, path) in cases.items()}
 
 
-def command(path: Path, *extra: str) -> Dict[str, Any]:
+def command(path: Path, *extra: str, keep: Any = None) -> Dict[str, Any]:
     with tempfile.TemporaryDirectory() as folder:
+        if keep is not None:
+            extra = (*extra, "--out", str(keep), "--overwrite")
         summary = os.path.join(folder, "summary.json")
         started = time.perf_counter()
         subprocess.run(
@@ -161,6 +166,59 @@ def command(path: Path, *extra: str) -> Dict[str, Any]:
             result: Dict[str, Any] = json.load(stream)
     result["wall"] = wall
     return result
+
+
+# -- regression quality -----------------------------------------------------------------------------
+
+
+def regression_quality(saved: Path, csv: Path, seeds: int = 8) -> Dict[str, Any]:
+    """Excess squared loss on all kept rows of the weighted least squares of a sample, against the least
+    squares of all kept rows: the job's summary, one-shot coresets and uniform samples of its size."""
+    from sklearn.linear_model import LinearRegression
+
+    from quillmarsh import CoresetLinearRegression, CoresetTree
+    from quillmarsh.core.coreset.sampling import sample_rows
+
+    table = pd.read_csv(csv)
+    kept = table[(np.arange(len(table)) % 10 != 9) & table[TARGET].notna()]
+    with CoresetTree.load(saved / "tree") as tree:
+        index = 1  # the command's second coreset object is the regression's
+        summary = tree.coreset(index)
+        names = tree.feature_names_
+        X = np.vstack(
+            [
+                tree.transform(kept.iloc[i : i + CHUNK].drop(columns=[TARGET]))
+                for i in range(0, len(kept), CHUNK)
+            ]
+        )
+    y = kept[TARGET].to_numpy(dtype=np.float64)
+    position = {row: i for i, row in enumerate(kept.index)}
+    summary_rows = np.array([position[row] for row in summary.ids])
+    numeric = [i for i, name in enumerate(names) if "=" not in name]
+    m = summary.ids.size
+    out: Dict[str, Any] = {"m": m, "features": len(names), "numeric_features": len(numeric)}
+    for space, columns in (("job's features", list(range(len(names)))), ("plain numeric columns", numeric)):
+        Z = X[:, columns]
+        best = ((y - LinearRegression().fit(Z, y).predict(Z)) ** 2).sum()
+
+        def excess(rows: np.ndarray, weights: np.ndarray, Z: np.ndarray = Z, best: float = best) -> float:
+            fitted = LinearRegression().fit(Z[rows], y[rows], sample_weight=weights)
+            return float(((y - fitted.predict(Z)) ** 2).sum() / best - 1.0)
+
+        sensitivities = CoresetLinearRegression(dtype="float64").compute_sensitivities(Z, y)
+        one_shot = [excess(*sample_rows(sensitivities, m, random_state=seed)) for seed in range(seeds)]
+        uniform = [
+            excess(
+                np.sort(np.random.default_rng(seed).choice(len(y), m, replace=False)), np.full(m, len(y) / m)
+            )
+            for seed in range(seeds)
+        ]
+        out[space] = {
+            "summary": excess(summary_rows, summary.weights),
+            "one_shot_mean": float(np.mean(one_shot)),
+            "uniform_median": float(np.median(uniform)),
+        }
+    return out
 
 
 # -- floors ----------------------------------------------------------------------------------------
@@ -223,7 +281,8 @@ def main() -> None:
     print("reading", json.dumps(out["reading"]), flush=True)
     builds = [command(paths["csv"], "--no-eval") for _ in range(args.repeats)]
     build = min(builds, key=lambda r: r["wall"])
-    judged = command(paths["csv"])
+    saved = BUILD / "main_job_out"
+    judged = command(paths["csv"], keep=saved)
     jobs = command(paths["csv"], "--no-eval", "--jobs", "2")
     parquet = command(paths["parquet"], "--no-eval")
     chunks, encoded, text = encoded_chunks(paths["csv"])
@@ -252,6 +311,7 @@ def main() -> None:
             "floors": floors,
             "stage_over_floor": {name: stages[name] / floors[name] for name in floors if floors[name] > 0},
             "quality": judged["quality"],
+            "regression": regression_quality(saved, paths["csv"]),
         }
     )
     print(json.dumps({k: v for k, v in out.items() if k != "quality"}, indent=1))

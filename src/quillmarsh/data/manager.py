@@ -208,14 +208,18 @@ def _concat(parts: List[Dataset], with_props: bool, node_ids: List[Hashable]) ->
     return Dataset._make(values)
 
 
-def _atomic_write(path: str, write: Callable[[IO[bytes]], None]) -> None:
-    """Write a file through a temporary name and ``os.replace``, so readers never see a partial file."""
+def _atomic_write(path: str, write: Callable[[IO[bytes]], None], durable: bool = True) -> None:
+    """Write a file through a temporary name and ``os.replace``, so readers never see a partial file.
+
+    ``durable`` also waits until the file is on disk before it takes the name.
+    """
     tmp = f"{path}.{uuid.uuid4().hex}.tmp"
     try:
         with open(tmp, "wb") as stream:
             write(stream)
-            stream.flush()
-            os.fsync(stream.fileno())
+            if durable:
+                stream.flush()
+                os.fsync(stream.fileno())
         os.replace(tmp, path)
     except BaseException:
         if os.path.exists(tmp):

@@ -9,10 +9,11 @@ from __future__ import annotations
 
 import os
 import threading
-import uuid
 from typing import Any, Dict, Iterator, NamedTuple, Optional, Set, Tuple
 
 import numpy as np
+
+from quillmarsh.data.manager import _atomic_write
 
 NodeKey = Tuple[int, int, int]
 """A node's place: (coreset object, level, index within the level); leaves are level 0."""
@@ -75,18 +76,7 @@ def write_atomic(path: str, arrays: Dict[str, Any], durable: bool = False) -> No
     ``durable`` also waits until the file is on disk: for saves, not for the tree's working files,
     which a crash makes useless anyway.
     """
-    tmp = f"{path}.{uuid.uuid4().hex}.tmp"
-    try:
-        with open(tmp, "wb") as stream:
-            np.savez(stream, **arrays)
-            if durable:
-                stream.flush()
-                os.fsync(stream.fileno())
-        os.replace(tmp, path)
-    except BaseException:
-        if os.path.exists(tmp):
-            os.remove(tmp)
-        raise
+    _atomic_write(path, lambda stream: np.savez(stream, **arrays), durable)
 
 
 def rows_to_arrays(rows: Coreset) -> Dict[str, Any]:

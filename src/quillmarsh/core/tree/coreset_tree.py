@@ -98,12 +98,13 @@ class Reducer:
     def rng(self, t: int, level: int, index: int) -> np.random.Generator:
         return np.random.default_rng([self.entropy, t, level, index])
 
-    def leaf(self, node: ChunkNode, leaf_index: int) -> List[Coreset]:
-        """Each coreset object's sample of a built leaf, seeded by the leaf's position."""
+    def leaf(self, node: ChunkNode, leaf_index: int, level: int = 0) -> List[Coreset]:
+        """Each coreset object's sample of a built leaf, seeded by the leaf's position (the buffer
+        node's: a level of its own)."""
         with STAGES.measure("leaves"):
-            return self._leaf(node, leaf_index)
+            return self._leaf(node, leaf_index, level)
 
-    def _leaf(self, node: ChunkNode, leaf_index: int) -> List[Coreset]:
+    def _leaf(self, node: ChunkNode, leaf_index: int, level: int) -> List[Coreset]:
         ids = np.asarray(node.dset.ind, dtype=np.int64)
         summaries = []
         for t, record in enumerate(node.coresets):
@@ -112,7 +113,7 @@ class Reducer:
                 _sensitivities_of(record.coreset),
                 self.coreset_size,
                 rows.weights,
-                random_state=self.rng(t, 0, leaf_index),
+                random_state=self.rng(t, level, leaf_index),
             )
             summaries.append(Coreset(rows.ids[idxs], rows.X[idxs], _take(rows.y, idxs), weights))
         return summaries
@@ -608,18 +609,7 @@ class CoresetTree:
         if self._buffer_rows is None:
             node = self._layer.create_buffer_node()
             assert node is not None
-            ids = np.asarray(node.dset.ind, dtype=np.int64)
-            summaries = []
-            for t, record in enumerate(node.coresets):
-                rows = _rows_of(record.coreset, ids)
-                idxs, weights = sample_rows(
-                    _sensitivities_of(record.coreset),
-                    self.coreset_size,
-                    rows.weights,
-                    random_state=self._rng(t, _BUFFER_NODE, self._next_id),
-                )
-                summaries.append(Coreset(rows.ids[idxs], rows.X[idxs], _take(rows.y, idxs), weights))
-            self._buffer_rows = summaries
+            self._buffer_rows = self._reducer.leaf(node, self._next_id, _BUFFER_NODE)
         return self._buffer_rows
 
     # -- rebuilding after a removal -------------------------------------------------------------------
