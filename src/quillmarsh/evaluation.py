@@ -47,6 +47,7 @@ from typing import Any, Callable, Dict, Iterable, Iterator, List, Optional, Tupl
 import numpy as np
 
 from quillmarsh.core.distances import squared_distances
+from quillmarsh.validation import check_positive_int
 
 __all__ = [
     "Batch",
@@ -130,9 +131,7 @@ def _check_weight(sample_weight: Any, n_samples: int) -> np.ndarray:
 
 
 def _positive_int(value: Any, name: str) -> int:
-    if isinstance(value, bool) or not isinstance(value, (int, np.integer)) or value < 1:
-        raise ValueError(f"{name} must be a positive integer, got {value!r}")
-    return int(value)
+    return check_positive_int(value, name)
 
 
 def _not_fitted(name: str) -> ValueError:

@@ -34,6 +34,8 @@ from typing import IO, TYPE_CHECKING, Any, Dict, Iterable, Iterator, List, Optio
 
 import numpy as np
 
+from quillmarsh.validation import check_positive_int
+
 if TYPE_CHECKING:
     import pandas as pd
 
@@ -224,8 +226,7 @@ class TableReader:
     def __init__(self, path: PathLike, batch_rows: int, columns: Optional[Sequence[str]] = None,
                  format: Optional[str] = None) -> None:
         self.path = os.fspath(path)
-        if isinstance(batch_rows, bool) or not isinstance(batch_rows, (int, np.integer)) or batch_rows < 1:
-            raise ValueError(f"batch_rows must be a positive integer, got {batch_rows!r}")
+        check_positive_int(batch_rows, "batch_rows")
         self.batch_rows = int(batch_rows)
         if columns is not None and (isinstance(columns, str) or not all(isinstance(c, str) for c in columns)):
             raise ValueError("columns must be a list of column names")

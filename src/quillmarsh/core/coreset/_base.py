@@ -14,6 +14,7 @@ from sklearn.base import BaseEstimator
 
 from quillmarsh.core.coreset.sampling import sample_rows
 from quillmarsh.timing import STAGES
+from quillmarsh.validation import check_positive_int
 
 RandomState = Union[None, int, np.random.Generator]
 
@@ -242,8 +243,4 @@ class CoresetBase(BaseEstimator, abc.ABC):  # type: ignore[misc]
 
     @staticmethod
     def _check_size(size: int | None) -> int | None:
-        if size is None:
-            return None
-        if isinstance(size, bool) or not isinstance(size, (int, np.integer)) or size < 1:
-            raise ValueError(f"coreset_size must be a positive int or None, got {size!r}")
-        return int(size)
+        return check_positive_int(size, "coreset_size", allow_none=True)

@@ -15,6 +15,8 @@ from typing import Any, Tuple
 import numpy as np
 from sklearn.utils import check_random_state
 
+from quillmarsh.validation import check_positive_int
+
 __all__ = ["inclusion_probabilities", "sample_rows"]
 
 
@@ -35,8 +37,7 @@ def inclusion_probabilities(sensitivities: Any, size: int) -> np.ndarray:
         sensitivity, those rows get 1 and the others 0: a row of sensitivity 0 is never kept.
     """
     s = np.asarray(sensitivities, dtype=np.float64).ravel()
-    if isinstance(size, bool) or not isinstance(size, (int, np.integer)) or size < 1:
-        raise ValueError(f"size must be a positive int, got {size!r}")
+    size = check_positive_int(size, "size")
     if not (np.isfinite(s).all() and (s >= 0).all()):
         raise ValueError("sensitivities must be finite and non-negative")
     positive = int(np.count_nonzero(s))
@@ -94,8 +95,7 @@ def sample_rows(
     w = np.ones(n) if sample_weight is None else np.asarray(sample_weight, dtype=np.float64).ravel()
     if w.shape[0] != n:
         raise ValueError(f"sample_weight has {w.shape[0]} entries, but there are {n} sensitivities")
-    if isinstance(size, bool) or not isinstance(size, (int, np.integer)) or size < 1:
-        raise ValueError(f"size must be a positive int, got {size!r}")
+    size = check_positive_int(size, "size")
     if size >= n:
         return np.arange(n, dtype=np.int64), w.copy()
     p = inclusion_probabilities(s, int(size))

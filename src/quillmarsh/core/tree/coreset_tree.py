@@ -38,6 +38,7 @@ from quillmarsh.data.common import Dataset
 from quillmarsh.data.feature_space import FeatureSpace
 from quillmarsh.data.manager import DataManager, DataParams, FeatureField
 from quillmarsh.timing import STAGES
+from quillmarsh.validation import check_positive_int
 
 __all__ = ["Coreset", "CoresetTree"]
 
@@ -224,17 +225,13 @@ class CoresetTree:
         if not templates or not all(isinstance(t, CoresetBase) for t in templates):
             raise TypeError("coreset must be a coreset object (a CoresetBase) or a non-empty list of them")
         self.coreset_objects = templates
-        self.coreset_size = _positive_int("coreset_size", coreset_size)
-        self.chunk_size = None if chunk_size is None else _positive_int("chunk_size", chunk_size)
-        self.n_jobs = None if n_jobs is None else _positive_int("n_jobs", n_jobs)
+        self.coreset_size = check_positive_int(coreset_size, "coreset_size")
+        self.chunk_size = check_positive_int(chunk_size, "chunk_size", allow_none=True)
+        self.n_jobs = check_positive_int(n_jobs, "n_jobs", allow_none=True)
         self.random_state = random_state
         self.client = client
-        self.max_categories = (
-            None if max_categories is None else _positive_int("max_categories", max_categories)
-        )
-        self.max_text_values = (
-            None if max_text_values is None else _positive_int("max_text_values", max_text_values)
-        )
+        self.max_categories = check_positive_int(max_categories, "max_categories", allow_none=True)
+        self.max_text_values = check_positive_int(max_text_values, "max_text_values", allow_none=True)
         self._remote: Any = None
         self._entropy = _entropy(random_state)
         self._reducer = Reducer(templates, self.coreset_size, self._entropy)
@@ -821,12 +818,6 @@ def _sensitivities_of(coreset: Optional[Dict[str, Any]]) -> np.ndarray:
 
 def _take(values: Optional[np.ndarray], idxs: np.ndarray) -> Optional[np.ndarray]:
     return None if values is None else values[idxs]
-
-
-def _positive_int(name: str, value: Any) -> int:
-    if isinstance(value, bool) or not isinstance(value, numbers.Integral) or value < 1:
-        raise ValueError(f"{name} must be a positive int, got {value!r}")
-    return int(value)
 
 
 def _entropy(random_state: Union[None, int, np.random.Generator]) -> int:
