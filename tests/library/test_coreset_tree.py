@@ -359,3 +359,14 @@ def test_transform_encodes_rows_as_the_summary() -> None:
     assert any("'name' left out" in note for note in tree.feature_space_.notes)
     with pytest.raises(ValueError, match="columns"):
         tree.transform(frame[["size"]])
+
+
+def test_the_summary_has_every_column_the_stream_has() -> None:
+    tree = CoresetTree(CoresetKMeans(k=2), coreset_size=10, chunk_size=40, random_state=0)
+    tree.add(pd.DataFrame({"x": np.arange(40.0), "c": ["a", "b"] * 20}))  # one leaf, no buffer
+    tree.add(pd.DataFrame({"x": np.arange(3.0), "c": ["z", "z", "z"]}))  # a new category, in the buffer
+    assert tree.coreset().X.shape == (10, 4)  # the buffer node encoded the new category
+    tree.remove([40, 41, 42])  # the buffer empties: the leaf alone is the summary
+    c = tree.coreset()
+    assert "c=z" in tree.feature_names_ and c.X.shape == (10, len(tree.feature_names_))
+    assert (c.X[:, tree.feature_names_.index("c=z")] == 0).all()

@@ -595,9 +595,14 @@ class CoresetTree:
             width = len(self.feature_names_) or self.n_features_in_ or 0
             return Coreset(np.empty(0, np.int64), np.empty((0, width)), None, np.empty(0))
         if len(parts) == 1:
-            return parts[0]
-        with STAGES.measure("merges"):
-            return self._reducer.reduce(t, _union(parts), self._rng(t, _FINAL_NODE, self.n_leaves_))
+            summary = parts[0]
+        else:
+            with STAGES.measure("merges"):
+                summary = self._reducer.reduce(t, _union(parts), self._rng(t, _FINAL_NODE, self.n_leaves_))
+        width = len(self.feature_names_)  # columns the stream gained since a node was made are 0 in it
+        if summary.X.shape[1] < width:
+            summary = summary._replace(X=np.pad(summary.X, ((0, 0), (0, width - summary.X.shape[1]))))
+        return summary
 
     def _buffer_summaries(self) -> Optional[List[Coreset]]:
         """The rows waiting in the buffer, built into the buffer node and sampled, one per coreset object."""
