@@ -20,7 +20,7 @@ import traceback
 import uuid
 import warnings
 from dataclasses import dataclass, field
-from typing import IO, Any, Dict, Iterable, List, Optional, Sequence, Tuple, Union
+from typing import IO, Any, Dict, Iterable, List, Literal, Optional, Sequence, Tuple, Union
 
 import dask
 import distributed
@@ -37,8 +37,11 @@ from tqdm import tqdm
 from quillmarsh.data.common import Dataset
 from quillmarsh.data.manager import DataManager, DataParams, DataParamsInternal
 
-ON_ERROR_CHOICES = ("raise", "continue")
+OnError = Literal["raise", "continue"]
 """What ``build_leaves`` does when a partition fails: stop at once, or go on and list the failure."""
+
+ON_ERROR_CHOICES: Tuple[OnError, ...] = ("raise", "continue")
+"""The values of ``on_error``."""
 
 _POLL_SECONDS = 0.1
 
@@ -444,7 +447,7 @@ def build_leaves(
     *,
     client: Optional[distributed.Client] = None,
     index_column: Optional[str] = None,
-    on_error: str = "raise",
+    on_error: OnError = "raise",
     progress: Union[bool, IO[str]] = True,
     n_rows: Optional[int] = None,
     full_coresets: bool = False,
