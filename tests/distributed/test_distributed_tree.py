@@ -64,3 +64,18 @@ def test_tables_are_encoded_on_the_client_and_give_the_sequential_summary(client
     assert remote.feature_names_ == local.feature_names_ and "colour=blue" in remote.feature_names_
     np.testing.assert_array_equal(remote.coreset().ids, local.coreset().ids)
     np.testing.assert_array_equal(remote.coreset().X, local.coreset().X)
+
+
+def test_a_loaded_tree_goes_on_building_on_the_cluster(client: Any, tmp_path: Any) -> None:
+    data = blocks()
+    whole = CoresetTree(CoresetKMeans(k=3), coreset_size=25, chunk_size=60, random_state=3)
+    part = CoresetTree(CoresetKMeans(k=3), coreset_size=25, chunk_size=60, random_state=3)
+    for X, y in data:
+        whole.add(X)
+    for X, y in data[:2]:
+        part.add(X)
+    part.save(tmp_path / "save")
+    loaded = CoresetTree.load(tmp_path / "save", client=client)
+    for X, y in data[2:]:
+        loaded.add(X)
+    np.testing.assert_array_equal(loaded.coreset().ids, whole.coreset().ids)

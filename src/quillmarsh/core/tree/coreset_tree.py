@@ -531,16 +531,20 @@ class CoresetTree:
 
     @classmethod
     def load(
-        cls, path: Union[str, os.PathLike[str]], data_dir: Union[str, os.PathLike[str], None] = None
+        cls,
+        path: Union[str, os.PathLike[str]],
+        data_dir: Union[str, os.PathLike[str], None] = None,
+        client: Any = None,
     ) -> CoresetTree:
         """Load a tree saved by ``save``; it goes on where the saved one stopped.
 
         ``data_dir`` is the new tree's own storage (None: a temporary directory); the save is left
-        as it is.
+        as it is. ``client`` builds its further leaves on that Dask cluster, as in the constructor.
         """
         from quillmarsh.core.tree.persist import load_tree
 
-        tree: CoresetTree = load_tree(cls, os.fspath(path), None if data_dir is None else os.fspath(data_dir))
+        folder = None if data_dir is None else os.fspath(data_dir)
+        tree: CoresetTree = load_tree(cls, os.fspath(path), folder, client)
         return tree
 
     # -- what the chunk layer calls -------------------------------------------------------------------

@@ -180,7 +180,7 @@ def _damaged(path: str, why: str) -> SaveFormatError:
     return SaveFormatError(f"{path}: {why}; the save is damaged")
 
 
-def load_tree(cls: Type[Any], path: str, data_dir: Any) -> Any:
+def load_tree(cls: Type[Any], path: str, data_dir: Any, client: Any = None) -> Any:
     """Read the current version of the save at ``path`` into a new tree of class ``cls``."""
     pointer = os.path.join(path, CURRENT)
     if not os.path.isfile(pointer):
@@ -210,7 +210,7 @@ def load_tree(cls: Type[Any], path: str, data_dir: Any) -> Any:
         if os.path.getsize(full) != size:
             raise _damaged(full, f"{os.path.getsize(full)} bytes where {size} were written")
     try:
-        return _build(cls, manifest, source, data_dir)
+        return _build(cls, manifest, source, data_dir, client)
     except SaveFormatError:
         raise
     except (OSError, ValueError, KeyError) as exc:
@@ -234,7 +234,7 @@ def _coreset_object(entry: Dict[str, Any], manifest_path: str) -> CoresetBase:
     return coreset
 
 
-def _build(cls: Type[Any], manifest: Dict[str, Any], source: str, data_dir: Any) -> Any:
+def _build(cls: Type[Any], manifest: Dict[str, Any], source: str, data_dir: Any, client: Any) -> Any:
     from quillmarsh.core.tree.coreset_tree import _Leaf
 
     params = manifest["params"]
@@ -246,6 +246,7 @@ def _build(cls: Type[Any], manifest: Dict[str, Any], source: str, data_dir: Any)
         n_jobs=params["n_jobs"],
         random_state=params["entropy"],
         data_dir=data_dir,
+        client=client,
         max_categories=params["max_categories"],
         max_text_values=params["max_text_values"],
     )
