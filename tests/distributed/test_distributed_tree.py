@@ -70,12 +70,12 @@ def test_a_loaded_tree_goes_on_building_on_the_cluster(client: Any, tmp_path: An
     data = blocks()
     whole = CoresetTree(CoresetKMeans(k=3), coreset_size=25, chunk_size=60, random_state=3)
     part = CoresetTree(CoresetKMeans(k=3), coreset_size=25, chunk_size=60, random_state=3)
-    for X, y in data:
+    for X, _ in data:
         whole.add(X)
-    for X, y in data[:2]:
+    for X, _ in data[:2]:
         part.add(X)
     part.save(tmp_path / "save")
     loaded = CoresetTree.load(tmp_path / "save", client=client)
-    for X, y in data[2:]:
+    for X, _ in data[2:]:
         loaded.add(X)
     np.testing.assert_array_equal(loaded.coreset().ids, whole.coreset().ids)
