@@ -12,6 +12,7 @@ from __future__ import annotations
 import abc
 import copy
 import hashlib
+import io
 import os
 import queue
 import re
@@ -211,12 +212,16 @@ def _concat(parts: List[Dataset], with_props: bool, node_ids: List[Hashable]) ->
 def _atomic_write(path: str, write: Callable[[IO[bytes]], None], durable: bool = True) -> None:
     """Write a file through a temporary name and ``os.replace``, so readers never see a partial file.
 
-    ``durable`` also waits until the file is on disk before it takes the name.
+    ``durable`` also waits until the file is on disk before it takes the name. The content is made in
+    memory first: a writer interrupted half-way (Ctrl-C inside a zip writer, say) then leaves no
+    object behind that still points at a closed file.
     """
     tmp = f"{path}.{uuid.uuid4().hex}.tmp"
+    content = io.BytesIO()
+    write(content)
     try:
         with open(tmp, "wb") as stream:
-            write(stream)
+            stream.write(content.getbuffer())
             if durable:
                 stream.flush()
                 os.fsync(stream.fileno())

@@ -166,8 +166,7 @@ def _write_version(tree: Any, target: str) -> Dict[str, Any]:
         manifest["data_params_internal"] = _plain(dataclasses.asdict(manager.data_params_internal))
         if layer.buffer is not None:
             arrays = {name: value for name, value in zip(Dataset._fields, layer.buffer) if value is not None}
-            with open(os.path.join(target, "buffer.npz"), "wb") as stream:
-                np.savez(stream, **arrays)
+            write_atomic(os.path.join(target, "buffer.npz"), arrays, True)
     manifest["files"] = {
         os.path.relpath(os.path.join(folder, name), target): os.path.getsize(os.path.join(folder, name))
         for folder, _, names in os.walk(target)
