@@ -11,9 +11,10 @@ from quillmarsh.core.tree.chunk_layer import ChunkLayer
 from sklearn.cluster import KMeans
 from sklearn.linear_model import LinearRegression
 from sklearn.neighbors import KNeighborsClassifier
+from tree_support import assert_same
 
 import quillmarsh
-from quillmarsh import Coreset, CoresetKMeans, CoresetLinearRegression, CoresetTree
+from quillmarsh import CoresetKMeans, CoresetLinearRegression, CoresetTree
 from quillmarsh.core.tree import coreset_tree
 
 
@@ -35,12 +36,6 @@ def build(data: List[Tuple[np.ndarray, np.ndarray]], **kwargs: Any) -> CoresetTr
     for X, y in data:
         tree.add(X, y)
     return tree
-
-
-def assert_same(a: Coreset, b: Coreset) -> None:
-    np.testing.assert_array_equal(a.ids, b.ids)
-    np.testing.assert_array_equal(a.X, b.X)
-    np.testing.assert_array_equal(a.weights, b.weights)
 
 
 def test_the_package_exports_the_tree() -> None:

@@ -14,8 +14,9 @@ import numpy as np
 import pandas as pd
 import pytest
 from quillmarsh.core.tree.chunk_layer import ChunkLayer
+from tree_support import assert_same
 
-from quillmarsh import Coreset, CoresetKMeans, CoresetLinearRegression, CoresetTree
+from quillmarsh import CoresetKMeans, CoresetLinearRegression, CoresetTree
 from quillmarsh.core.tree import coreset_tree
 from quillmarsh.core.tree.persist import SaveFormatError
 
@@ -40,12 +41,6 @@ def feed(tree: CoresetTree, data: List[Tuple[np.ndarray, np.ndarray]]) -> Corese
     for X, y in data:
         tree.add(X, y)
     return tree
-
-
-def assert_same(a: Coreset, b: Coreset) -> None:
-    np.testing.assert_array_equal(a.ids, b.ids)
-    np.testing.assert_array_equal(a.X, b.X)
-    np.testing.assert_array_equal(a.weights, b.weights)
 
 
 class CountingLayer(ChunkLayer):
