@@ -235,6 +235,29 @@ def test_tables_go_through_the_stream_feature_space() -> None:
     np.testing.assert_allclose(c.X[:, tree.feature_names_.index("size")], source["size"].to_numpy()[c.ids])
 
 
+
+def test_each_chunk_is_preprocessed_once_for_two_coreset_objects(monkeypatch: pytest.MonkeyPatch) -> None:
+    from quillmarsh.data.feature_space import FeatureSpace
+
+    encoded: List[int] = []
+    encode = FeatureSpace.encode
+
+    def recording_encode(self: FeatureSpace, X: np.ndarray, *args: Any, **kwargs: Any) -> Any:
+        if kwargs.get("learn", True):
+            encoded.append(len(X))
+        return encode(self, X, *args, **kwargs)
+
+    monkeypatch.setattr(FeatureSpace, "encode", recording_encode)
+    rng = np.random.default_rng(0)
+    frame = pd.DataFrame({"size": rng.normal(size=450), "colour": rng.choice(["red", "green"], size=450)})
+    with CoresetTree([CoresetKMeans(k=2), CoresetLinearRegression()], coreset_size=20, chunk_size=100,
+                     random_state=0) as tree:
+        tree.add(frame, frame["size"].to_numpy() * 2.0)
+        assert encoded == [100] * 4
+        summaries = [tree.coreset(0), tree.coreset(1)]
+    assert encoded == [100] * 4 + [50]  # the buffer's rows, once for both summaries
+    assert all(c.X.shape == (20, 3) for c in summaries)
+
 # -- bad input: a clear error, and the tree as it was ----------------------------------------------
 
 

@@ -204,3 +204,55 @@ def test_default_sparse_threshold_still_dense() -> None:
     X = np.array([[f"c{i}"] for i in range(50)], dtype=object)
     out = make(X).handle_missing_and_categorical_encoding()
     assert isinstance(out, np.ndarray) and out.shape == (50, 50)
+
+
+# -- a chunk node's passes: one per coreset object, each over the rows the previous one kept ---------
+
+
+def second_pass(first: DataAutoProcessor, **overrides: Any) -> DataAutoProcessor:
+    """A processor over the rows ``first`` kept, as a chunk node makes for its next coreset object."""
+    arguments = dict(
+        X=first.X, y=first.y, ind=first.ind, props=first.props, categorical_features=[],
+        feature_names=first.input_feature_names, cat_encoding_config={"max_categories": 100,
+                                                                      "feature_space": first.feature_space},
+        missing_replacement=None, drop_rows_below=None, drop_cols_above=None,
+    )
+    arguments.update(overrides)
+    return DataAutoProcessor(**arguments)
+
+
+def mixed_chunk() -> Any:
+    X = np.array([[1.0, "red"], [None, "blue"], [3.0, None], [5.0, "red"]], dtype=object)
+    return X, np.array([1.0, 2.0, np.nan, 4.0])
+
+
+def test_a_second_pass_over_the_kept_rows_encodes_as_the_first_and_learns_nothing_twice() -> None:
+    X, y = mixed_chunk()
+    first = make(X, y=y, feature_names=["size", "colour"])
+    encoded = first.handle_missing_and_categorical_encoding(0)
+    learnt = first.feature_space.to_state()
+    again = second_pass(first)
+    np.testing.assert_array_equal(again.handle_missing_and_categorical_encoding(0), encoded)
+    assert again.feature_names == first.feature_names and again.replacements_ == first.replacements_
+    assert again.removed_rows.tolist() == [] and again.ind.tolist() == [0, 1, 3]
+    assert first.feature_space.to_state() == learnt  # counts, sums and categories as after one pass
+    # a fresh processor over equal rows (another chunk) is encoded and learnt again
+    other = second_pass(first, X=first.X.copy())
+    other.handle_missing_and_categorical_encoding(0)
+    assert first.feature_space.to_state() != learnt
+
+
+@pytest.mark.parametrize(
+    "overrides",
+    [{"drop_rows_below": 1.0}, {"missing_replacement": [0.0, "red"]}, {"drop_cols_above": 0.0}],
+)
+def test_a_second_pass_with_other_settings_is_encoded_again(overrides: Any) -> None:
+    X, y = mixed_chunk()
+    first = make(X, y=y, feature_names=["size", "colour"])
+    first.handle_missing_and_categorical_encoding(0)
+    again = second_pass(first, **overrides)
+    expected = second_pass(first, X=first.X.copy(), **overrides)
+    np.testing.assert_array_equal(
+        again.handle_missing_and_categorical_encoding(0), expected.handle_missing_and_categorical_encoding(0)
+    )
+    assert again.ind.tolist() == expected.ind.tolist()

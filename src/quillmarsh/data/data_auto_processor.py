@@ -8,6 +8,8 @@ puts it there), so that every chunk of a stream is encoded in one feature space.
 
 from __future__ import annotations
 
+import threading
+import weakref
 from typing import Any, Dict, List, Sequence, Tuple
 
 import numpy as np
@@ -18,6 +20,44 @@ from quillmarsh.data.feature_space import MISSING_CATEGORY, OTHER_CATEGORY, Feat
 from quillmarsh.timing import STAGES
 
 __all__ = ["MISSING_CATEGORY", "OTHER_CATEGORY", "DataAutoProcessor"]
+
+
+class _Encoded:
+    """One chunk's encoding, kept for a second preprocessing pass over the rows the first one kept.
+
+    A chunk node preprocesses its chunk once per coreset object, each pass starting from the rows the
+    previous pass kept, unencoded. The passes of one node run on one thread, one after the other, so
+    each thread remembers its last encoding. The rows are held weakly, and the matrix goes with them.
+    """
+
+    def __init__(self, rows: np.ndarray, settings: Tuple[Any, ...], missing: np.ndarray, cols: List[int],
+                 result: Tuple[np.ndarray, List[str], List[Any]]) -> None:
+        self.rows = weakref.ref(rows, self._forget)
+        self.settings = settings
+        self.missing: np.ndarray | None = missing
+        self.cols = cols
+        self.result: Tuple[np.ndarray, List[str], List[Any]] | None = result
+
+    def _forget(self, _: Any) -> None:
+        self.missing = self.result = None
+
+    def matches(self, X: np.ndarray, settings: Tuple[Any, ...]) -> bool:
+        return self.rows() is X and self.result is not None and _same(self.settings, settings)
+
+
+_last_encoded = threading.local()
+
+
+def _same(a: Any, b: Any) -> bool:
+    """Whether two settings are equal; values that do not compare to one bool (arrays) must be one object."""
+    if a is b:
+        return True
+    if isinstance(a, (tuple, list)) and isinstance(b, (tuple, list)):
+        return len(a) == len(b) and all(_same(x, z) for x, z in zip(a, b))
+    try:
+        return bool(a == b)
+    except (TypeError, ValueError):
+        return False
 
 
 def _check_fraction(name: str, value: float | None) -> float | None:
@@ -143,7 +183,16 @@ class DataAutoProcessor:
     def _encode(self) -> np.ndarray:
         X = self.X
         n_rows, n_cols = X.shape
-        missing = missing_or_inf_mask(X)
+        settings = (
+            self.feature_space, self.input_feature_names, self.categorical_features, self.missing_replacement,
+            self.max_categories, self.max_text_values, self.drop_rows_below, self.drop_cols_above,
+        )
+        last: _Encoded | None = getattr(_last_encoded, "value", None)
+        again = last is not None and last.matches(X, settings)
+        missing = last.missing if again and last is not None and last.missing is not None else None
+        if missing is None:
+            again = False
+            missing = missing_or_inf_mask(X)
         good_target = ~self._unusable_targets()
 
         keep_cols = np.ones(n_cols, dtype=bool)
@@ -157,14 +206,22 @@ class DataAutoProcessor:
 
         self.removed_rows = np.flatnonzero(~keep_rows)
         self.removed_for_target = int((~good_target).sum())
+        if again and last is not None and last.result is not None and rows.size == n_rows \
+                and cols.tolist() == last.cols:
+            # The same rows as the pass before, which kept them all: its encoding is theirs, and the
+            # stream learns nothing twice.
+            matrix, names, fills = last.result
+            self.feature_names, self.replacements_ = list(names), list(fills)
+            return matrix
         self.X = X[rows]
         self.y = None if self.y is None else self.y[rows]
         self.ind = None if self.ind is None else self.ind[rows]
         self.props = None if self.props is None else self.props[rows]
 
-        matrix, self.feature_names, self.replacements_ = self.feature_space.encode(
+        kept_missing = missing[rows]
+        result = self.feature_space.encode(
             self.X,
-            missing[rows],
+            kept_missing,
             self.input_feature_names,
             cols.tolist(),
             categorical=self.categorical_features,
@@ -172,6 +229,8 @@ class DataAutoProcessor:
             max_categories=self.max_categories,
             max_text_values=self.max_text_values,
         )
+        matrix, self.feature_names, self.replacements_ = result
+        _last_encoded.value = _Encoded(self.X, settings, kept_missing, cols.tolist(), result)
         return matrix
 
     def get_processed_arrays(self) -> Tuple[np.ndarray | None, np.ndarray | None, np.ndarray | None]:
