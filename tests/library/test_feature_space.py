@@ -5,10 +5,13 @@ from __future__ import annotations
 from typing import Any
 
 import numpy as np
+import pandas as pd
 import pytest
+from hypothesis import given
+from hypothesis import strategies as st
 
 from quillmarsh.data.data_auto_processor import DataAutoProcessor
-from quillmarsh.data.feature_space import FeatureSpace
+from quillmarsh.data.feature_space import FeatureSpace, as_numbers
 from quillmarsh.data.manager import DataManager, DataParams, FeatureField
 
 
@@ -155,3 +158,12 @@ def test_one_space_serves_one_set_of_columns() -> None:
         process(np.zeros((2, 2)), config={"feature_space": {}})
     with pytest.raises(ValueError, match="max_text_values"):
         process(np.zeros((2, 2)), config={"max_text_values": 0})
+
+
+@given(st.lists(st.one_of(st.none(), st.floats(), st.integers(-(2**70), 2**70),
+                          st.sampled_from(["1.5", "x", "-2e3", "inf"])), max_size=30))
+def test_numbers_of_an_object_column_are_those_pandas_reads(values: list) -> None:
+    column = np.empty(len(values), dtype=object)
+    column[:] = values
+    expected = np.array(pd.to_numeric(pd.Series(column, dtype=object), errors="coerce"), dtype=np.float64)
+    np.testing.assert_array_equal(as_numbers(column), expected)

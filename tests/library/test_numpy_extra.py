@@ -76,3 +76,25 @@ def test_object_filter_matches_elementwise_rule(values: list) -> None:
     arr[:] = values
     expected = [v for v in values if v is not None and not (isinstance(v, float) and not np.isfinite(v))]
     assert filter_missing_and_inf(arr).tolist() == expected
+
+
+MIXED_VALUES = st.one_of(
+    st.none(), st.floats(), st.integers(-(2**70), 2**70), st.text(max_size=3), st.booleans(),
+    st.sampled_from([pd.NA, pd.NaT, np.float32(np.inf), np.int64(3), np.nan, -np.inf])
+)
+
+
+@given(st.lists(MIXED_VALUES, max_size=30), st.lists(st.one_of(st.none(), st.floats()), max_size=30))
+def test_the_mask_of_a_table_matches_the_elementwise_rule(mixed: list, numbers: list) -> None:
+    rows = max(len(mixed), len(numbers))
+    table = np.empty((rows, 2), dtype=object)
+    table[:, 0] = (mixed + [None] * rows)[:rows]
+    table[:, 1] = (numbers + [1.5] * rows)[:rows]
+
+    def missing(value: object) -> bool:
+        if value is None or value is pd.NA or value is pd.NaT:
+            return True
+        return isinstance(value, (float, np.floating)) and not np.isfinite(value)
+
+    expected = [[missing(value) for value in row] for row in table]
+    np.testing.assert_array_equal(missing_or_inf_mask(table), np.array(expected, dtype=bool).reshape(rows, 2))

@@ -2,9 +2,12 @@
 
 from __future__ import annotations
 
-from typing import Any
+from typing import Any, Optional
 
 import numpy as np
+
+# What pandas infers for an object column whose present values are all numbers (or that has none).
+_NUMBER_COLUMNS = frozenset({"floating", "integer", "mixed-integer-float", "empty"})
 
 
 def missing_or_inf_mask(array: Any) -> np.ndarray:
@@ -23,11 +26,41 @@ def missing_or_inf_mask(array: Any) -> np.ndarray:
         return np.isnat(arr)
     if kind != "O":
         return np.zeros(arr.shape, dtype=bool)
-    from pandas import isna  # deferred: only object arrays need it, and importing pandas is slow
+    if arr.ndim == 2:  # a table's columns: each of one kind, most often
+        mask = np.empty(arr.shape, dtype=bool)
+        for c in range(arr.shape[1]):
+            mask[:, c] = _object_mask(arr[:, c])
+        return mask
+    return _object_mask(arr.ravel()).reshape(arr.shape)
 
-    mask = np.asarray(isna(arr), dtype=bool)
-    present = arr[~mask]
-    mask[~mask] = (present == np.inf) | (present == -np.inf)
+
+def object_numbers(values: np.ndarray) -> Optional[np.ndarray]:
+    """Return the 1-D object array as float64 when its present values are all numbers, else None.
+
+    Missing values (None, NaN) become NaN. This is the fast way for a table's numeric column that
+    came as objects; anything else (text, timestamps, pandas ``NA``, booleans) gives None.
+    """
+    from pandas.api.types import infer_dtype  # deferred, as in missing_or_inf_mask
+
+    if infer_dtype(values, skipna=True) not in _NUMBER_COLUMNS:
+        return None
+    try:
+        return np.array(values, dtype=np.float64)
+    except (TypeError, ValueError, OverflowError):
+        return None
+
+
+def _object_mask(values: np.ndarray) -> np.ndarray:
+    numbers = object_numbers(values)
+    if numbers is not None:
+        return ~np.isfinite(numbers)
+    from pandas import isna  # deferred: only object arrays need it, and importing pandas is slow
+    from pandas.api.types import infer_dtype
+
+    mask = np.asarray(isna(values), dtype=bool)
+    if infer_dtype(values, skipna=True) not in ("string", "bytes"):  # text is never infinite
+        present = values[~mask]
+        mask[~mask] = (present == np.inf) | (present == -np.inf)
     return mask
 
 

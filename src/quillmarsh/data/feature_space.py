@@ -21,7 +21,7 @@ from typing import Any, Dict, List, Sequence, Tuple
 import numpy as np
 import pandas as pd
 
-from quillmarsh.core.numpy_extra import missing_or_inf_mask
+from quillmarsh.core.numpy_extra import missing_or_inf_mask, object_numbers
 
 NUMERIC = "numeric"
 TIMESTAMP = "timestamp"
@@ -69,6 +69,9 @@ def as_numbers(column: np.ndarray) -> np.ndarray:
         return np.array(column, dtype=np.float64)
     if column.dtype.kind == "m":
         return np.array(pd.to_timedelta(column) / pd.Timedelta(seconds=1), dtype=np.float64)
+    numbers = object_numbers(column) if column.dtype.kind == "O" and column.ndim == 1 else None
+    if numbers is not None:
+        return numbers
     series = pd.Series(column, dtype=object)
     # A new array: pandas 3 hands out read-only views (copy on write).
     return np.array(pd.to_numeric(series, errors="coerce"), dtype=np.float64)
