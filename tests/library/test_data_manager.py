@@ -254,6 +254,22 @@ def test_saves_are_async_and_failures_reported(monkeypatch: pytest.MonkeyPatch, 
     m.close()
 
 
+@pytest.mark.parametrize("durable", [True, False])
+def test_a_durable_store_waits_for_the_disk(
+    durable: bool, monkeypatch: pytest.MonkeyPatch, tmp_path: Path
+) -> None:
+    synced: List[int] = []
+    fsync = os.fsync
+    monkeypatch.setattr(os, "fsync", lambda fd: (synced.append(fd), fsync(fd)))
+    with DataManager(storage_dir=tmp_path, durable=durable) as m:
+        m.save_selected_samples_async(make_dataset(0, 2), None, "a")
+        m.save_selected_samples_async(make_dataset(2, 2), None, "b")
+        m.remove_samples([1])
+        m.wait_for_saves()
+        assert m.get_by_nodes(["a", "b"]).ind.tolist() == [0, 2, 3]
+    assert len(synced) == (3 if durable else 0)
+
+
 def test_close_reports_failures_and_refuses_saves(monkeypatch: pytest.MonkeyPatch, tmp_path: Path) -> None:
     m = DataManager(storage_dir=tmp_path)
 

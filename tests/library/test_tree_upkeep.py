@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import os
+import re
 import signal
 import subprocess
 import sys
@@ -238,6 +239,29 @@ def test_a_save_is_self_contained_and_keeps_removals(tmp_path: Path) -> None:
         loaded.remove([15])
     assert loaded.remove(np.arange(300, 350)) == 50
     assert not np.isin(loaded.coreset().ids, np.arange(300, 350)).any()
+
+
+def test_the_working_files_wait_for_no_disk_and_a_save_puts_every_file_on_disk(
+    tmp_path: Path, monkeypatch: pytest.MonkeyPatch
+) -> None:
+    synced: List[str] = []
+    fsync = os.fsync
+
+    def recording_fsync(fd: int) -> None:
+        # a file written under a temporary name is synced before it takes its own
+        synced.append(re.sub(r"\.[0-9a-f]{32}\.tmp$", "", os.readlink(f"/proc/self/fd/{fd}")))
+        fsync(fd)
+
+    monkeypatch.setattr(os, "fsync", recording_fsync)
+    tree = feed(make_tree(data_dir=tmp_path / "work"), blocks(6, 100))
+    tree.remove(np.arange(10, 20))
+    tree.coreset()
+    assert synced == []
+    tree.save(tmp_path / "save")
+    saved = [os.path.join(folder, name) for folder, _, names in os.walk(tmp_path / "save") for name in names]
+    assert any("chunks" in path for path in saved) and any("nodes" in path for path in saved)
+    assert set(saved) <= set(synced)
+    tree.close()
 
 
 def test_saving_again_replaces_the_version(tmp_path: Path) -> None:

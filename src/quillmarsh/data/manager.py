@@ -254,6 +254,9 @@ class DataManager(DataManagerBase):
       ``X`` of shape (0, 0), every other field None.
     - ``wait_for_saves`` and ``close`` raise ``SaveError`` for failed saves; a failed save is never
       dropped silently. After ``close`` saves are refused; reads still work.
+    - With ``storage_dir`` and ``durable`` (the default), each file is on disk before it takes its name,
+      so a store survives a crash of the machine; a working store that is rebuilt from scratch after a
+      crash can pass ``durable=False`` and skip the wait.
     - With ``storage_dir``, node ids must be ``str`` or ``int``; object arrays are pickled into the
       ``.npz`` files, so only point a manager at a directory you trust.
     All maps are guarded by one lock, so reads, removals and saves may come from any threads.
@@ -268,6 +271,7 @@ class DataManager(DataManagerBase):
         n_instances: int | None = None,
         storage_dir: Union[str, os.PathLike[str], None] = None,
         cat_encoding_config: Dict[str, Any] | None = None,
+        durable: bool = True,
     ) -> None:
         super().__init__(
             data_params=data_params,
@@ -278,6 +282,7 @@ class DataManager(DataManagerBase):
             cat_encoding_config=cat_encoding_config,
         )
         self.storage_dir = None if storage_dir is None else os.fspath(storage_dir)
+        self.durable = bool(durable)
         self._cond = threading.Condition()
         # node id -> (the Dataset in memory, or the path of its file; is_buffer)
         self._nodes: Dict[Hashable, Tuple[Union[Dataset, str], bool]] = {}
@@ -304,7 +309,9 @@ class DataManager(DataManagerBase):
             if merged.size == self._removed.size:
                 return
             if self.storage_dir is not None:
-                _atomic_write(os.path.join(self.storage_dir, _REMOVED_FILE), lambda f: np.save(f, merged))
+                _atomic_write(
+                    os.path.join(self.storage_dir, _REMOVED_FILE), lambda f: np.save(f, merged), self.durable
+                )
             self._removed = merged
 
     def get_by_nodes(self, node_ids: Sequence[Hashable], with_props: bool = False) -> Dataset:
@@ -438,7 +445,7 @@ class DataManager(DataManagerBase):
         }
         arrays["__node_id__"] = np.array(node_id)
         arrays["__is_buffer__"] = np.array(is_buffer)
-        _atomic_write(path, lambda f: np.savez(f, **arrays))
+        _atomic_write(path, lambda f: np.savez(f, **arrays), self.durable)
         return path
 
     @staticmethod

@@ -711,6 +711,8 @@ class CoresetTree:
         manager = DataManager(
             data_params=DataParams(features=[FeatureField(name) for name in names]),
             storage_dir=os.path.join(self.data_dir, CHUNKS_DIR),
+            # a working store: nothing reads it after a crash, and a save makes its own copies durable
+            durable=False,
             cat_encoding_config={
                 "max_categories": self.max_categories,
                 "max_text_values": self.max_text_values,

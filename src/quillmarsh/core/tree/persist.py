@@ -54,10 +54,16 @@ def _sync_dir(path: str) -> None:
 
 
 def _link_or_copy(source: str, target: str) -> None:
+    """Put the working file ``source`` into a save, on disk before the save is made current."""
     try:
         os.link(source, target)
     except OSError:
         shutil.copy2(source, target)
+    fd = os.open(target, os.O_RDONLY)
+    try:
+        os.fsync(fd)
+    finally:
+        os.close(fd)
 
 
 def _plain(value: Any) -> Any:
