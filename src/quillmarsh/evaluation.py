@@ -956,6 +956,11 @@ def _minibatches(X: np.ndarray, weight: np.ndarray, carry: List[Tuple[np.ndarray
         carry.append((X[start:], weight[start:]))
 
 
+def _unit_or(weight: np.ndarray) -> Optional[np.ndarray]:
+    """None for weights that are all 1, which scikit-learn then need not check on every minibatch."""
+    return None if bool((weight == 1.0).all()) else weight
+
+
 def reference_kmeans(batches: BatchStream, n_clusters: int, *, n_init: int = 3, batch_size: int = 1024,
                      n_passes: int = 1, random_state: RandomState = None, measure_memory: bool = False,
                      openmp_threads: Optional[int] = 1, **params: Any) -> ReferenceResult:
@@ -1001,8 +1006,10 @@ def reference_kmeans(batches: BatchStream, n_clusters: int, *, n_init: int = 3, 
     n_passes = _positive_int(n_passes, "n_passes")
     cluster: Any = importlib.import_module("sklearn.cluster")
     seeds = _seeds(random_state, n_init)
+    # A generator per start rather than its seed: partial_fit would make a new one from the seed on
+    # every call (a millisecond each, thousands of calls), and draw the same numbers every time.
     models = [cluster.MiniBatchKMeans(n_clusters=n_clusters, batch_size=batch_size, n_init=1,
-                                      random_state=seed, **params) for seed in seeds]
+                                      random_state=np.random.RandomState(seed), **params) for seed in seeds]
     passes = n_passes + 1
     limits: Any = contextlib.nullcontext()
     if openmp_threads is not None:
@@ -1018,12 +1025,14 @@ def reference_kmeans(batches: BatchStream, n_clusters: int, *, n_init: int = 3, 
                 X = _check_2d(X)
                 weight = _check_weight(weight, len(X))
                 for part, part_weight in _minibatches(X, weight, carry, max(batch_size, n_clusters)):
+                    unit = _unit_or(part_weight)
                     for model in models:
-                        model.partial_fit(part, sample_weight=part_weight)
+                        model.partial_fit(part, sample_weight=unit)
                     fed += len(part)
             if carry and (fed > 0 or len(carry[0][0]) >= n_clusters):
+                unit = _unit_or(carry[0][1])
                 for model in models:
-                    model.partial_fit(carry[0][0], sample_weight=carry[0][1])
+                    model.partial_fit(carry[0][0], sample_weight=unit)
                 fed += len(carry[0][0])
             if fed == 0:
                 raise ValueError(f"the stream has fewer rows than n_clusters ({n_clusters})")

@@ -480,6 +480,14 @@ def test_reference_kmeans_finds_the_clusters() -> None:
     assert result.cost <= 1.05 * ideal
 
 
+def test_reference_kmeans_is_the_same_for_the_same_seed() -> None:
+    X, _ = blobs(600)
+    batches = [X[start: start + 100] for start in range(0, len(X), 100)]
+    first, again = (reference_kmeans(batches, 3, n_init=2, batch_size=64, random_state=5) for _ in range(2))
+    np.testing.assert_array_equal(first.model.cluster_centers_, again.model.cluster_centers_)
+    assert first.details["costs"] == again.details["costs"]
+
+
 def test_reference_kmeans_needs_a_fresh_stream_per_pass() -> None:
     X, _ = blobs(300)
     with pytest.raises(ValueError, match="callable"):
