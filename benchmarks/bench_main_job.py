@@ -9,9 +9,11 @@ everything in one run:
   reader, and the command's own batched readers (pandas chunks, pyarrow's Parquet row groups);
 - the command with ``--no-eval`` (the build) and with its judgement, each in a fresh process, wall
   time, its own stage seconds (``--summary-json``) and peak RSS; and with ``--jobs 2``;
-- the regression summary (m = 2,000) against the least squares of all kept rows, beside a one-shot
-  coreset of the same size and uniform samples of the same size (8 seeds each), in the job's own
-  feature space and on the table's plain numeric columns alone;
+- the regression summaries of five seeds of the command (m = 2,000) against the least squares of all
+  kept rows, beside one-shot coresets and uniform samples of the same size (8 seeds each), in the
+  job's own feature space and on the table's plain numeric columns alone;
+- the command's judgement of k-means on the same table with 30 extreme rows (every plain numeric
+  column 1,000 times as large): the summary's and a uniform sample's cost against the full data's;
 - the floors of the build's stages, timed here on the same chunks: for preprocessing, the columns
   turned into the encoded matrix with pandas' and numpy's own primitives (numbers converted, each
   text column factorised and scattered into its one-hot columns); for the sensitivities, the
@@ -49,8 +51,24 @@ CHUNK = 10_000
 K = 8
 
 
-def flights_like(rows: int, seed: int = 0) -> pd.DataFrame:
-    """A table of the shape and column types of the public flights table."""
+EXTREME_COLUMNS = ["month", "day", "dep_time", "sched_dep_time", "dep_delay", "arr_time", "sched_arr_time",
+                   "flight", "air_time", "distance", "hour", "minute"]
+
+
+def flights_like(rows: int, seed: int = 0, extreme: int = 0) -> pd.DataFrame:
+    """A table of the shape and column types of the public flights table; with ``extreme``, that many rows
+    have every plain numeric column but the year and the target 1,000 times as large (a far cluster that
+    a uniform sample of a few thousand rows most often misses)."""
+    table = _flights_like(rows, seed)
+    if extreme:
+        far = np.random.default_rng(seed + 1).choice(rows, extreme, replace=False)
+        for column in EXTREME_COLUMNS:
+            table[column] = table[column].astype(float)
+            table.loc[far, column] = table.loc[far, column] * 1000.0
+    return table
+
+
+def _flights_like(rows: int, seed: int) -> pd.DataFrame:
     rng = np.random.default_rng(seed)
     carriers = [f"C{i}" for i in range(16)]
     origins = ["EWR", "JFK", "LGA"]
@@ -96,11 +114,12 @@ def flights_like(rows: int, seed: int = 0) -> pd.DataFrame:
     )
 
 
-def files(rows: int) -> Dict[str, Path]:
+def files(rows: int, extreme: int = 0) -> Dict[str, Path]:
     BUILD.mkdir(parents=True, exist_ok=True)
-    paths = {"csv": BUILD / f"flights_like_{rows}.csv", "parquet": BUILD / f"flights_like_{rows}.parquet"}
+    stem = f"flights_like_{rows}" + (f"_extreme_{extreme}" if extreme else "")
+    paths = {"csv": BUILD / f"{stem}.csv", "parquet": BUILD / f"{stem}.parquet"}
     if not all(path.exists() for path in paths.values()):
-        table = flights_like(rows)
+        table = flights_like(rows, extreme=extreme)
         table.to_csv(paths["csv"], index=False)
         table.to_parquet(paths["parquet"], index=False, row_group_size=65_536)
     return paths
@@ -171,9 +190,10 @@ def command(path: Path, *extra: str, keep: Any = None) -> Dict[str, Any]:
 # -- regression quality -----------------------------------------------------------------------------
 
 
-def regression_quality(saved: Path, csv: Path, seeds: int = 8) -> Dict[str, Any]:
+def regression_quality(saved: List[Path], csv: Path, seeds: int = 8) -> Dict[str, Any]:
     """Excess squared loss on all kept rows of the weighted least squares of a sample, against the least
-    squares of all kept rows: the job's summary, one-shot coresets and uniform samples of its size."""
+    squares of all kept rows: the job's summaries (one per seed of the command, saved in ``saved``),
+    one-shot coresets and uniform samples of their size."""
     from sklearn.linear_model import LinearRegression
 
     from quillmarsh import CoresetLinearRegression, CoresetTree
@@ -181,21 +201,23 @@ def regression_quality(saved: Path, csv: Path, seeds: int = 8) -> Dict[str, Any]
 
     table = pd.read_csv(csv)
     kept = table[(np.arange(len(table)) % 10 != 9) & table[TARGET].notna()]
-    with CoresetTree.load(saved / "tree") as tree:
-        index = 1  # the command's second coreset object is the regression's
-        summary = tree.coreset(index)
-        names = tree.feature_names_
-        X = np.vstack(
-            [
-                tree.transform(kept.iloc[i : i + CHUNK].drop(columns=[TARGET]))
-                for i in range(0, len(kept), CHUNK)
-            ]
-        )
+    summaries = []
+    for folder in saved:
+        with CoresetTree.load(folder / "tree") as tree:
+            summaries.append(tree.coreset(1))  # the command's second coreset object is the regression's
+            names = tree.feature_names_
+            # every save has the same feature space: the stream's, learnt in the same order
+            X = np.vstack(
+                [
+                    tree.transform(kept.iloc[i : i + CHUNK].drop(columns=[TARGET]))
+                    for i in range(0, len(kept), CHUNK)
+                ]
+            )
     y = kept[TARGET].to_numpy(dtype=np.float64)
     position = {row: i for i, row in enumerate(kept.index)}
-    summary_rows = np.array([position[row] for row in summary.ids])
+    summary_rows = [np.array([position[row] for row in summary.ids]) for summary in summaries]
     numeric = [i for i, name in enumerate(names) if "=" not in name]
-    m = summary.ids.size
+    m = summaries[0].ids.size
     out: Dict[str, Any] = {"m": m, "features": len(names), "numeric_features": len(numeric)}
     for space, columns in (("job's features", list(range(len(names)))), ("plain numeric columns", numeric)):
         Z = X[:, columns]
@@ -213,10 +235,13 @@ def regression_quality(saved: Path, csv: Path, seeds: int = 8) -> Dict[str, Any]
             )
             for seed in range(seeds)
         ]
+        by_seed = [excess(rows, summary.weights) for rows, summary in zip(summary_rows, summaries)]
         out[space] = {
-            "summary": excess(summary_rows, summary.weights),
+            "summary_by_seed": by_seed,
+            "summary_median": float(np.median(by_seed)),
             "one_shot_mean": float(np.mean(one_shot)),
             "uniform_median": float(np.median(uniform)),
+            "uniform_range": [float(np.min(uniform)), float(np.max(uniform))],
         }
     return out
 
@@ -283,7 +308,11 @@ def main() -> None:
     build = min(builds, key=lambda r: r["wall"])
     saved = BUILD / "main_job_out"
     judged = command(paths["csv"], keep=saved)
+    seeded = [BUILD / f"main_job_seed_{seed}" for seed in range(1, 5)]
+    for seed, folder in enumerate(seeded, start=1):
+        command(paths["csv"], "--no-eval", "--seed", str(seed), keep=folder)
     jobs = command(paths["csv"], "--no-eval", "--jobs", "2")
+    extreme = command(files(args.rows, extreme=30)["csv"])
     parquet = command(paths["parquet"], "--no-eval")
     chunks, encoded, text = encoded_chunks(paths["csv"])
     unions = [np.vstack([encoded[i][:M], encoded[i + 1][:M]]) for i in range(0, len(encoded) - 1, 2)]
@@ -311,7 +340,10 @@ def main() -> None:
             "floors": floors,
             "stage_over_floor": {name: stages[name] / floors[name] for name in floors if floors[name] > 0},
             "quality": judged["quality"],
-            "regression": regression_quality(saved, paths["csv"]),
+            "regression": regression_quality([saved, *seeded], paths["csv"]),
+            "extreme_rows_kmeans": {
+                row["method"]: row["cost_ratio"] for row in extreme["quality"] if row["model"] == "kmeans"
+            },
         }
     )
     print(json.dumps({k: v for k, v in out.items() if k != "quality"}, indent=1))
