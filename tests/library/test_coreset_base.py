@@ -5,7 +5,7 @@ from __future__ import annotations
 import numpy as np
 import pytest
 
-from quillmarsh.core.coreset import CoresetBase, CoresetLinearRegression
+from quillmarsh.core.coreset import CoresetBase, CoresetKMeans, CoresetLinearRegression
 
 
 class Fixed(CoresetBase):
@@ -41,7 +41,6 @@ def test_sensitivities_stored_and_returned_in_dtype() -> None:
 @pytest.mark.parametrize(
     "X, values, min_samples, message",
     [
-        (np.zeros((0, 2)), np.ones(0), 1, "no rows"),
         (np.zeros((2, 2)), np.ones(2), 5, "fewer than the 5"),
         (np.array([[1.0, np.nan], [2.0, 3.0]]), np.ones(2), 1, "NaN or infinite"),
         (np.array([[1.0, np.inf], [2.0, 3.0]]), np.ones(2), 1, "NaN or infinite"),
@@ -63,6 +62,15 @@ def test_degenerate_input_raises_unless_safe(
     result = safe.to_dict()
     assert result["n_samples"] == len(X)
     assert len(result["idxs"]) == len(result["weights"]) <= len(X)
+
+
+@pytest.mark.parametrize("safe", [False, True])
+def test_no_rows_give_no_sensitivities_and_an_empty_sample(safe: bool) -> None:
+    for coreset in (CoresetKMeans(k=2), CoresetLinearRegression()):
+        coreset.safe_mode = safe
+        assert coreset.compute_sensitivities(np.zeros((0, 3)), np.zeros(0)).shape == (0,)
+        idxs, weights = coreset.sample(5, random_state=0)
+        assert idxs.size == weights.size == 0
 
 
 def test_safe_mode_falls_back_to_uniform_for_too_few_rows() -> None:

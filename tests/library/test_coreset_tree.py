@@ -258,6 +258,23 @@ def test_each_chunk_is_preprocessed_once_for_two_coreset_objects(monkeypatch: py
     assert encoded == [100] * 4 + [50]  # the buffer's rows, once for both summaries
     assert all(c.X.shape == (20, 3) for c in summaries)
 
+
+@pytest.mark.parametrize("n_jobs", [None, 2])
+def test_a_chunk_that_preprocessing_empties_adds_nothing(n_jobs: Optional[int]) -> None:
+    rng = np.random.default_rng(1)
+    frame = pd.DataFrame({"size": rng.normal(size=400), "colour": rng.choice(["red", "green"], size=400)})
+    target = frame["size"].to_numpy() * 2.0
+    target[100:200] = np.nan  # every row of the second chunk
+    with CoresetTree([CoresetKMeans(k=2), CoresetLinearRegression()], coreset_size=20, chunk_size=100,
+                     n_jobs=n_jobs, random_state=0) as tree:
+        tree.add(frame, target)
+        assert tree.n_leaves_ == 4
+        for index in (0, 1):
+            summary = tree.coreset(index)
+            assert summary.ids.size == 20 and not np.isin(summary.ids, np.arange(100, 200)).any()
+            assert summary.weights.sum() == pytest.approx(300, rel=0.2)
+        assert tree.remove(np.arange(0, 50)) == 50
+
 # -- bad input: a clear error, and the tree as it was ----------------------------------------------
 
 

@@ -42,8 +42,8 @@ class CoresetBase(BaseEstimator, abc.ABC):  # type: ignore[misc]
     ``coreset_size`` is the default number of draws of ``sample``; when None it is derived from the row
     count (see ``default_coreset_size``).
 
-    ``safe_mode`` starts False: degenerate input to ``compute_sensitivities`` (no rows, fewer rows than
-    the model needs, non-finite values, sensitivities that are all zero or not finite) raises
+    ``safe_mode`` starts False: degenerate input to ``compute_sensitivities`` (fewer rows than the model
+    needs, non-finite values, sensitivities that are all zero or not finite) raises
     ``ValueError``. Set it to True, for instance for the small, irregular leftover chunk of a stream, and
     such input is handled instead: non-finite values are replaced by their column's finite mean, and
     when there are too few rows or the sensitivities are degenerate every row gets sensitivity 1.
@@ -117,7 +117,9 @@ class CoresetBase(BaseEstimator, abc.ABC):  # type: ignore[misc]
                 raise ValueError(f"y has {len(y)} rows, but X has {n}")
         y_rows = y
         if y is not None:
-            y = np.asarray(y, dtype=self.dtype).reshape(n, -1)
+            y = np.asarray(y, dtype=self.dtype)
+            # one column per target, also for no rows
+            y = y.reshape(n, int(np.prod(y.shape[1:], dtype=np.int64)))
         weights = None
         if sample_weight is not None:
             weights = np.asarray(sample_weight, dtype=np.float64).ravel()
@@ -125,8 +127,7 @@ class CoresetBase(BaseEstimator, abc.ABC):  # type: ignore[misc]
                 raise ValueError(f"sample_weight has {weights.shape[0]} entries, but X has {n} rows")
             if not (np.isfinite(weights).all() and (weights > 0).all()):
                 raise ValueError("sample_weight must be finite and positive")
-        if n == 0:
-            self._degenerate("X has no rows")
+        if n == 0:  # nothing to summarise: an empty answer, not a degenerate one
             sensitivities = np.empty(0, dtype=self.dtype)
         else:
             if not np.isfinite(X).all() or (y is not None and not np.isfinite(y).all()):

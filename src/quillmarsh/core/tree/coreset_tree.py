@@ -62,6 +62,14 @@ class _Leaf:
     high: int
     rows: int
 
+    @classmethod
+    def holding(cls, node_id: str, ids: np.ndarray) -> _Leaf:
+        """The leaf of the chunk ``node_id`` whose kept rows have ``ids`` (none, when preprocessing
+        dropped every row)."""
+        if not ids.size:
+            return cls(node_id, 0, -1, 0)
+        return cls(node_id, int(ids.min()), int(ids.max()), int(ids.size))
+
 
 def _union(parts: Sequence[Coreset]) -> Coreset:
     """The rows of all ``parts`` in order; narrower feature matrices are padded with zero columns.
@@ -557,7 +565,7 @@ class CoresetTree:
         """Called by the chunk layer with each built leaf: store its chunk, sample it, merge it up."""
         assert self._layer is not None
         if self._remote is not None:  # a leaf being built on the cluster: merged up there
-            leaf = _Leaf(node.node_id, int(node.ids.min()), int(node.ids.max()), int(node.ids.size))
+            leaf = _Leaf.holding(node.node_id, np.asarray(node.ids))
             with self._lock:
                 self._leaves[node.index] = leaf
                 self.n_leaves_ += 1
@@ -567,7 +575,7 @@ class CoresetTree:
             leaf_index = self._layer.chunk_index
         node.save(self._layer.data_manager, save_all=True)
         ids = np.asarray(node.dset.ind, dtype=np.int64)
-        leaf = _Leaf(node.node_id, int(ids.min()), int(ids.max()), int(ids.size))
+        leaf = _Leaf.holding(node.node_id, ids)
         summaries = self._reducer.leaf(node, leaf_index)
         with self._lock:
             self._leaves[leaf_index] = leaf
