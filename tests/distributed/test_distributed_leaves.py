@@ -388,6 +388,32 @@ def test_connect_reaches_a_running_scheduler_by_its_address(client):
         connect(address, n_workers=2)
 
 
+def test_a_client_that_fails_to_start_is_closed_before_connect_raises(monkeypatch):
+    import distributed
+
+    closed = []
+
+    class FailingClient(distributed.Client):
+        """Fails half-way through its start, as a client whose scheduler does not answer may."""
+
+        def __init__(self, address):
+            self.status = "connecting"
+            raise OSError(f"no answer from {address}")
+
+        def close(self, timeout=None):
+            closed.append(self.status)
+            self.status = "closed"
+
+        def __del__(self):
+            pass
+
+    monkeypatch.setattr(distributed, "Client", FailingClient)
+    with pytest.raises(OSError, match="no answer from tcp://127.0.0.1:9") as info:
+        connect("tcp://127.0.0.1:9")
+    assert closed == ["connecting"]
+    assert info.value.__traceback__ is not None  # the error itself stays readable
+
+
 def test_an_empty_stream_has_no_leaves(client):
     result = build_leaves([], TARGET, data_params(), coreset_params(), 100, client=client, progress=False)
     assert result.leaves == [] and result.n_rows == 0 and result.failed == []

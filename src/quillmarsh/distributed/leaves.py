@@ -13,6 +13,7 @@ partition boundaries fall: as many full leaves, every leaf but the last of ``chu
 from __future__ import annotations
 
 import copy
+import gc
 import queue
 import sys
 import time
@@ -20,7 +21,7 @@ import traceback
 import uuid
 import warnings
 from dataclasses import dataclass, field
-from typing import IO, Any, Dict, Iterable, List, Literal, Optional, Sequence, Tuple, Union
+from typing import IO, Any, Dict, Iterable, List, Literal, Optional, Sequence, Tuple, Union, cast
 
 import dask
 import distributed
@@ -656,6 +657,8 @@ def connect(
     The local cluster runs ``n_workers`` worker processes (Dask's default when None) of one thread each,
     so each worker streams one partition at a time; ``cluster_options`` go to ``LocalCluster``. Closing
     the client closes a local cluster too. Use the client as a context manager, or call ``close()``.
+    When the client cannot start, its error is raised without the frames of the failed start, and the
+    half-made client is collected before: so a later client of this process starts safely.
 
     The local workers start without the ``MALLOC_TRIM_THRESHOLD_`` that Dask sets for its workers by
     default (unless it is set in this process's environment): setting it turns off the C library's
@@ -663,6 +666,38 @@ def connect(
     build is mapped and unmapped afresh, which doubled the CPU time of the builds here (see
     ``benchmarks/README.md``). The peak memory stayed the same.
     """
+    if address != "local" and (n_workers is not None or cluster_options):
+        raise TypeError("n_workers and cluster options apply to a local cluster only")
+    try:
+        return _start_client(address, n_workers, cluster_options)
+    except Exception as exc:
+        error = exc
+    # A client that failed to start closes itself when it is collected, unless it is closed already;
+    # and closing takes a lock that a client being started holds: collected in the middle of a later
+    # start, it would deadlock that start. So it is closed now, and what is left of it collected.
+    _close_half_made(error)
+    chained: Optional[BaseException] = error
+    while chained is not None:
+        chained.__traceback__ = None
+        chained = chained.__cause__ or chained.__context__
+    gc.collect()
+    raise error
+
+
+def _close_half_made(error: BaseException) -> None:
+    """Close the client that the frames of ``error`` were starting, unless it is closed already."""
+    for frame, _ in traceback.walk_tb(error.__traceback__):
+        half_made: Any = frame.f_locals.get("self")
+        if isinstance(half_made, distributed.Client) and half_made.status not in ("closed", "newly-created"):
+            try:
+                cast(Any, half_made).close()  # untyped in distributed
+            except Exception:  # closing what never started may fail; it is closed as far as it goes
+                pass
+
+
+def _start_client(
+    address: str, n_workers: Optional[int], cluster_options: Dict[str, Any]
+) -> distributed.Client:
     make_client: Any = distributed.Client
     if address == "local":
         options: Dict[str, Any] = {"threads_per_worker": 1, "processes": True, "dashboard_address": None}
@@ -670,7 +705,5 @@ def connect(
         with dask.config.set({f"{_SPAWN_ENVIRON}.MALLOC_TRIM_THRESHOLD_": None}):
             client: distributed.Client = make_client(n_workers=n_workers, **options)
         return client
-    if n_workers is not None or cluster_options:
-        raise TypeError("n_workers and cluster options apply to a local cluster only")
     remote: distributed.Client = make_client(address)
     return remote
