@@ -14,6 +14,8 @@ import threading
 import time
 from typing import Any, Callable, List, Tuple
 
+__all__ = ["EXIT_GRACE", "POLL_INTERVAL", "TaskError", "ThreadPoolManager"]
+
 # How often idle workers re-run the checks of deferred tasks when nothing else wakes them.
 POLL_INTERVAL = 0.02
 

@@ -6,6 +6,8 @@ from typing import Sequence, Tuple
 
 import numpy as np
 
+__all__ = ["align_arrays_by_key"]
+
 
 def align_arrays_by_key(
     keys: Sequence[np.ndarray], arrays: Sequence[np.ndarray | None]

@@ -6,6 +6,8 @@ from typing import Any, Optional
 
 import numpy as np
 
+__all__ = ["filter_missing_and_inf", "missing_or_inf_mask", "object_numbers"]
+
 # What pandas infers for an object column whose present values are all numbers (or that has none).
 _NUMBER_COLUMNS = frozenset({"floating", "integer", "mixed-integer-float", "empty"})
 

@@ -10,6 +10,8 @@ from typing import NamedTuple
 
 import numpy as np
 
+__all__ = ["Dataset"]
+
 
 class Dataset(NamedTuple):
     """Per-sample arrays of one block of data; every non-None field has one entry (row) per sample.

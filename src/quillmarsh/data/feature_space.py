@@ -23,6 +23,20 @@ import pandas as pd
 
 from quillmarsh.core.numpy_extra import missing_or_inf_mask, object_numbers
 
+__all__ = [
+    "CATEGORICAL",
+    "EXCLUDED",
+    "MISSING_CATEGORY",
+    "NUMBER_SHARE",
+    "NUMERIC",
+    "OTHER_CATEGORY",
+    "TIMESTAMP",
+    "FeatureSpace",
+    "as_numbers",
+    "as_seconds",
+    "category_key",
+]
+
 NUMERIC = "numeric"
 TIMESTAMP = "timestamp"
 CATEGORICAL = "categorical"

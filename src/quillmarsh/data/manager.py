@@ -26,6 +26,18 @@ import numpy as np
 from quillmarsh.data.common import Dataset
 from quillmarsh.data.feature_space import FeatureSpace
 
+__all__ = [
+    "DEFAULT_CAT_ENCODING_CONFIG",
+    "SAVER_IDLE_SECONDS",
+    "DataManager",
+    "DataManagerBase",
+    "DataManagerT",
+    "DataParams",
+    "DataParamsInternal",
+    "FeatureField",
+    "SaveError",
+]
+
 DEFAULT_CAT_ENCODING_CONFIG: Dict[str, Any] = {"max_categories": 100, "max_text_values": 1000}
 """Categorical encoding used when none is given: at most 100 one-hot columns per feature (plus "other"),
 and a text column with more than 1000 distinct values (in the first chunk that holds it) is left out."""

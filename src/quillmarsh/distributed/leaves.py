@@ -38,6 +38,20 @@ from tqdm import tqdm
 from quillmarsh.data.common import Dataset
 from quillmarsh.data.manager import DataManager, DataParams, DataParamsInternal
 
+__all__ = [
+    "ON_ERROR_CHOICES",
+    "Leaf",
+    "LeafBuild",
+    "ManagerSettings",
+    "OnError",
+    "PartitionError",
+    "PartitionFailure",
+    "PartitionStats",
+    "build_leaves",
+    "connect",
+    "scatter_batches",
+]
+
 OnError = Literal["raise", "continue"]
 """What ``build_leaves`` does when a partition fails: stop at once, or go on and list the failure."""
 

@@ -9,6 +9,8 @@ import numpy as np
 from quillmarsh.core.coreset._base import CoresetBase, RandomState
 from quillmarsh.core.distances import squared_distances
 
+__all__ = ["GRAM_KEPT", "CoresetKMeans", "CoresetLinearRegression"]
+
 # An eigenvalue of the Gram matrix above this share of the largest is a direction of [X, y] for sure:
 # its square root, a singular value, is at least 1e-5 of the largest, where the Gram matrix (which
 # squares the condition number) still holds it to about 6 digits.

@@ -8,6 +8,8 @@ import numpy as np
 import numpy.typing as npt
 import psutil
 
+__all__ = ["MEMORY_SAFETY_FRACTION", "evaluate_max_batch_size", "is_simple_chunk_size"]
+
 # Share of the reported memory that a batch may take; the rest is left for copies, the preprocessing
 # output and everything else running in the process.
 MEMORY_SAFETY_FRACTION = 0.5
