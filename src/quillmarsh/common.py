@@ -28,6 +28,11 @@ class TaskError(Exception):
 
     ``errors`` lists every exception kept since the previous report, oldest first; the first one is also
     the ``__cause__``.
+
+    Parameters
+    ----------
+    errors : list of BaseException
+        The exceptions raised by the tasks or their checks, oldest first; at least one.
     """
 
     def __init__(self, errors: List[BaseException]) -> None:
@@ -56,6 +61,7 @@ class ThreadPoolManager:
     _instance_lock = threading.Lock()
 
     def __new__(cls) -> ThreadPoolManager:
+        """Return the one pool, creating it on the first call."""
         instance = cls._instance
         if instance is None:
             with cls._instance_lock:
@@ -78,9 +84,12 @@ class ThreadPoolManager:
         atexit.register(self._stop_at_exit)
 
     def _stop_at_exit(self) -> None:
-        """At interpreter exit: drop the queued tasks and let the workers go, so that no task starts
-        from now on, and give the running tasks up to ``EXIT_GRACE`` seconds to finish. A task still
-        running after that is abandoned: the interpreter ends its thread when it finalises."""
+        """Stop the pool at interpreter exit.
+
+        Drops the queued tasks and lets the workers go, so that no task starts from now on, and gives
+        the running tasks up to ``EXIT_GRACE`` seconds to finish. A task still running after that is
+        abandoned: the interpreter ends its thread when it finalises.
+        """
         deadline = time.monotonic() + EXIT_GRACE
         with self._cond:
             self._queue.clear()
@@ -92,7 +101,20 @@ class ThreadPoolManager:
 
     @classmethod
     def configure(cls, max_workers: int) -> None:
-        """Set the number of worker threads; only allowed while the workers are not started."""
+        """Set the number of worker threads; only allowed while the workers are not started.
+
+        Parameters
+        ----------
+        max_workers : int
+            The number of worker threads, at least 1.
+
+        Raises
+        ------
+        ValueError
+            If ``max_workers`` is not a positive int (``bool`` included).
+        RuntimeError
+            If the workers are running already (call ``shutdown()`` first).
+        """
         if isinstance(max_workers, bool) or not isinstance(max_workers, int) or max_workers < 1:
             raise ValueError(f"max_workers must be a positive int, got {max_workers!r}")
         pool = cls()
@@ -113,6 +135,19 @@ class ThreadPoolManager:
 
         Lower ``priority`` numbers start first; equal priorities start in the order queued. An exception
         raised by the task, or by its check (which drops the task), is kept for ``wait_until_idle``.
+        Starts the workers if they are not running.
+
+        Parameters
+        ----------
+        task : callable
+            Called as ``task(*args)`` on a worker thread; its return value is dropped.
+        check : callable
+            Called as ``check(*args)`` with the pool's lock held; the task starts once it returns a
+            true value. It must be quick and must not wait for other threads.
+        priority : object
+            The task's rank in the queue, compared with the other tasks' priorities (lowest first).
+        *args : object
+            The arguments of ``task`` and ``check``.
         """
         with self._cond:
             bisect.insort(self._queue, (priority, next(self._seq), task, check, args))
@@ -121,21 +156,45 @@ class ThreadPoolManager:
             self._cond.notify()
 
     def has_running_tasks(self) -> bool:
-        """Tell whether any task of the pool is running now (queued tasks do not count)."""
+        """Tell whether any task of the pool is running now (queued tasks do not count).
+
+        Returns
+        -------
+        bool
+            True while at least one task runs.
+        """
         with self._cond:
             return self._running > 0
 
     def pending_count(self) -> int:
-        """Return the number of queued tasks that have not started yet."""
+        """Return the number of queued tasks that have not started yet.
+
+        Returns
+        -------
+        int
+            The number of tasks waiting in the queue.
+        """
         with self._cond:
             return len(self._queue)
 
     def wait_until_idle(self, timeout: float | None = None) -> None:
         """Block until no task is queued or running, then report the errors kept since the last report.
 
-        Raises ``TaskError`` (and forgets the reported errors) if any task or check raised, and
-        ``TimeoutError`` if the pool is still busy after ``timeout`` seconds. Must not be called from a
-        task, which would wait for itself.
+        Must not be called from a task, which would wait for itself.
+
+        Parameters
+        ----------
+        timeout : float or None, default=None
+            The most seconds to wait; None waits as long as it takes.
+
+        Raises
+        ------
+        TaskError
+            If any task or check raised since the last report; the reported errors are forgotten.
+        TimeoutError
+            If the pool is still busy after ``timeout`` seconds.
+        RuntimeError
+            If called from a task of the pool.
         """
         if threading.current_thread() in self._threads:
             raise RuntimeError("wait_until_idle() called from a pool task would wait for itself")
@@ -156,7 +215,19 @@ class ThreadPoolManager:
         """Wait until no task is queued or running, then stop and join the workers.
 
         Kept errors stay kept for the next ``wait_until_idle``. The pool restarts on its next task, with
-        the worker count configured then. Raises ``TimeoutError`` if the pool does not go idle in time.
+        the worker count configured then.
+
+        Parameters
+        ----------
+        timeout : float or None, default=None
+            The most seconds to wait for the pool to go idle; None waits as long as it takes.
+
+        Raises
+        ------
+        TimeoutError
+            If the pool does not go idle within ``timeout`` seconds.
+        RuntimeError
+            If called from a task of the pool.
         """
         if threading.current_thread() in self._threads:
             raise RuntimeError("shutdown() called from a pool task would wait for itself")

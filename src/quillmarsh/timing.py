@@ -32,7 +32,18 @@ class StageClock:
 
     @contextmanager
     def measure(self, stage: str) -> Iterator[None]:
-        """Add the time of the ``with`` block to ``stage``, unless the thread is in a stage already."""
+        """Add the time of the ``with`` block to ``stage``, unless the thread is in a stage already.
+
+        Parameters
+        ----------
+        stage : str
+            The stage's name.
+
+        Yields
+        ------
+        None
+            Control to the ``with`` block, once.
+        """
         if getattr(self._inside, "stage", None) is not None:
             yield
             return
@@ -47,12 +58,29 @@ class StageClock:
                 self._seconds[stage] = self._seconds.get(stage, 0.0) + elapsed
 
     def snapshot(self) -> Dict[str, float]:
-        """The seconds of every stage so far."""
+        """Return the seconds of every stage so far.
+
+        Returns
+        -------
+        dict of str to float
+            The seconds summed per stage name.
+        """
         with self._lock:
             return dict(self._seconds)
 
     def since(self, before: Dict[str, float]) -> Dict[str, float]:
-        """The seconds of every stage since ``before`` (a ``snapshot``)."""
+        """Return the seconds of every stage since ``before`` (a ``snapshot``).
+
+        Parameters
+        ----------
+        before : dict of str to float
+            An earlier ``snapshot``.
+
+        Returns
+        -------
+        dict of str to float
+            The seconds added per stage name since ``before``.
+        """
         now = self.snapshot()
         return {stage: now[stage] - before.get(stage, 0.0) for stage in now}
 

@@ -14,19 +14,33 @@ def align_arrays_by_key(
 ) -> Tuple[Tuple[np.ndarray, ...], Tuple[np.ndarray | None, ...]]:
     """Reorder the rows of ``arrays`` to follow the reference keys ``keys[0]``.
 
-    ``keys[0]`` is the reference key array, in the order that counts; further items of ``keys`` are
-    arrays of the same length that travel with it. ``arrays[0]`` is the data's key array; further items
-    are per-row arrays with as many rows (or None).
-
-    Returns ``(aligned_keys, aligned_arrays)``:
-      - ``aligned_arrays`` has the same length as ``arrays``; it holds only the rows whose key occurs in
-        the reference keys, in reference order. None items stay None.
-      - ``aligned_keys`` holds each item of ``keys`` restricted to the reference keys that occur in
-        ``arrays[0]``, in reference order.
-
     When a key occurs several times in ``arrays[0]``, its last occurrence wins (the latest value of a
     sample is the one that counts). A key repeated in the reference gets the matching row each time.
     Works in O((n + m) log n) without a Python loop over rows.
+
+    Parameters
+    ----------
+    keys : sequence of ndarray
+        ``keys[0]`` is the reference key array, in the order that counts; further items are arrays of
+        the same length that travel with it.
+    arrays : sequence of ndarray or None
+        ``arrays[0]`` is the data's key array; further items are per-row arrays with as many rows, or
+        None.
+
+    Returns
+    -------
+    aligned_keys : tuple of ndarray
+        Each item of ``keys`` restricted to the reference keys that occur in ``arrays[0]``, in
+        reference order.
+    aligned_arrays : tuple of ndarray or None
+        As long as ``arrays``: each holds only the rows whose key occurs in the reference keys, in
+        reference order. None items stay None.
+
+    Raises
+    ------
+    ValueError
+        If an item of ``arrays`` has not as many rows as ``arrays[0]``, or an item of ``keys`` not as
+        many items as ``keys[0]``.
     """
     ref = np.asarray(keys[0])
     data_keys = np.asarray(arrays[0])

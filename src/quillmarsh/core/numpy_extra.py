@@ -19,6 +19,16 @@ def missing_or_inf_mask(array: Any) -> np.ndarray:
     arrays are checked with ``isfinite`` and datetime/timedelta arrays for NaT. Integer, bool and
     fixed-width string arrays cannot hold such values (all False). Object arrays are checked entry by
     entry, so strings and other objects count as present.
+
+    Parameters
+    ----------
+    array : array-like
+        The values, of any shape.
+
+    Returns
+    -------
+    ndarray of bool
+        True where the entry is missing or infinite, shaped like ``np.asarray(array)``.
     """
     arr = np.asarray(array)
     kind = arr.dtype.kind
@@ -41,6 +51,16 @@ def object_numbers(values: np.ndarray) -> Optional[np.ndarray]:
 
     Missing values (None, NaN) become NaN. This is the fast way for a table's numeric column that
     came as objects; anything else (text, timestamps, pandas ``NA``, booleans) gives None.
+
+    Parameters
+    ----------
+    values : ndarray of object
+        A 1-D object array, such as a table's column.
+
+    Returns
+    -------
+    ndarray of float64 or None
+        The values as floats, or None when some present value is not a number.
     """
     from pandas.api.types import infer_dtype  # deferred, as in missing_or_inf_mask
 
@@ -72,6 +92,21 @@ def filter_missing_and_inf(array: Any) -> np.ndarray:
     See ``missing_or_inf_mask`` for what counts. Integer, bool and fixed-width string arrays have no such
     values and are returned as they are (the very object when an ndarray is passed); the others are
     filtered into a new array of the same dtype.
+
+    Parameters
+    ----------
+    array : array-like of shape (n,)
+        The values.
+
+    Returns
+    -------
+    ndarray of shape (n_kept,)
+        The present, finite values, in order.
+
+    Raises
+    ------
+    ValueError
+        If ``array`` is not 1-D.
     """
     arr = np.asarray(array)
     if arr.ndim != 1:

@@ -16,13 +16,22 @@ __all__ = ["Dataset"]
 class Dataset(NamedTuple):
     """Per-sample arrays of one block of data; every non-None field has one entry (row) per sample.
 
-    Fields, in order:
-      - ``ind``: sample indices, a 1-D int array (the samples' identities, not positions).
-      - ``X``: the feature matrix, 2-D.
-      - ``y``: targets, 1-D, or None.
-      - ``sample_weight``: 1-D, or None.
-      - ``props``: per-sample properties, 1-D or 2-D, or None.
-      - ``orig``: the original unprocessed features, 2-D, or None.
+    The fields are in this order.
+
+    Parameters
+    ----------
+    ind : ndarray of shape (n_samples,)
+        Sample indices, an int array (the samples' identities, not positions).
+    X : ndarray of shape (n_samples, n_features)
+        The feature matrix.
+    y : ndarray of shape (n_samples,) or None, default=None
+        The targets.
+    sample_weight : ndarray of shape (n_samples,) or None, default=None
+        The sample weights.
+    props : ndarray of shape (n_samples,) or (n_samples, n_props), or None, default=None
+        Per-sample properties.
+    orig : ndarray of shape (n_samples, n_columns) or None, default=None
+        The original unprocessed features.
     """
 
     ind: np.ndarray
@@ -33,12 +42,28 @@ class Dataset(NamedTuple):
     orig: np.ndarray | None = None
 
     def n_samples(self) -> int:
-        """Return the number of samples (the length of ``ind``)."""
+        """Return the number of samples (the length of ``ind``).
+
+        Returns
+        -------
+        int
+            The number of samples.
+        """
         return len(self.ind)
 
     def take(self, rows: np.ndarray) -> Dataset:
         """Return a new ``Dataset`` with the given row positions (or boolean mask) of every field.
 
         Selection by position array or mask always copies, so the result shares no memory with ``self``.
+
+        Parameters
+        ----------
+        rows : ndarray
+            Row positions (int) or a boolean mask of length ``n_samples``.
+
+        Returns
+        -------
+        Dataset
+            The selected rows of every field; None fields stay None.
         """
         return Dataset._make(None if a is None else np.asarray(a)[rows] for a in self)
