@@ -47,6 +47,20 @@ class CoresetBase(BaseEstimator, abc.ABC):  # type: ignore[misc]
     ``ValueError``. Set it to True, for instance for the small, irregular leftover chunk of a stream, and
     such input is handled instead: non-finite values are replaced by their column's finite mean, and
     when there are too few rows or the sensitivities are degenerate every row gets sensitivity 1.
+
+    Parameters
+    ----------
+    dtype : str, numpy dtype or type, default="float32"
+        The float type the computations run in.
+    random_state : None, int or numpy Generator, default=None
+        Seeds the randomness of the subclass's computation and of ``sample``.
+    coreset_size : int or None, default=None
+        The default number of draws of ``sample``; None derives it from the row count.
+
+    Raises
+    ------
+    ValueError
+        If ``dtype`` is not a float type, or ``coreset_size`` is neither None nor a positive int.
     """
 
     def __init__(
@@ -66,20 +80,33 @@ class CoresetBase(BaseEstimator, abc.ABC):  # type: ignore[misc]
 
     @abc.abstractmethod
     def _min_samples(self, X: np.ndarray, y: np.ndarray | None) -> int:
-        """The fewest rows the sensitivity computation needs for this input."""
+        """Return the fewest rows the sensitivity computation needs for this input."""
 
     @abc.abstractmethod
     def _sensitivities(
         self, X: np.ndarray, y: np.ndarray | None, sample_weight: np.ndarray | None
     ) -> np.ndarray:
-        """One sensitivity per row of the finite ``X`` (and 2-D ``y``, or None), in ``self.dtype``.
+        """Return one sensitivity per row of the finite ``X`` (and 2-D ``y``, or None), in ``self.dtype``.
 
         ``sample_weight`` is None (every row weighs 1) or one positive float64 weight per row.
         """
 
     @staticmethod
     def default_coreset_size(n_samples: int) -> int:
-        """The coreset size used when none is configured: a tenth of the rows, at least 32, at most all."""
+        """Return the coreset size used when none is configured.
+
+        That is a tenth of the rows (rounded up), at least 32, at most all of them.
+
+        Parameters
+        ----------
+        n_samples : int
+            The number of rows.
+
+        Returns
+        -------
+        int
+            ``min(n_samples, max(32, ceil(n_samples / 10)))``.
+        """
         return min(n_samples, max(32, int(np.ceil(0.1 * n_samples))))
 
     def compute_sensitivities(self, X: Any, y: Any = None, sample_weight: Any = None) -> np.ndarray:
@@ -100,6 +127,12 @@ class CoresetBase(BaseEstimator, abc.ABC):  # type: ignore[misc]
         ndarray of shape (n_samples,)
             The sensitivities, in ``dtype``. Any earlier sample is forgotten. See the class docstring
             for how ``safe_mode`` treats degenerate input.
+
+        Raises
+        ------
+        ValueError
+            If ``X`` is not 2-D, ``y`` or ``sample_weight`` has not one entry per row, a weight is not
+            finite and positive, or (without ``safe_mode``) the input is degenerate.
         """
         with STAGES.measure("sensitivities"):
             return self._compute(X, y, sample_weight)
@@ -172,6 +205,13 @@ class CoresetBase(BaseEstimator, abc.ABC):  # type: ignore[misc]
             ``w_i / p_i`` of each kept row (``w_i`` its sample weight, 1 without), so every weighted
             sum over the coreset estimates the same sum over all rows without bias. When the size is
             at least the row count every row is kept with its own weight.
+
+        Raises
+        ------
+        RuntimeError
+            If ``compute_sensitivities`` was not called first.
+        ValueError
+            If ``coreset_size`` is neither None nor a positive int.
         """
         if self.sensitivities is None or self._rows is None:
             raise RuntimeError("call compute_sensitivities() before sample()")
@@ -192,16 +232,31 @@ class CoresetBase(BaseEstimator, abc.ABC):  # type: ignore[misc]
     def to_dict(self, with_important: bool = False, use_keep_selected_only: bool = True) -> Dict[str, Any]:
         """Return the coreset as a dict of plain Python and numpy values, sampling first if needed.
 
-        Keys: ``"coreset_size"`` (int, rows requested), ``"n_samples"`` (int, rows the sensitivities
-        were computed on), ``"dtype"`` (str), ``"idxs"`` (int array, positions of the selected rows,
-        ascending), ``"weights"``, ``"X"`` and ``"y"`` (the rows themselves as given to
-        ``compute_sensitivities``, floats in their own precision; ``"y"`` None without targets) and
-        ``"sample_weight"`` (the rows' weights before sampling, None when none were given). With
-        ``use_keep_selected_only`` the per-row arrays hold the selected rows only (``weights[j]`` is the
-        weight of row ``idxs[j]``); without it they have one entry per row (weight 0 for rows not
-        selected), and ``"X"``, ``"y"`` and ``"sample_weight"`` are the arrays given, not copies.
-        ``with_important`` adds ``"sensitivities"`` (same rule) and ``"important_idxs"``: the positions
-        of the ``min(coreset_size, n_samples)`` rows of highest sensitivity, highest first.
+        Parameters
+        ----------
+        with_important : bool, default=False
+            Whether to add ``"sensitivities"`` (same rule as the other per-row arrays) and
+            ``"important_idxs"``: the positions of the ``min(coreset_size, n_samples)`` rows of highest
+            sensitivity, highest first.
+        use_keep_selected_only : bool, default=True
+            Whether the per-row arrays hold the selected rows only (``weights[j]`` is the weight of row
+            ``idxs[j]``). Otherwise they have one entry per row (weight 0 for rows not selected), and
+            ``"X"``, ``"y"`` and ``"sample_weight"`` are the arrays given, not copies.
+
+        Returns
+        -------
+        dict
+            Keys: ``"coreset_size"`` (int, rows requested), ``"n_samples"`` (int, rows the
+            sensitivities were computed on), ``"dtype"`` (str), ``"idxs"`` (int array, positions of
+            the selected rows, ascending), ``"weights"``, ``"X"`` and ``"y"`` (the rows themselves as
+            given to ``compute_sensitivities``, floats in their own precision; ``"y"`` None without
+            targets) and ``"sample_weight"`` (the rows' weights before sampling, None when none were
+            given).
+
+        Raises
+        ------
+        RuntimeError
+            If ``compute_sensitivities`` was not called first.
         """
         if self._sample is None:
             self.sample()
@@ -234,7 +289,7 @@ class CoresetBase(BaseEstimator, abc.ABC):  # type: ignore[misc]
         return out
 
     def _uniform(self, n: int, weights: np.ndarray | None) -> np.ndarray:
-        """The fallback sensitivities: 1 for every row, or each row's share of the total weight."""
+        """Return the fallback sensitivities: 1 for every row, or each row's share of the total weight."""
         uniform = np.ones(n) if weights is None else weights / weights.sum()
         return uniform.astype(self.dtype)
 

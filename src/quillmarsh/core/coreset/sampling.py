@@ -35,6 +35,11 @@ def inclusion_probabilities(sensitivities: Any, size: int) -> np.ndarray:
     ndarray of shape (n_samples,), float64
         The inclusion probabilities. When ``size`` is at least the number of rows of positive
         sensitivity, those rows get 1 and the others 0: a row of sensitivity 0 is never kept.
+
+    Raises
+    ------
+    ValueError
+        If ``size`` is not a positive int, or a sensitivity is negative or not finite.
     """
     s = np.asarray(sensitivities, dtype=np.float64).ravel()
     size = check_positive_int(size, "size")
@@ -89,6 +94,12 @@ def sample_rows(
         The kept rows, ascending; fewer than ``size`` only when fewer rows have positive sensitivity.
     weights : ndarray of shape (size,), float64
         ``w_i / p_i`` of each kept row.
+
+    Raises
+    ------
+    ValueError
+        If ``sample_weight`` has not one entry per sensitivity, ``size`` is not a positive int, or a
+        sensitivity is negative or not finite.
     """
     s = np.asarray(sensitivities, dtype=np.float64).ravel()
     n = s.shape[0]
@@ -124,7 +135,7 @@ def sample_rows(
 
 
 def _generator(random_state: Any) -> np.random.Generator:
-    """A numpy Generator from None, an int, a Generator or a legacy RandomState."""
+    """Return a numpy Generator from None, an int, a Generator or a legacy RandomState."""
     if isinstance(random_state, np.random.Generator):
         return random_state
     if random_state is None or isinstance(random_state, (int, np.integer)):
