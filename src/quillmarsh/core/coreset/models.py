@@ -25,6 +25,24 @@ class CoresetKMeans(CoresetBase):
     of its rows), then gives each row the bound ``w_i cost_i / sum(w cost) + w_i / W(cluster_i)``,
     where ``cost_i`` is its squared distance to its centre and ``W(cluster_i)`` the weight of its
     cluster. Without weights every row weighs 1. Needs at least ``k`` rows. ``y`` is ignored.
+
+    Parameters
+    ----------
+    k : int, default=8
+        The number of clusters, at least 1.
+    n_iter : int, default=3
+        The number of Lloyd steps after the seeding, at least 0.
+    dtype : str, numpy dtype or type, default="float32"
+        The float type the computations run in.
+    random_state : None, int or numpy Generator, default=None
+        Seeds the seeding and the sample.
+    coreset_size : int or None, default=None
+        The default number of draws of ``sample``; None derives it from the row count.
+
+    Raises
+    ------
+    ValueError
+        If ``k`` is below 1 or ``n_iter`` below 0, or for the base class's reasons.
     """
 
     def __init__(
@@ -88,6 +106,15 @@ class CoresetLinearRegression(CoresetBase):
     also when ``[X, y]`` is rank-deficient; from a thin SVD when it is ill-conditioned.
     Without weights every row weighs 1, and a row of weight 3 scores as much as three copies of it
     together. Needs at least as many rows as ``[X, y]`` has columns.
+
+    Parameters
+    ----------
+    dtype : str, numpy dtype or type, default="float32"
+        The float type the computations run in.
+    random_state : None, int or numpy Generator, default=None
+        Seeds the sample.
+    coreset_size : int or None, default=None
+        The default number of draws of ``sample``; None derives it from the row count.
     """
 
     def _min_samples(self, X: np.ndarray, y: np.ndarray | None) -> int:
@@ -107,9 +134,9 @@ class CoresetLinearRegression(CoresetBase):
 
 
 def _leverage(Z: np.ndarray, dtype: np.dtype) -> np.ndarray:
-    """The leverage score of every row of ``Z``: the squared norms of the rows of an orthonormal basis
-    of its column space.
+    """Return the leverage score of every row of ``Z``.
 
+    The scores are the squared norms of the rows of an orthonormal basis of its column space.
     From the eigendecomposition of the Gram matrix in float64 (``Z = U S V^T`` gives ``Z^T Z = V S^2
     V^T``, so ``U = Z V S^-1`` on the directions kept): a product of the rows with a small matrix, and
     a structural rank deficiency (a constant column, one-hot columns that add up alike) costs nothing
