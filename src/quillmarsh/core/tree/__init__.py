@@ -1,6 +1,8 @@
-"""The coreset tree, ``CoresetTree`` (in ``coreset_tree``); its chunk layer is the compiled module
-``chunk_layer``. ``CoresetTree`` and ``Coreset`` are loaded on first use, so that importing the chunk
-layer alone stays light."""
+"""The coreset tree, ``CoresetTree`` (in ``coreset_tree``).
+
+Its chunk layer is the compiled module ``chunk_layer``. ``CoresetTree`` and ``Coreset`` are loaded on
+first use, so that importing the chunk layer alone stays light.
+"""
 
 from __future__ import annotations
 

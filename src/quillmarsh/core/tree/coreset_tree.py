@@ -72,7 +72,7 @@ class _Leaf:
 
 
 def _union(parts: Sequence[Coreset]) -> Coreset:
-    """The rows of all ``parts`` in order; narrower feature matrices are padded with zero columns.
+    """Return the rows of all ``parts`` in order; narrower feature matrices are padded with zero columns.
 
     The stream's feature space only ever appends columns, and an earlier row holds none of the later
     categories, so zero is right for the columns it lacks.
@@ -105,11 +105,41 @@ class Reducer:
     entropy: int
 
     def rng(self, t: int, level: int, index: int) -> np.random.Generator:
+        """Return the random stream of one node.
+
+        Parameters
+        ----------
+        t : int
+            The coreset object's position in ``templates``.
+        level : int
+            The node's level (0 for the leaves).
+        index : int
+            The node's position in its level.
+
+        Returns
+        -------
+        numpy.random.Generator
+            A generator seeded by ``entropy`` and the node's place.
+        """
         return np.random.default_rng([self.entropy, t, level, index])
 
     def leaf(self, node: ChunkNode, leaf_index: int, level: int = 0) -> List[Coreset]:
-        """Each coreset object's sample of a built leaf, seeded by the leaf's position (the buffer
-        node's: a level of its own)."""
+        """Return each coreset object's sample of a built leaf, seeded by the leaf's position.
+
+        Parameters
+        ----------
+        node : ChunkNode
+            The built leaf, with one coreset record per coreset object.
+        leaf_index : int
+            The leaf's position in the stream.
+        level : int, default=0
+            The level whose random streams are drawn from; the buffer node has a level of its own.
+
+        Returns
+        -------
+        list of Coreset
+            At most ``coreset_size`` weighted rows per coreset object, in the order of ``templates``.
+        """
         with STAGES.measure("leaves"):
             return self._leaf(node, leaf_index, level)
 
@@ -128,12 +158,46 @@ class Reducer:
         return summaries
 
     def merge(self, t: int, level: int, index: int, left: Coreset, right: Coreset) -> Coreset:
-        """The node at (level, index) from its two children."""
+        """Return the node at (level, index), merged from its two children.
+
+        Parameters
+        ----------
+        t : int
+            The coreset object's position in ``templates``.
+        level : int
+            The merged node's level.
+        index : int
+            The merged node's position in its level.
+        left, right : Coreset
+            The two children.
+
+        Returns
+        -------
+        Coreset
+            The union of the children, reduced to ``coreset_size`` rows (see ``reduce``).
+        """
         with STAGES.measure("merges"):
             return self.reduce(t, _union([left, right]), self.rng(t, level, index))
 
     def reduce(self, t: int, rows: Coreset, rng: np.random.Generator) -> Coreset:
-        """The weighted rows reduced to ``coreset_size`` by weighted sensitivities (as they are if fewer)."""
+        """Reduce weighted rows to ``coreset_size`` rows by weighted sensitivities.
+
+        Parameters
+        ----------
+        t : int
+            The coreset object's position in ``templates``, whose class and parameters compute the
+            sensitivities.
+        rows : Coreset
+            The weighted rows.
+        rng : numpy.random.Generator
+            The node's random stream.
+
+        Returns
+        -------
+        Coreset
+            The sampled rows with their new weights; ``rows`` itself when it has at most
+            ``coreset_size`` rows.
+        """
         if rows.ids.size <= self.coreset_size:
             return rows
         params = self.templates[t].get_params()
@@ -301,6 +365,8 @@ class CoresetTree:
         ------
         ValueError, TypeError
             For a block that does not fit the stream; the tree is then left unchanged.
+        RuntimeError
+            If the tree is closed.
         """
         self._check_open()
         X, y, ids, columns = self._check_block(X, y, ids)
@@ -344,6 +410,13 @@ class CoresetTree:
         Coreset
             ``min(coreset_size, rows)`` weighted rows: the open nodes of the tree and the rows that
             wait in the buffer, reduced to ``coreset_size`` rows by weighted sensitivities.
+
+        Raises
+        ------
+        TypeError
+            If ``index`` is not an int.
+        IndexError
+            If ``index`` is not the position of a coreset object.
         """
         if isinstance(index, bool) or not isinstance(index, numbers.Integral):
             raise TypeError(f"index must be an int, got {type(index).__name__}")
@@ -370,6 +443,15 @@ class CoresetTree:
         -------
         estimator
             The fitted estimator.
+
+        Raises
+        ------
+        TypeError
+            If the estimator's ``fit`` takes no ``sample_weight``, or ``index`` is not an int.
+        IndexError
+            If ``index`` is not the position of a coreset object.
+        ValueError
+            If the tree holds no rows.
         """
         if not has_fit_parameter(estimator, "sample_weight"):
             raise TypeError(
@@ -383,13 +465,17 @@ class CoresetTree:
 
     @property
     def feature_space_(self) -> Optional[FeatureSpace]:
-        """The stream's feature space, which encodes tables into the summary's columns (None before
-        the first block)."""
+        """The stream's feature space, which encodes tables into the summary's columns.
+
+        None before the first block.
+        """
         return None if self._layer is None else self._layer.data_manager.feature_space
 
     def transform(self, X: Any) -> np.ndarray:
-        """Encode rows as the summary's ``X``: a table into the stream's feature space, learning
-        nothing (see ``FeatureSpace.transform``); a numeric array as it is.
+        """Encode rows as the summary's ``X``.
+
+        A table is encoded into the stream's feature space, learning nothing (see
+        ``FeatureSpace.transform``); a numeric array is returned as it is, as float64.
 
         Parameters
         ----------
@@ -399,6 +485,14 @@ class CoresetTree:
         Returns
         -------
         ndarray of shape (n_rows, len(feature_names_)), float64
+            The encoded rows.
+
+        Raises
+        ------
+        RuntimeError
+            If the tree has no rows yet.
+        ValueError
+            If ``X`` is not of the kind and columns of the blocks added.
         """
         if self._layer is None:
             raise RuntimeError("the tree has no rows yet: add some first")
@@ -443,6 +537,10 @@ class CoresetTree:
         KeyError
             When some ids are not held (never added, or removed already); it names up to five, and
             nothing is removed.
+        TypeError
+            If the ids are not integers.
+        RuntimeError
+            If the tree is closed.
         """
         self._check_open()
         raw = np.asarray(ids)
@@ -484,6 +582,13 @@ class CoresetTree:
         -------
         int
             The number of rows removed (see ``remove``).
+
+        Raises
+        ------
+        ValueError
+            If ``predicate`` does not return a boolean mask of one entry per row.
+        RuntimeError
+            If the tree is closed.
         """
         self._check_open()
         if self._layer is None:
@@ -525,13 +630,29 @@ class CoresetTree:
             self._cleanup()
 
     def __enter__(self) -> CoresetTree:
+        """Return the tree, to be closed at the end of the ``with`` block."""
         return self
 
     def __exit__(self, *exc_info: Any) -> None:
+        """Close the tree (see ``close``)."""
         self.close()
 
     def save(self, path: Union[str, os.PathLike[str]]) -> None:
-        """Save the tree to the directory ``path``, atomically; see ``quillmarsh.core.tree.persist``."""
+        """Save the tree to the directory ``path``, atomically; see ``quillmarsh.core.tree.persist``.
+
+        Parameters
+        ----------
+        path : str or path
+            The save's directory; created if needed. An earlier save there is replaced, and stays
+            whole and current until the new one is.
+
+        Raises
+        ------
+        RuntimeError
+            If the tree is closed.
+        TypeError
+            If a coreset object has a parameter that cannot be saved as a plain value.
+        """
         from quillmarsh.core.tree.persist import save_tree
 
         self._check_open()
@@ -546,8 +667,26 @@ class CoresetTree:
     ) -> CoresetTree:
         """Load a tree saved by ``save``; it goes on where the saved one stopped.
 
-        ``data_dir`` is the new tree's own storage (None: a temporary directory); the save is left
-        as it is. ``client`` builds its further leaves on that Dask cluster, as in the constructor.
+        The save is left as it is.
+
+        Parameters
+        ----------
+        path : str or path
+            The directory given to ``save``.
+        data_dir : str or path, default=None
+            The new tree's own storage; None makes a temporary directory.
+        client : dask.distributed.Client, default=None
+            Builds the tree's further leaves on that Dask cluster, as in the constructor.
+
+        Returns
+        -------
+        CoresetTree
+            The loaded tree.
+
+        Raises
+        ------
+        quillmarsh.core.tree.persist.SaveFormatError
+            If ``path`` holds no saved tree, or a damaged or newer one; the message names the file.
         """
         from quillmarsh.core.tree.persist import load_tree
 

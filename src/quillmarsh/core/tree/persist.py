@@ -67,7 +67,7 @@ def _link_or_copy(source: str, target: str) -> None:
 
 
 def _plain(value: Any) -> Any:
-    """A parameter value as JSON can hold it."""
+    """Return a parameter value as JSON can hold it."""
     if isinstance(value, np.dtype):
         return value.name
     if isinstance(value, np.generic):
@@ -82,7 +82,20 @@ def _plain(value: Any) -> Any:
 
 
 def save_tree(tree: Any, path: str) -> None:
-    """Write ``tree`` to the directory ``path`` as a new version, and make it current atomically."""
+    """Write ``tree`` to the directory ``path`` as a new version, and make it current atomically.
+
+    Parameters
+    ----------
+    tree : CoresetTree
+        The tree to save.
+    path : str
+        The save's directory; created if needed.
+
+    Raises
+    ------
+    TypeError
+        If a coreset object has a parameter that JSON cannot hold as a plain value.
+    """
     os.makedirs(path, exist_ok=True)
     version = f"v-{uuid.uuid4().hex}"
     target = os.path.join(path, version)
@@ -186,7 +199,30 @@ def _damaged(path: str, why: str) -> SaveFormatError:
 
 
 def load_tree(cls: Type[Any], path: str, data_dir: Any, client: Any = None) -> Any:
-    """Read the current version of the save at ``path`` into a new tree of class ``cls``."""
+    """Read the current version of the save at ``path`` into a new tree of class ``cls``.
+
+    Parameters
+    ----------
+    cls : type
+        The tree's class, ``CoresetTree`` or a subclass.
+    path : str
+        The save's directory.
+    data_dir : str or None
+        The new tree's own storage; None makes a temporary directory.
+    client : dask.distributed.Client, default=None
+        Builds the tree's further leaves on that Dask cluster.
+
+    Returns
+    -------
+    CoresetTree
+        The loaded tree.
+
+    Raises
+    ------
+    SaveFormatError
+        If ``path`` holds no saved tree, or one of a newer format, or a damaged one (a file missing,
+        truncated or unreadable); the message names the file.
+    """
     pointer = os.path.join(path, CURRENT)
     if not os.path.isfile(pointer):
         raise SaveFormatError(f"{pointer}: not found; {path!r} holds no saved tree")
