@@ -1,5 +1,7 @@
-"""Automatic preprocessing of one chunk: drop rows without a usable target, drop sparse columns and
-rows, fill missing values, one-hot encode categorical columns, turn timestamps and targets into numbers.
+"""Automatic preprocessing of one chunk.
+
+Drops rows without a usable target, drops sparse columns and rows, fills missing values, one-hot
+encodes categorical columns, and turns timestamps and targets into numbers.
 
 The encoding itself lives in ``quillmarsh.data.feature_space``: a processor shares the stream's
 ``FeatureSpace`` when its ``cat_encoding_config`` holds one under ``"feature_space"`` (the data manager
@@ -69,11 +71,7 @@ def _check_fraction(name: str, value: float | None) -> float | None:
 class DataAutoProcessor:
     """Turns a raw feature matrix into a dense float matrix that models can use.
 
-    ``X`` is 2-D: numeric (NaN for missing) or object (numbers, text, timestamps, None/NaN mixed).
-    Missing means None, NaN, pandas NA/NaT, and also ±inf. ``feature_names`` names the input columns
-    ("f0", "f1", ... when empty).
-
-    Each input column is, for the whole stream, one of:
+    Missing means None, NaN, pandas NA/NaT, and also ±inf. Each input column is, for the whole stream, one of:
       - numeric: a numeric dtype, or text of which at least 90% of the present values are numbers (the
         others count as missing);
       - a timestamp: a datetime dtype, or text that reads as ISO 8601 timestamps as often; it becomes
@@ -83,22 +81,62 @@ class DataAutoProcessor:
         it; the stream's ``FeatureSpace.notes`` names it.
     A column with no present value in the first chunks waits for a chunk that has one.
 
-    ``cat_encoding_config`` is read for ``max_categories`` (one-hot columns per input column; further
-    categories share one "<other>" column; no cap when absent), ``max_text_values`` (no limit when
-    absent) and ``feature_space``, the stream's ``FeatureSpace`` (a private one when absent).
-    ``missing_replacement`` is None or one entry per input column; a None entry means: the stream's
-    mean for numbers, its most frequent category for categories (``MISSING_CATEGORY`` when it has none).
-    ``drop_rows_below`` and ``drop_cols_above`` are fractions in [0, 1], or None for no dropping.
-
     Rows whose target is missing, infinite or not a number are dropped. A target counts as labels
     (classification) instead when fewer than half of its present values are numbers; then only rows
     with a missing label are dropped.
 
-    After ``handle_missing_and_categorical_encoding``: ``X``, ``y``, ``ind`` and ``props`` hold the kept
-    rows (``X`` with every input column, unencoded); ``removed_rows`` the input positions of the dropped
-    rows, of which ``removed_for_target`` were dropped for their target; ``feature_names`` the names of
-    the processed columns (those of the stream's feature space when this chunk was encoded);
-    ``replacements_`` the fill value of each input column (None for columns not encoded).
+    Parameters
+    ----------
+    X : ndarray of shape (n_rows, n_columns)
+        Numeric (NaN for missing) or object (numbers, text, timestamps, None/NaN mixed).
+    y : ndarray of shape (n_rows,) or None
+        The targets.
+    ind : ndarray of shape (n_rows,) or None
+        The rows' sample indices.
+    props : ndarray of shape (n_rows, ...) or None
+        Per-row properties.
+    categorical_features : sequence of int or None
+        Positions of the input columns that are categorical whatever their values.
+    feature_names : sequence of str or None
+        The input columns' names; "f0", "f1", ... when empty.
+    cat_encoding_config : dict or None
+        Read for ``max_categories`` (one-hot columns per input column; further categories share one
+        "<other>" column; no cap when absent), ``max_text_values`` (no limit when absent) and
+        ``feature_space``, the stream's ``FeatureSpace`` (a private one when absent).
+    missing_replacement : sequence or None
+        None or one entry per input column; a None entry means: the stream's mean for numbers, its
+        most frequent category for categories (``MISSING_CATEGORY`` when it has none).
+    drop_rows_below : float or None
+        Rows whose share of present values (over the kept columns) is below it are dropped; in
+        [0, 1], or None for no dropping.
+    drop_cols_above : float or None
+        Columns whose share of missing values is above it are dropped; in [0, 1], or None for no
+        dropping.
+
+    Attributes
+    ----------
+    X, y, ind, props : ndarray or None
+        After ``handle_missing_and_categorical_encoding``, the kept rows (``X`` with every input
+        column, unencoded).
+    removed_rows : ndarray of int64
+        The input positions of the dropped rows.
+    removed_for_target : int
+        How many of them were dropped for their target.
+    feature_names : list of str
+        The names of the processed columns (those of the stream's feature space when this chunk was
+        encoded).
+    replacements_ : list
+        The fill value of each input column (None for columns not encoded).
+    classes_ : ndarray or None
+        The labels of a label target, after ``get_processed_arrays``.
+
+    Raises
+    ------
+    ValueError
+        If ``X`` is not 2-D, the names, replacements, categorical positions or per-row arrays do not
+        match its columns and rows, or a setting is out of range.
+    TypeError
+        If ``cat_encoding_config["feature_space"]`` is not a ``FeatureSpace``.
     """
 
     def __init__(
@@ -168,12 +206,24 @@ class DataAutoProcessor:
         columns) is below ``drop_rows_below``; encode the kept columns in the stream's feature space,
         which first learns this chunk's new columns and categories (categories most frequent first, ties
         in order of appearance, at most ``max_categories`` per column plus one "<other>" column) and
-        fills missing values. The matrix has a column for every name in ``feature_names``; those of
-        input columns dropped here are 0. Call it once per processor.
+        fills missing values. Call it once per processor.
 
-        ``sparse_threshold`` is the share of non-zero entries below which a sparse result would pay off
-        (0 means always dense). The library has no sparse matrix type, so the result is dense whatever
-        the share; the value is only checked to be in [0, 1].
+        Parameters
+        ----------
+        sparse_threshold : float, default=0.01
+            The share of non-zero entries below which a sparse result would pay off (0 means always
+            dense). The library has no sparse matrix type, so the result is dense whatever the share;
+            the value is only checked to be in [0, 1].
+
+        Returns
+        -------
+        ndarray of shape (n_kept_rows, len(feature_names))
+            The processed matrix; the columns of input columns dropped here are 0.
+
+        Raises
+        ------
+        ValueError
+            If ``sparse_threshold`` is not in [0, 1].
         """
         if not 0.0 <= sparse_threshold <= 1.0:
             raise ValueError(f"sparse_threshold must be in [0, 1], got {sparse_threshold!r}")
@@ -234,11 +284,18 @@ class DataAutoProcessor:
         return matrix
 
     def get_processed_arrays(self) -> Tuple[np.ndarray | None, np.ndarray | None, np.ndarray | None]:
-        """Return ``(y_processed, ind, props)`` for the kept rows.
+        """Return the processed targets, the sample indices and the properties of the kept rows.
 
-        ``y_processed`` is None when ``y`` is None; numeric targets come as they are, object targets that
-        are all numbers as float64, and other labels as int64 codes of the labels (as text) in sorted
-        order, the labels kept in ``classes_``.
+        Returns
+        -------
+        y_processed : ndarray or None
+            None when ``y`` is None; numeric targets come as they are, object targets that are all
+            numbers as float64, and other labels as int64 codes of the labels (as text) in sorted
+            order, the labels kept in ``classes_``.
+        ind : ndarray or None
+            The kept rows' sample indices.
+        props : ndarray or None
+            The kept rows' properties.
         """
         y = self.y
         if y is not None and y.dtype.kind not in "biuf":
@@ -250,7 +307,7 @@ class DataAutoProcessor:
         return y, self.ind, self.props
 
     def _unusable_targets(self) -> np.ndarray:
-        """The mask of rows whose target is missing, infinite, or (for a numeric target) not a number."""
+        """Return the mask of rows whose target is missing, infinite, or (numeric target) not a number."""
         y = self.y
         n_rows = self.X.shape[0]
         if y is None:
