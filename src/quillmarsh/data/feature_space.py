@@ -54,12 +54,23 @@ numeric (or a timestamp column); its other values then count as missing."""
 
 
 def category_key(value: Any) -> str:
-    """The category of a present value: the text itself, or the text form of any other value."""
+    """Return the category of a present value: the text itself, or the text form of any other value.
+
+    Parameters
+    ----------
+    value : object
+        A present value of a categorical column.
+
+    Returns
+    -------
+    str
+        The category's key.
+    """
     return value if isinstance(value, str) else str(value)
 
 
 def _category_codes(values: np.ndarray) -> Tuple[np.ndarray, List[str]]:
-    """The category of every present value, as codes into the list of distinct categories.
+    """Return the category of every present value, as codes into the list of distinct categories.
 
     The categories are listed in the order they first occur. Text, integers and booleans are grouped
     by value at once, and only the distinct values are turned into category keys; values of other
@@ -78,7 +89,20 @@ def _category_codes(values: np.ndarray) -> Tuple[np.ndarray, List[str]]:
 
 
 def as_numbers(column: np.ndarray) -> np.ndarray:
-    """Return the column as a new, writable float64 array; values that are not numbers become NaN."""
+    """Return the column as a new, writable float64 array; values that are not numbers become NaN.
+
+    Timedeltas become seconds.
+
+    Parameters
+    ----------
+    column : ndarray
+        A column of any type.
+
+    Returns
+    -------
+    ndarray of float64
+        The numbers, shaped like ``column``.
+    """
     if column.dtype.kind in "biuf":
         return np.array(column, dtype=np.float64)
     if column.dtype.kind == "m":
@@ -96,6 +120,16 @@ def as_seconds(column: np.ndarray) -> np.ndarray:
 
     Text is read as ISO 8601 (``2024-05-01``, ``2024-05-01 13:45:00``, with or without an offset); a
     timestamp without an offset is taken as UTC.
+
+    Parameters
+    ----------
+    column : ndarray of shape (n,)
+        Datetimes, or objects (timestamps or text).
+
+    Returns
+    -------
+    ndarray of shape (n,), float64
+        The seconds.
     """
     series = pd.Series(column) if column.dtype.kind == "M" else pd.Series(column, dtype=object)
     stamps = pd.to_datetime(series, errors="coerce", format="ISO8601" if column.dtype.kind != "M" else None,
@@ -166,7 +200,13 @@ class FeatureSpace:
             return lines
 
     def to_state(self) -> Dict[str, Any]:
-        """Everything the feature space has learnt, as plain values that JSON can hold."""
+        """Return everything the feature space has learnt, as plain values that JSON can hold.
+
+        Returns
+        -------
+        dict
+            The state, for ``from_state``.
+        """
         with self._lock:
             return {
                 "input_names": None if self._input_names is None else list(self._input_names),
@@ -176,7 +216,18 @@ class FeatureSpace:
 
     @classmethod
     def from_state(cls, state: Dict[str, Any]) -> FeatureSpace:
-        """A feature space that goes on from a state returned by ``to_state``."""
+        """Make a feature space that goes on from a state returned by ``to_state``.
+
+        Parameters
+        ----------
+        state : dict
+            A state returned by ``to_state``.
+
+        Returns
+        -------
+        FeatureSpace
+            A new feature space holding what the state holds.
+        """
         space = cls()
         space._input_names = None if state["input_names"] is None else list(state["input_names"])
         space._columns = [_Column(**column) for column in state["columns"]]
@@ -195,15 +246,47 @@ class FeatureSpace:
         max_text_values: int | None = None,
         learn: bool = True,
     ) -> Tuple[np.ndarray, List[str], List[Any]]:
-        """Encode the ``columns`` of the 2-D ``X`` into this space; return ``(matrix, names, fills)``.
+        """Encode the ``columns`` of the 2-D ``X`` into this space.
 
-        ``missing`` is the mask of missing entries of ``X``; ``categorical`` lists the input columns
-        declared categorical; ``replacements`` holds one fill value per input column (None: the stream's
-        mean, or its most frequent category so far). With ``learn`` the chunk's kinds, categories and
-        sums are added to the space first; without it nothing is added, and unknown categories go to
-        "<other>" (or nowhere when the column has none). The matrix has one column per processed column
-        known now (all of ``names``); a processed column of an input column not in ``columns`` is 0.
-        ``fills`` holds the fill value used for each input column (None for columns not encoded).
+        Parameters
+        ----------
+        X : ndarray of shape (n_rows, n_input_columns)
+            The chunk's input columns.
+        missing : ndarray of bool, shaped like ``X``
+            The mask of missing entries of ``X``.
+        input_names : sequence of str
+            The names of the input columns; the same for every chunk of the stream.
+        columns : sequence of int
+            The input columns to encode.
+        categorical : sequence of int, default=()
+            The input columns declared categorical.
+        replacements : sequence or None, default=None
+            One fill value per input column (None: the stream's mean, or its most frequent category
+            so far).
+        max_categories : int or None, default=None
+            One-hot columns per input column; further categories go to "<other>". None: no cap.
+        max_text_values : int or None, default=None
+            A text column with more distinct values in the first chunk that holds it is left out.
+            None: no limit.
+        learn : bool, default=True
+            Whether the chunk's kinds, categories and sums are added to the space first; without it
+            nothing is added, and unknown categories go to "<other>" (or nowhere when the column has
+            none).
+
+        Returns
+        -------
+        matrix : ndarray of shape (n_rows, len(names)), float64
+            One column per processed column known now; a processed column of an input column not in
+            ``columns`` is 0.
+        names : list of str
+            The names of the processed columns.
+        fills : list
+            The fill value used for each input column (None for columns not encoded).
+
+        Raises
+        ------
+        ValueError
+            If ``input_names`` differ from the names the space holds.
         """
         n_rows = X.shape[0]
         with self._lock:
@@ -288,9 +371,25 @@ class FeatureSpace:
     def transform(self, X: Any, replacements: Sequence[Any] | None = None) -> np.ndarray:
         """Encode rows of the stream's input columns into the current space, learning nothing.
 
-        ``X`` is 2-D with the input columns in order. Missing numbers get the stream's mean, missing
-        categories its most frequent one; a category the stream never placed goes to "<other>" (or
-        nowhere). Returns a float64 matrix with one column per name in ``feature_names``.
+        Missing numbers get the stream's mean, missing categories its most frequent one; a category the
+        stream never placed goes to "<other>" (or nowhere).
+
+        Parameters
+        ----------
+        X : array-like of shape (n_rows, n_input_columns)
+            The input columns, in order.
+        replacements : sequence or None, default=None
+            One fill value per input column; None entries (or None) use the stream's.
+
+        Returns
+        -------
+        ndarray of shape (n_rows, len(feature_names)), float64
+            The encoded rows.
+
+        Raises
+        ------
+        ValueError
+            If ``X`` is not 2-D or has not one column per input column.
         """
         X = np.asarray(X)
         if X.ndim != 2:
@@ -306,7 +405,7 @@ class FeatureSpace:
     def _decide(
         self, column: np.ndarray, missing: np.ndarray, declared: bool, max_text_values: int | None
     ) -> Tuple[str | None, Any]:
-        """The kind of a column seen for the first time, and its numbers when it is numeric or a timestamp."""
+        """Return a new column's kind, and its numbers when it is numeric or a timestamp."""
         if declared:
             return CATEGORICAL, None
         if column.dtype.kind in "biufm":
