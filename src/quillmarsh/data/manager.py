@@ -61,8 +61,19 @@ class FeatureField:
 class DataParams:
     """User-facing preprocessing parameters.
 
-    ``drop_rows_below``: rows whose share of present values is below it are dropped (0 keeps all).
-    ``drop_cols_above``: columns whose share of missing values is above it are dropped (1 keeps all).
+    Parameters
+    ----------
+    features : list of FeatureField, default=[]
+        The input features, in column order.
+    drop_rows_below : float, default=0.0
+        Rows whose share of present values is below it are dropped (0 keeps all); in [0, 1].
+    drop_cols_above : float, default=1.0
+        Columns whose share of missing values is above it are dropped (1 keeps all); in [0, 1].
+
+    Raises
+    ------
+    ValueError
+        If ``drop_rows_below`` or ``drop_cols_above`` is not in [0, 1].
     """
 
     features: List[FeatureField] = field(default_factory=list)
@@ -70,6 +81,7 @@ class DataParams:
     drop_cols_above: float = 1.0
 
     def __post_init__(self) -> None:
+        """Check that both fractions are in [0, 1]."""
         for name in ("drop_rows_below", "drop_cols_above"):
             value = getattr(self, name)
             if not 0.0 <= value <= 1.0:
@@ -78,8 +90,16 @@ class DataParams:
 
 @dataclass
 class DataParamsInternal:
-    """Parameters learnt from the data while streaming: categorical column positions and the missing-value
-    replacements (one per column, None meaning "compute it") aggregated over the chunks seen so far."""
+    """Parameters learnt from the data while streaming.
+
+    Parameters
+    ----------
+    categorical_features_ : list of int, default=[]
+        The positions of the categorical columns.
+    aggregated_missing_replacements : list or None, default=None
+        The missing-value replacements aggregated over the chunks seen so far: one per column, None
+        meaning "compute it".
+    """
 
     categorical_features_: List[int] = field(default_factory=list)
     aggregated_missing_replacements: List[Any] | None = None
@@ -90,6 +110,11 @@ class SaveError(Exception):
 
     ``errors`` lists ``(node_id, exception)`` pairs, oldest first; the first exception is the
     ``__cause__``.
+
+    Parameters
+    ----------
+    errors : list of (hashable, BaseException)
+        The failed saves, by node id, oldest first; at least one.
     """
 
     def __init__(self, errors: List[Tuple[Hashable, BaseException]]) -> None:
@@ -103,14 +128,29 @@ class SaveError(Exception):
 class DataManagerBase(abc.ABC):
     """The interface the chunk layer uses, and the parameters it reads as plain attributes.
 
-    Attributes: ``data_params``, ``data_params_internal``, ``n_jobs`` (parallelism for the caller's own
-    processing; the manager itself saves on one thread), ``verbose`` and ``n_instances`` (the expected
-    total number of samples, or None). Usable as a context manager, which calls ``close`` on exit.
+    Usable as a context manager, which calls ``close`` on exit.
 
-    ``feature_space`` is the stream's ``FeatureSpace``: every preprocessing pass that gets its
-    configuration from ``cat_encoding_config_clear()`` encodes into it, so all chunks share one feature
-    space. ``cat_encoding_config`` holds ``max_categories`` and ``max_text_values`` (see
-    ``DataAutoProcessor``).
+    Parameters
+    ----------
+    data_params : DataParams or None, default=None
+        The preprocessing parameters; None means ``DataParams()``.
+    data_params_internal : DataParamsInternal or None, default=None
+        The parameters learnt while streaming; None means ``DataParamsInternal()``.
+    n_jobs : int or None, default=None
+        Parallelism for the caller's own processing; the manager itself saves on one thread.
+    verbose : int, default=0
+        The verbosity.
+    n_instances : int or None, default=None
+        The expected total number of samples, or None.
+    cat_encoding_config : dict or None, default=None
+        Holds ``max_categories`` and ``max_text_values`` (see ``DataAutoProcessor``); it is deep-copied.
+        None means ``DEFAULT_CAT_ENCODING_CONFIG``.
+
+    Attributes
+    ----------
+    feature_space : FeatureSpace
+        The stream's feature space: every preprocessing pass that gets its configuration from
+        ``cat_encoding_config_clear()`` encodes into it, so all chunks share one feature space.
     """
 
     def __init__(
@@ -137,9 +177,12 @@ class DataManagerBase(abc.ABC):
     def cat_encoding_config_clear(self) -> Dict[str, Any]:
         """Return the categorical-encoding configuration for a new preprocessing pass.
 
-        Each call returns a new dict: a deep copy of the configuration, which the caller may change
-        freely, plus the key ``"feature_space"``, which is the manager's own ``FeatureSpace`` (shared,
-        not copied: the pass adds the columns and categories it finds to it).
+        Returns
+        -------
+        dict
+            A new dict on each call: a deep copy of the configuration, which the caller may change
+            freely, plus the key ``"feature_space"``, which is the manager's own ``FeatureSpace``
+            (shared, not copied: the pass adds the columns and categories it finds to it).
         """
         config = copy.deepcopy(self._cat_encoding_config)
         config["feature_space"] = self.feature_space
@@ -147,38 +190,100 @@ class DataManagerBase(abc.ABC):
 
     @abc.abstractmethod
     def get_removed(self) -> np.ndarray | None:
-        """Return the sorted int64 indices of the samples marked removed, or None when none is."""
+        """Return the sorted int64 indices of the samples marked removed, or None when none is.
+
+        Returns
+        -------
+        ndarray of int64 or None
+            The removed sample indices, sorted.
+        """
 
     @abc.abstractmethod
     def remove_samples(self, indices: Any) -> None:
-        """Mark samples as removed (idempotent)."""
+        """Mark samples as removed (idempotent).
+
+        Parameters
+        ----------
+        indices : array-like of int
+            The sample indices.
+        """
 
     @abc.abstractmethod
     def get_by_nodes(self, node_ids: Sequence[Hashable], with_props: bool = False) -> Dataset:
-        """Return the stored samples of the listed nodes, without the removed ones."""
+        """Return the stored samples of the listed nodes, without the removed ones.
+
+        Parameters
+        ----------
+        node_ids : sequence of hashable
+            The nodes, in the order their rows come.
+        with_props : bool, default=False
+            Whether to return the samples' ``props``.
+
+        Returns
+        -------
+        Dataset
+            The nodes' rows.
+        """
 
     @abc.abstractmethod
     def save_selected_samples_async(
         self, dset: Dataset, indices: Any | None, node_id: Hashable, is_buffer: bool = False
     ) -> None:
-        """Store the selected samples of ``dset`` under ``node_id``, in the background."""
+        """Store the selected samples of ``dset`` under ``node_id``, in the background.
+
+        Parameters
+        ----------
+        dset : Dataset
+            The node's rows.
+        indices : array-like of int or None
+            The sample indices (values of ``dset.ind``) to store; None stores all.
+        node_id : hashable
+            The node's id.
+        is_buffer : bool, default=False
+            Whether the rows are the layer's buffer.
+        """
 
     @abc.abstractmethod
     def wait_for_saves(self, timeout: float | None = None) -> None:
-        """Block until every pending save is stored; raise ``SaveError`` if any failed."""
+        """Block until every pending save is stored; raise ``SaveError`` if any failed.
+
+        Parameters
+        ----------
+        timeout : float or None, default=None
+            The most seconds to wait; None waits as long as it takes.
+        """
 
     @abc.abstractmethod
     def stored_node_ids(self, buffer: bool | None = None) -> List[Hashable]:
-        """List the ids of the stored nodes."""
+        """List the ids of the stored nodes.
+
+        Parameters
+        ----------
+        buffer : bool or None, default=None
+            None lists all, True only buffers, False only the other nodes.
+
+        Returns
+        -------
+        list of hashable
+            The node ids.
+        """
 
     @abc.abstractmethod
     def close(self, timeout: float | None = None) -> None:
-        """Finish the pending saves and release the manager's resources."""
+        """Finish the pending saves and release the manager's resources.
+
+        Parameters
+        ----------
+        timeout : float or None, default=None
+            The most seconds to wait for the pending saves; None waits as long as it takes.
+        """
 
     def __enter__(self: DataManagerT) -> DataManagerT:
+        """Return the manager, to be closed at the end of the ``with`` block."""
         return self
 
     def __exit__(self, *exc_info: Any) -> None:
+        """Close the manager (see ``close``)."""
         self.close()
 
 
@@ -245,7 +350,7 @@ def _atomic_write(path: str, write: Callable[[IO[bytes]], None], durable: bool =
 
 
 def _node_file_name(node_id: Union[str, int]) -> str:
-    """A file name for a node: its id made file-safe, plus a digest that keeps distinct ids apart."""
+    """Return a node's file name: its id made file-safe, plus a digest that keeps distinct ids apart."""
     safe = re.sub(r"[^A-Za-z0-9._-]", "_", str(node_id))[:64]
     digest = hashlib.sha1(f"{type(node_id).__name__}:{node_id}".encode()).hexdigest()[:12]
     return f"node-{safe}-{digest}.npz"
@@ -272,6 +377,16 @@ class DataManager(DataManagerBase):
     - With ``storage_dir``, node ids must be ``str`` or ``int``; object arrays are pickled into the
       ``.npz`` files, so only point a manager at a directory you trust.
     All maps are guarded by one lock, so reads, removals and saves may come from any threads.
+
+    Parameters
+    ----------
+    data_params, data_params_internal, n_jobs, verbose, n_instances, cat_encoding_config
+        As for ``DataManagerBase``.
+    storage_dir : str or path, default=None
+        The directory the nodes are stored in (created if needed; what an earlier manager left there
+        is loaded); None keeps them in memory.
+    durable : bool, default=True
+        With ``storage_dir``, whether each file is on disk before it takes its name.
     """
 
     def __init__(
@@ -309,12 +424,33 @@ class DataManager(DataManagerBase):
             self._load_directory()
 
     def get_removed(self) -> np.ndarray | None:
-        """Return the sorted int64 indices of the samples marked removed, or None when none is."""
+        """Return the sorted int64 indices of the samples marked removed, or None when none is.
+
+        Returns
+        -------
+        ndarray of int64 or None
+            A copy of the removed sample indices, sorted.
+        """
         with self._cond:
             return self._removed.copy() if self._removed.size else None
 
     def remove_samples(self, indices: Any) -> None:
-        """Mark samples removed; ``indices`` is any array-like of integers or whole floats. Idempotent."""
+        """Mark samples removed. Idempotent.
+
+        With ``storage_dir`` the removals are written to it before they count.
+
+        Parameters
+        ----------
+        indices : array-like
+            Integers, or floats holding whole numbers.
+
+        Raises
+        ------
+        ValueError
+            For floats that are not finite whole numbers.
+        TypeError
+            For booleans and other types.
+        """
         new = _as_index_array(indices)
         with self._cond:
             merged = np.union1d(self._removed, new)
@@ -329,9 +465,26 @@ class DataManager(DataManagerBase):
     def get_by_nodes(self, node_ids: Sequence[Hashable], with_props: bool = False) -> Dataset:
         """Return the stored samples of ``node_ids`` as one ``Dataset``, without the removed samples.
 
-        Rows come in the order of ``node_ids``, then each node's stored order. ``props`` is None unless
-        ``with_props``. Raises ``KeyError`` naming the nodes that were never saved. The arrays returned
-        are the caller's own. An empty list gives an empty ``Dataset`` (``X`` of shape (0, 0)).
+        Waits for the pending saves of the nodes first. The arrays returned are the caller's own.
+
+        Parameters
+        ----------
+        node_ids : sequence of hashable
+            The nodes; their rows come in this order, then each node's stored order.
+        with_props : bool, default=False
+            Whether to return the samples' ``props``; otherwise ``props`` is None.
+
+        Returns
+        -------
+        Dataset
+            The rows; an empty list gives an empty ``Dataset`` (``X`` of shape (0, 0)).
+
+        Raises
+        ------
+        KeyError
+            Naming the nodes that were never saved.
+        ValueError
+            If a field is stored for some of the nodes but not all.
         """
         node_ids = list(node_ids)
         with self._cond:
@@ -356,6 +509,29 @@ class DataManager(DataManagerBase):
 
         Returns at once; the rows are copied before that, and the saver thread stores them. Problems
         with the arguments raise here; failures of the store itself come from ``wait_for_saves``.
+        Saving under a node id again replaces its samples.
+
+        Parameters
+        ----------
+        dset : Dataset or sequence of arrays
+            The node's rows (a plain sequence is made a ``Dataset``).
+        indices : array-like of int or None
+            The sample indices to store; None stores all rows.
+        node_id : hashable
+            The node's id; ``str`` or ``int`` with ``storage_dir``.
+        is_buffer : bool, default=False
+            Whether the rows are the layer's buffer (listed by ``stored_node_ids(buffer=True)``).
+
+        Raises
+        ------
+        TypeError
+            If ``node_id`` is not hashable, or (with ``storage_dir``) not a ``str`` or ``int``; or the
+            indices are not integers.
+        ValueError
+            If a field of ``dset`` has not one row per entry of ``ind``, or the indices are floats
+            that are not whole numbers.
+        RuntimeError
+            If the manager is closed.
         """
         if not isinstance(dset, Dataset):
             dset = Dataset(*dset)
@@ -385,8 +561,19 @@ class DataManager(DataManagerBase):
     def wait_for_saves(self, timeout: float | None = None) -> None:
         """Block until every pending save is stored; then raise ``SaveError`` if any save failed.
 
-        The reported errors are forgotten. Raises ``TimeoutError`` if saves are still pending after
-        ``timeout`` seconds.
+        The reported errors are forgotten.
+
+        Parameters
+        ----------
+        timeout : float or None, default=None
+            The most seconds to wait; None waits as long as it takes.
+
+        Raises
+        ------
+        SaveError
+            If any save failed since the last report.
+        TimeoutError
+            If saves are still pending after ``timeout`` seconds.
         """
         with self._cond:
             if not self._cond.wait_for(lambda: not self._pending, timeout):
@@ -399,6 +586,16 @@ class DataManager(DataManagerBase):
         """List the ids of the stored nodes: all, or only buffers (``True``) or only others (``False``).
 
         Pending saves are not listed until stored; call ``wait_for_saves`` first to include them.
+
+        Parameters
+        ----------
+        buffer : bool or None, default=None
+            None lists all, True only buffers, False only the other nodes.
+
+        Returns
+        -------
+        list of hashable
+            The node ids.
         """
         with self._cond:
             return [node for node, (_, flag) in self._nodes.items() if buffer is None or flag == buffer]
@@ -406,8 +603,19 @@ class DataManager(DataManagerBase):
     def close(self, timeout: float | None = None) -> None:
         """Refuse further saves, finish the pending ones, stop the saver thread, then report failures.
 
-        Idempotent. Raises ``SaveError`` for failed saves not reported yet, and ``TimeoutError`` if the
-        saver has not finished after ``timeout`` seconds.
+        Idempotent. Reads still work after it.
+
+        Parameters
+        ----------
+        timeout : float or None, default=None
+            The most seconds to wait for the saver thread; None waits as long as it takes.
+
+        Raises
+        ------
+        SaveError
+            For failed saves not reported yet.
+        TimeoutError
+            If the saver has not finished after ``timeout`` seconds.
         """
         with self._cond:
             self._closed = True
