@@ -77,7 +77,13 @@ class ManagerSettings:
     cat_encoding_config: Optional[Dict[str, Any]] = None
 
     def make_manager(self) -> DataManager:
-        """Return a new in-memory data manager with these settings, sequential (``n_jobs`` 1), silent."""
+        """Return a new in-memory data manager with these settings, sequential (``n_jobs`` 1), silent.
+
+        Returns
+        -------
+        DataManager
+            A manager holding deep copies of the settings.
+        """
         return DataManager(
             data_params=copy.deepcopy(self.data_params),
             data_params_internal=copy.deepcopy(self.data_params_internal),
@@ -91,19 +97,28 @@ class ManagerSettings:
 class Leaf:
     """One leaf of the stream, as a picklable record.
 
-    - ``node_id``: the node's id (``"buffer"`` for the buffer node, the last leaf).
-    - ``n_rows``: the number of rows of its chunk, as cut.
-    - ``indices``: the sample indices of those rows, in the chunk's order.
-    - ``coresets``: the node's ``ChunkSensitivities`` records, one per parameter record, in order; their
-      coreset dictionaries hold the selected rows only, unless ``build_leaves`` was told otherwise.
-    - ``samples``: per coreset, the rows it selected as a ``Dataset`` (``ind``, ``X`` and ``y`` of the
-      node's dataset after preprocessing, ``sample_weight`` the coreset's weights), or None when the
-      coreset was computed on other rows than the node kept (a later preprocessing pass dropped more).
-      Preprocessing drops rows and turns the target into numbers, but leaves ``X`` as it came: its
-      feature columns, unencoded (text stays text, missing values stay missing), because each worker
-      encodes in a feature space of its own; encode the rows in one space before fitting on them.
-    - ``partition``: the number of the partition it was cut from, or None for a leaf of the client's last
-      layer (built from the rows the partitions left over).
+    Attributes
+    ----------
+    node_id : str
+        The node's id (``"buffer"`` for the buffer node, the last leaf).
+    n_rows : int
+        The number of rows of its chunk, as cut.
+    indices : ndarray
+        The sample indices of those rows, in the chunk's order.
+    coresets : list of ChunkSensitivities
+        The node's records, one per parameter record, in order; their coreset dictionaries hold the
+        selected rows only, unless ``build_leaves`` was told otherwise.
+    samples : list of Dataset or None
+        Per coreset, the rows it selected as a ``Dataset`` (``ind``, ``X`` and ``y`` of the node's
+        dataset after preprocessing, ``sample_weight`` the coreset's weights), or None when the
+        coreset was computed on other rows than the node kept (a later preprocessing pass dropped
+        more). Preprocessing drops rows and turns the target into numbers, but leaves ``X`` as it
+        came: its feature columns, unencoded (text stays text, missing values stay missing), because
+        each worker encodes in a feature space of its own; encode the rows in one space before fitting
+        on them.
+    partition : int or None
+        The number of the partition it was cut from, or None for a leaf of the client's last layer
+        (built from the rows the partitions left over).
     """
 
     node_id: str
@@ -140,6 +155,7 @@ class PartitionFailure:
     traceback: str
 
     def __str__(self) -> str:
+        """Return the partition's number and the error, on one line."""
         return f"partition {self.partition}: {type(self.error).__name__}: {self.error}"
 
 
@@ -148,6 +164,11 @@ class PartitionError(RuntimeError):
 
     ``partition`` is the partition's number, ``error`` the worker's exception (also the ``__cause__``)
     and ``traceback`` its traceback text.
+
+    Parameters
+    ----------
+    failure : PartitionFailure
+        The failed partition.
     """
 
     def __init__(self, failure: PartitionFailure) -> None:
@@ -157,6 +178,7 @@ class PartitionError(RuntimeError):
         super().__init__(f"{failure} (on its worker)")
 
     def __reduce__(self) -> Tuple[Any, Tuple[PartitionFailure]]:
+        """Pickle the error as its failure record, so it crosses processes whole."""
         return type(self), (PartitionFailure(self.partition, self.error, self.traceback),)
 
 
@@ -164,12 +186,21 @@ class PartitionError(RuntimeError):
 class LeafBuild:
     """The result of ``build_leaves``.
 
-    - ``leaves``: every leaf, the partitions' leaves in partition order, then the client's last layer's
-      leaves, the buffer node (if any rows were left) last.
-    - ``failed``: the partitions that failed (only with ``on_error="continue"``), by partition number.
-    - ``partitions``: what each partition that succeeded took on its worker, by partition number.
-    - ``n_rows``: the rows in all leaves; ``tail_seconds``: the client's time in its last layer;
-      ``wall_seconds``: the whole call.
+    Attributes
+    ----------
+    leaves : list of Leaf
+        Every leaf, the partitions' leaves in partition order, then the client's last layer's leaves,
+        the buffer node (if any rows were left) last.
+    failed : list of PartitionFailure
+        The partitions that failed (only with ``on_error="continue"``), by partition number.
+    partitions : list of PartitionStats
+        What each partition that succeeded took on its worker, by partition number.
+    n_rows : int
+        The rows in all leaves.
+    tail_seconds : float
+        The client's time in its last layer.
+    wall_seconds : float
+        The whole call's time.
     """
 
     leaves: List[Leaf]
@@ -185,12 +216,24 @@ class LeafBuild:
         return [leaf for leaf in self.leaves if not leaf.is_buffer]
 
     def coreset_samples(self, position: int = 0) -> Dataset:
-        """The union, over all leaves, of the rows selected by the coreset at ``position`` of each leaf.
+        """Return the union, over all leaves, of the rows selected by the coreset at ``position``.
 
-        A ``Dataset`` of ``ind``, ``X``, ``y`` (None when the stream had no target) and ``sample_weight``;
-        ``X`` holds the feature columns unencoded (see ``Leaf``), so numeric rows without missing values
-        are ready for fitting a weighted model, others need encoding first. Raises ``ValueError`` if a
-        leaf has no samples for it.
+        Parameters
+        ----------
+        position : int, default=0
+            The coreset's position in each leaf's ``samples``.
+
+        Returns
+        -------
+        Dataset
+            ``ind``, ``X``, ``y`` (None when the stream had no target) and ``sample_weight``; ``X``
+            holds the feature columns unencoded (see ``Leaf``), so numeric rows without missing values
+            are ready for fitting a weighted model, others need encoding first.
+
+        Raises
+        ------
+        ValueError
+            If a leaf has no samples for it, or there are no leaves.
         """
         parts = []
         for leaf in self.leaves:
@@ -247,7 +290,7 @@ _PER_ROW_KEYS = ("weights", "sensitivities")
 
 
 def _selected_only(record: Any) -> Any:
-    """The coreset record with its per-row arrays cut down to the selected rows (``idxs``).
+    """Return the coreset record with its per-row arrays cut down to the selected rows (``idxs``).
 
     That is the dictionary form a coreset gives with ``use_keep_selected_only=True``: ``weights[j]`` is
     the weight of row ``idxs[j]``. It keeps the records a small fraction of the chunk's size.
@@ -264,7 +307,7 @@ def _selected_only(record: Any) -> Any:
 
 def _leaf(node: Any, indices: Optional[np.ndarray[Any, Any]], partition: Optional[int],
           full_coresets: bool = False) -> Leaf:
-    """The record of a built node; its dataset and data manager stay behind."""
+    """Return the record of a built node; its dataset and data manager stay behind."""
     assert indices is not None, "the layer built a node without cutting a chunk"
     dset = node.dset
     samples: List[Optional[Dataset]] = []
@@ -306,7 +349,7 @@ def _report(topic: Optional[str], message: Dict[str, int]) -> None:
 
 def _feature_names(columns: Sequence[Any], settings: ManagerSettings, target: Optional[str],
                    index_column: Optional[str]) -> List[Any]:
-    """The feature columns: those the data parameters name, else every column but the target and index."""
+    """Return the feature columns: the data parameters', else all but the target and index columns."""
     named = [feature.name for feature in settings.data_params.features]
     if named:
         missing = [name for name in named if name not in columns]
@@ -317,7 +360,7 @@ def _feature_names(columns: Sequence[Any], settings: ManagerSettings, target: Op
 
 
 def _batches(frame: pd.DataFrame, job: _Job) -> Any:
-    """The partition as datasets of at most ``chunk_size`` rows, so only one batch is copied at a time."""
+    """Return the partition as datasets of at most ``chunk_size`` rows, copied one batch at a time."""
     names = _feature_names(list(frame.columns), job.settings, job.target, job.index_column)
     numeric = all(pd.api.types.is_numeric_dtype(frame[name]) for name in names)
     target_numeric = job.target is not None and pd.api.types.is_numeric_dtype(frame[job.target])
@@ -364,7 +407,7 @@ def _build_partition(frame: Any, partition: int, job: _Job) -> _PartitionResult:
 
 
 def _partitions(data: Any) -> List[Any]:
-    """The partitions of a Dask dataframe, or the given list of delayed (or scattered) partitions."""
+    """Return the partitions of a Dask dataframe, or the given list of delayed (or scattered) ones."""
     is_frame = hasattr(data, "to_delayed") and hasattr(data, "npartitions")
     parts = list(data.to_delayed()) if is_frame else list(data)
     for number, part in enumerate(parts):
@@ -469,30 +512,62 @@ def build_leaves(
 ) -> LeafBuild:
     """Build every leaf of one stream on a ``dask.distributed`` cluster.
 
-    ``data`` is a Dask dataframe, or a list of ``dask.delayed`` objects (or futures, for instance from
-    ``scatter_batches``) that each compute to a pandas DataFrame (one partition). ``target`` names the
-    target column (None: no target). ``settings`` are the data manager's settings (``DataParams`` alone
-    will do); when its data parameters list features, those columns are the features, else every column
-    but the target and ``index_column``. ``params`` are the coreset parameter records and ``chunk_size``
-    the rows per chunk (a positive int).
-
     The sample indices are the frame's index, or the integer column ``index_column``; they should be
     unique over the whole stream (a warning says when they are not).
 
-    ``client`` defaults to the current Dask client. A partition that fails is reported with its number
-    and the worker's error: with ``on_error="raise"`` (the default) the run stops and ``PartitionError``
-    is raised (the remaining partitions are cancelled); with ``on_error="continue"`` the run goes on
-    without that partition's rows and lists it in the result's ``failed``.
+    Parameters
+    ----------
+    data : dask.dataframe.DataFrame or list
+        A Dask dataframe, or a list of ``dask.delayed`` objects (or futures, for instance from
+        ``scatter_batches``) that each compute to a pandas DataFrame (one partition).
+    target : str or None
+        The target column; None for no target.
+    settings : ManagerSettings or DataParams
+        The data manager's settings (``DataParams`` alone will do); when its data parameters list
+        features, those columns are the features, else every column but the target and
+        ``index_column``.
+    params : sequence of ChunkSensitivitiesParams
+        The coreset parameter records.
+    chunk_size : int
+        The rows per chunk, a positive int.
+    client : distributed.Client, default=None
+        The cluster's client; None uses the current Dask client.
+    index_column : str, default=None
+        The integer column holding the sample indices; None uses the frame's index.
+    on_error : {"raise", "continue"}, default="raise"
+        What to do when a partition fails on its worker (it is reported with its number and the
+        worker's error): "raise" stops the run and raises ``PartitionError`` (the remaining
+        partitions are cancelled); "continue" goes on without that partition's rows and lists it in
+        the result's ``failed``.
+    progress : bool or text stream, default=True
+        True shows a progress bar on standard error (rows done with the ETA, leaves done, partitions
+        done); a text stream shows it there; False shows none.
+    n_rows : int, default=None
+        The total number of rows when known, which makes the ETA exact from the start; otherwise it
+        is estimated from the lengths of the partitions started so far.
+    full_coresets : bool, default=False
+        Each leaf's coreset records hold, in their dictionary form, the selected rows only (as a
+        coreset's ``to_dict(use_keep_selected_only=True)`` gives them), so what comes back to the
+        client is a small fraction of the data; True keeps one weight and sensitivity per row, as the
+        node built them.
 
-    ``progress``: True shows a progress bar on standard error (rows done with the ETA, leaves done,
-    partitions done); a text stream shows it there; False shows none. ``n_rows``, the total number of
-    rows when known, makes the ETA exact from the start; otherwise it is estimated from the lengths of
-    the partitions started so far.
+    Returns
+    -------
+    LeafBuild
+        The leaves, the failed partitions and the timings.
 
-    Each leaf's coreset records hold, in their dictionary form, the selected rows only (as a coreset's
-    ``to_dict(use_keep_selected_only=True)`` gives them), so what comes back to the client is a small
-    fraction of the data; ``full_coresets=True`` keeps one weight and sensitivity per row, as the node
-    built them.
+    Raises
+    ------
+    TypeError
+        If ``chunk_size`` is not an int, ``settings`` is of another type, or a partition is neither a
+        Delayed object nor a Future.
+    ValueError
+        If ``chunk_size`` is not positive, ``on_error`` is not a choice, or the data has no feature
+        column.
+    KeyError
+        If the target or index column is not among a Dask dataframe's columns.
+    PartitionError
+        With ``on_error="raise"``, when a partition fails on its worker.
     """
     if isinstance(chunk_size, bool) or not isinstance(chunk_size, (int, np.integer)):
         raise TypeError(f"chunk_size must be an int, got {type(chunk_size).__name__}")
@@ -620,13 +695,37 @@ def scatter_batches(
 ) -> List[distributed.Future[Any]]:
     """Gather datasets made on the client into partitions on the cluster, for ``build_leaves``.
 
-    ``batches`` are ``Dataset`` records (or tuples in its field order: ``ind``, ``X``, ``y``, ...), as a
-    single-process stream is fed. They are joined, in order, into pandas DataFrames of at least
-    ``rows_per_partition`` rows (the last may be shorter): the columns ``feature_names`` from ``X``, the
-    target column ``target`` from ``y`` (unless ``target`` is None), and ``ind`` as the index. Each one is
-    sent to a worker as soon as it is full, so the client holds one partition at a time; the returned
-    futures keep them on the cluster. Meant for data that fits in the cluster's memory; larger data is
-    better read by the workers themselves, as a Dask dataframe.
+    The batches are joined, in order, into pandas DataFrames of at least ``rows_per_partition`` rows
+    (the last may be shorter): the columns ``feature_names`` from ``X``, the target column ``target``
+    from ``y`` (unless ``target`` is None), and ``ind`` as the index. Each one is sent to a worker as
+    soon as it is full, so the client holds one partition at a time. Meant for data that fits in the
+    cluster's memory; larger data is better read by the workers themselves, as a Dask dataframe.
+
+    Parameters
+    ----------
+    client : distributed.Client
+        The cluster's client.
+    batches : iterable of Dataset
+        ``Dataset`` records (or tuples in its field order: ``ind``, ``X``, ``y``, ...), as a
+        single-process stream is fed.
+    feature_names : sequence of str
+        The names of the columns of ``X``.
+    target : str or None, default="y"
+        The target column's name; None leaves ``y`` out.
+    rows_per_partition : int, default=100_000
+        The fewest rows of a partition but the last.
+
+    Returns
+    -------
+    list of distributed.Future
+        One future per partition, which keeps it on the cluster.
+
+    Raises
+    ------
+    TypeError
+        If ``rows_per_partition`` is not an int.
+    ValueError
+        If ``rows_per_partition`` is not positive, or a batch has no ``y`` while ``target`` is set.
     """
     if isinstance(rows_per_partition, bool) or not isinstance(rows_per_partition, int):
         raise TypeError(f"rows_per_partition must be an int, got {type(rows_per_partition).__name__}")
@@ -665,20 +764,42 @@ def scatter_batches(
 def connect(
     address: str = "local", n_workers: Optional[int] = None, **cluster_options: Any
 ) -> distributed.Client:
-    """Return a ``distributed.Client``: on a new local cluster for ``"local"``, else on the scheduler at
-    ``address`` (for instance ``"tcp://10.0.0.5:8786"``).
+    """Return a ``distributed.Client``, on a new local cluster or on a running scheduler.
 
-    The local cluster runs ``n_workers`` worker processes (Dask's default when None) of one thread each,
-    so each worker streams one partition at a time; ``cluster_options`` go to ``LocalCluster``. Closing
-    the client closes a local cluster too. Use the client as a context manager, or call ``close()``.
-    When the client cannot start, its error is raised without the frames of the failed start, and the
-    half-made client is collected before: so a later client of this process starts safely.
+    The local cluster runs worker processes of one thread each, so each worker streams one partition
+    at a time. Closing the client closes a local cluster too. Use the client as a context manager, or
+    call ``close()``. When the client cannot start, its error is raised without the frames of the failed
+    start, and the half-made client is collected before: so a later client of this process starts
+    safely.
 
     The local workers start without the ``MALLOC_TRIM_THRESHOLD_`` that Dask sets for its workers by
     default (unless it is set in this process's environment): setting it turns off the C library's
     adaptive threshold for serving large allocations from the heap, so every temporary array of a chunk
     build is mapped and unmapped afresh, which doubled the CPU time of the builds here (see
     ``benchmarks/README.md``). The peak memory stayed the same.
+
+    Parameters
+    ----------
+    address : str, default="local"
+        ``"local"`` for a new local cluster, else the scheduler's address (for instance
+        ``"tcp://10.0.0.5:8786"``).
+    n_workers : int, default=None
+        The local cluster's worker processes; None takes Dask's default.
+    **cluster_options
+        Passed on to ``LocalCluster``.
+
+    Returns
+    -------
+    distributed.Client
+        The connected client.
+
+    Raises
+    ------
+    TypeError
+        If ``n_workers`` or cluster options are given with a scheduler's address.
+    Exception
+        Whatever error keeps the client from starting (an ``OSError`` or ``TimeoutError`` when the
+        scheduler cannot be reached, for instance).
     """
     if address != "local" and (n_workers is not None or cluster_options):
         raise TypeError("n_workers and cluster options apply to a local cluster only")
