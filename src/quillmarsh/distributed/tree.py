@@ -41,7 +41,26 @@ def build_leaf(
     reducer: Reducer,
     leaf_index: int,
 ) -> List[Coreset]:
-    """On a worker: build one chunk into a leaf, as the chunk layer would, and return its samples."""
+    """Build one chunk into a leaf on a worker, as the chunk layer would, and return its samples.
+
+    Parameters
+    ----------
+    dataset : Dataset
+        The chunk, already encoded in the stream's feature space.
+    params : list of ChunkSensitivitiesParams
+        The coreset parameter records.
+    feature_names : list of str
+        The names of the chunk's feature columns.
+    reducer : Reducer
+        The tree's reducer, which samples the leaf.
+    leaf_index : int
+        The leaf's position in the stream.
+
+    Returns
+    -------
+    list of Coreset
+        The leaf's sample for each coreset object.
+    """
     manager = DataManager(data_params=DataParams(features=[FeatureField(name) for name in feature_names]))
     node = ChunkNode(dataset, params, None, None, manager).build()
     return reducer.leaf(node, leaf_index)
@@ -50,13 +69,42 @@ def build_leaf(
 def merge_nodes(
     reducer: Reducer, level: int, index: int, left: List[Coreset], right: List[Coreset]
 ) -> List[Coreset]:
-    """On a worker: the node at (level, index) of every coreset object, from its two children."""
+    """Merge two children on a worker into the node at (level, index), for every coreset object.
+
+    Parameters
+    ----------
+    reducer : Reducer
+        The tree's reducer.
+    level : int
+        The merged node's level.
+    index : int
+        The merged node's position in its level.
+    left, right : list of Coreset
+        The children's summaries, one per coreset object.
+
+    Returns
+    -------
+    list of Coreset
+        The merged node's summaries, one per coreset object.
+    """
     return [reducer.merge(t, level, index, left[t], right[t]) for t in range(len(left))]
 
 
 @dataclass
 class RemoteLeaf:
-    """What the chunk layer hands back for a chunk sent to the cluster: its id, rows and the future."""
+    """What the chunk layer hands back for a chunk sent to the cluster.
+
+    Attributes
+    ----------
+    node_id : str
+        The leaf's node id.
+    index : int
+        The leaf's position in the stream.
+    ids : ndarray of int64
+        The ids of the leaf's rows.
+    future : distributed.Future
+        The future of the leaf's summaries (see ``build_leaf``).
+    """
 
     node_id: str
     index: int
@@ -64,6 +112,13 @@ class RemoteLeaf:
     future: Any
 
     def is_buffer(self) -> bool:
+        """Tell whether the leaf is the buffer node: never, the buffer node is built locally.
+
+        Returns
+        -------
+        bool
+            False.
+        """
         return False
 
 
@@ -96,7 +151,7 @@ class RemoteLayer(ChunkLayer):
         return RemoteLeaf(node_id, index, np.asarray(encoded.ind, dtype=np.int64), future)
 
     def _encoded(self, dset: Dataset) -> Dataset:
-        """The chunk preprocessed here as a node would (numbers in the stream's feature space)."""
+        """Return the chunk preprocessed here as a node would (numbers in the stream's feature space)."""
         if np.asarray(dset.X).dtype.kind in "biuf":
             return dset  # numbers preprocess to themselves
         manager = self.data_manager
@@ -118,7 +173,15 @@ class RemoteLayer(ChunkLayer):
 
 
 class RemoteMerges:
-    """The merges of one tree submitted on the cluster, gathered into the tree's store when done."""
+    """The merges of one tree submitted on the cluster, gathered into the tree's store when done.
+
+    Parameters
+    ----------
+    tree : CoresetTree
+        The tree whose nodes are merged.
+    client : distributed.Client
+        The cluster's client.
+    """
 
     def __init__(self, tree: CoresetTree, client: Any) -> None:
         self.tree = tree
@@ -126,7 +189,13 @@ class RemoteMerges:
         self.pending: Dict[Tuple[int, int], Any] = {}  # (level, index) -> future of its summaries
 
     def place(self, leaf: RemoteLeaf) -> None:
-        """Add a submitted leaf; submit the merges it completes."""
+        """Add a submitted leaf; submit the merges it completes.
+
+        Parameters
+        ----------
+        leaf : RemoteLeaf
+            The leaf sent to the cluster.
+        """
         level, index, node = 0, leaf.index, leaf.future
         self.pending[(level, index)] = node
         while True:
@@ -148,7 +217,7 @@ class RemoteMerges:
             self.pending[(level, index)] = node
 
     def _open(self, key: Tuple[int, int]) -> Optional[Any]:
-        """The node ``key`` when it waits for its sibling: submitted here, or kept open by the tree."""
+        """Return the node ``key`` if it waits for its sibling: submitted here, or kept open by the tree."""
         if key in self.pending:
             return self.pending[key]
         level, index = key
