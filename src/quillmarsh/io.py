@@ -62,11 +62,33 @@ __all__ = [
 class StoredCoreset:
     """One coreset of one node: weighted rows that stand for the node's rows for one model family.
 
-    ``node_id``: the node's id; ``rows``: the rows the node kept after preprocessing (what the coreset
-    stands for); ``model``: the model family ("kmeans", "linear_regression", ...); ``parameters``: the
-    coreset's parameters (JSON values); ``feature_names``: the names of the columns of ``X``; ``X``: 2-D
-    float array, one row per coreset row; ``y``: 1-D targets or None; ``weights``: one weight per row;
-    ``ind``: the rows' sample indices.
+    Parameters
+    ----------
+    node_id : str
+        The node's id.
+    rows : int
+        The rows the node kept after preprocessing (what the coreset stands for).
+    model : str
+        The model family ("kmeans", "linear_regression", ...).
+    parameters : dict
+        The coreset's parameters (JSON values).
+    feature_names : list of str
+        The names of the columns of ``X``.
+    X : ndarray of shape (n_coreset_rows, len(feature_names))
+        Floats, one row per coreset row.
+    y : ndarray of shape (n_coreset_rows,) or None
+        The targets.
+    weights : ndarray of shape (n_coreset_rows,)
+        One weight per row.
+    ind : ndarray of shape (n_coreset_rows,)
+        The rows' sample indices.
+    extra : dict, default={}
+        Further JSON values saved with the coreset.
+
+    Raises
+    ------
+    ValueError
+        If the arrays do not have one entry per coreset row, or ``X`` not one column per name.
     """
 
     node_id: str
@@ -81,6 +103,7 @@ class StoredCoreset:
     extra: Dict[str, Any] = field(default_factory=dict)
 
     def __post_init__(self) -> None:
+        """Check that the arrays agree in length and ``X`` with the names."""
         n = len(self.weights)
         if np.ndim(self.X) != 2 or len(self.X) != n or len(self.ind) != n:
             raise ValueError(f"X, weights and ind must have one entry per coreset row ({n})")
@@ -98,9 +121,29 @@ def _file_name(number: int, coreset: StoredCoreset) -> str:
 def save_coresets(directory: PathLike, coresets: Sequence[StoredCoreset], overwrite: bool = False) -> str:
     """Write ``coresets`` to ``directory`` (created if needed) and return the manifest's path.
 
-    A folder that is not empty is refused with ``FileExistsError`` unless ``overwrite`` is true; then
-    the files of an earlier save there (its manifest and the files it lists) are removed first, and
-    other files are left alone. A path that is a file raises ``NotADirectoryError``.
+    The manifest is written last, so a folder that has one is complete.
+
+    Parameters
+    ----------
+    directory : str or os.PathLike
+        The folder.
+    coresets : sequence of StoredCoreset
+        The coresets, in the order ``load_coresets`` returns them.
+    overwrite : bool, default=False
+        Whether a folder that is not empty is accepted; then the files of an earlier save there (its
+        manifest and the files it lists) are removed first, and other files are left alone.
+
+    Returns
+    -------
+    str
+        The path of the manifest.
+
+    Raises
+    ------
+    FileExistsError
+        If the folder is not empty and ``overwrite`` is false.
+    NotADirectoryError
+        If ``directory`` is a file.
     """
     directory = os.fspath(directory)
     if os.path.exists(directory) and not os.path.isdir(directory):
@@ -147,8 +190,22 @@ def save_coresets(directory: PathLike, coresets: Sequence[StoredCoreset], overwr
 def load_coresets(directory: PathLike) -> List[StoredCoreset]:
     """Load the coresets that ``save_coresets`` wrote to ``directory``, in the order they were saved.
 
-    Raises ``FileNotFoundError`` when the folder has no manifest, and ``ValueError`` when the manifest
-    is not one this version reads.
+    Parameters
+    ----------
+    directory : str or os.PathLike
+        The folder.
+
+    Returns
+    -------
+    list of StoredCoreset
+        The coresets.
+
+    Raises
+    ------
+    FileNotFoundError
+        When the folder has no manifest, or a file it lists is missing.
+    ValueError
+        When the manifest is not one this version reads.
     """
     directory = os.fspath(directory)
     manifest_path = os.path.join(directory, MANIFEST)
@@ -200,7 +257,18 @@ class TableReader:
     """A CSV or Parquet file read in batches of rows; see ``iter_table``.
 
     Every iteration reads the file afresh from its start, so a caller that needs two passes iterates
-    twice. Attributes, valid from construction on:
+    twice. The attributes are valid from construction on.
+
+    Parameters
+    ----------
+    path : str or os.PathLike
+        The file.
+    batch_rows : int
+        The most rows of a batch.
+    columns : sequence of str, optional
+        Read only these columns (kept in the file's order). All columns by default.
+    format : {"csv", "parquet"}, optional
+        Read the file in this format whatever its suffix (by default the suffix decides).
 
     Attributes
     ----------
@@ -221,6 +289,13 @@ class TableReader:
         Data rows yielded by the current (or last) iteration.
     num_rows : int or None
         The file's data rows when known without reading it (Parquet), else None.
+
+    Raises
+    ------
+    FileNotFoundError
+        When the file does not exist.
+    ValueError
+        As listed for ``iter_table``.
     """
 
     def __init__(self, path: PathLike, batch_rows: int, columns: Optional[Sequence[str]] = None,
@@ -370,6 +445,7 @@ class TableReader:
         return batch
 
     def __iter__(self) -> Iterator[pd.DataFrame]:
+        """Return a new iteration over the file's batches, from its start."""
         self.rows_read = 0
         self.bytes_read = 0
         if self.format == "csv":
@@ -377,6 +453,7 @@ class TableReader:
         return self._iter_parquet()
 
     def __repr__(self) -> str:
+        """Return the reader's path, batch size and format."""
         return f"TableReader({self.path!r}, batch_rows={self.batch_rows}, format={self.format!r})"
 
 
@@ -426,7 +503,7 @@ def iter_table(path: PathLike, batch_rows: int, columns: Optional[Sequence[str]]
 
 
 def rows_at(batches: Iterable[pd.DataFrame], positions: Any) -> pd.DataFrame:
-    """The rows at ``positions`` of a stream of batches numbered by row, in one streamed pass.
+    """Return the rows at ``positions`` of a stream of batches numbered by row, in one streamed pass.
 
     Parameters
     ----------
@@ -471,7 +548,7 @@ def rows_at(batches: Iterable[pd.DataFrame], positions: Any) -> pd.DataFrame:
 
 
 def _arrow_safe(frame: pd.DataFrame) -> pd.DataFrame:
-    """A text column that mixes text with numbers (batches read with different types) becomes text."""
+    """Return the frame with text columns that mix text with numbers (batches read apart) as text."""
     out = frame.copy()
     for name in out.columns:
         column = out[name]
@@ -493,7 +570,9 @@ def write_parquet(frame: pd.DataFrame, path: PathLike, index: bool = False) -> N
     Parameters
     ----------
     frame : pandas.DataFrame
+        The table.
     path : str or os.PathLike
+        The file to write.
     index : bool, default False
         Whether to store the frame's index as a column.
     """
@@ -505,7 +584,7 @@ def write_parquet(frame: pd.DataFrame, path: PathLike, index: bool = False) -> N
 
 @contextmanager
 def atomic_folder(path: PathLike, overwrite: bool = False) -> Iterator[str]:
-    """A folder filled under a temporary name and renamed to ``path`` only when the block succeeds.
+    """Fill a folder under a temporary name, renamed to ``path`` only when the block succeeds.
 
     The temporary folder is a sibling of ``path`` (same file system, so the rename is atomic). If the
     block raises (``KeyboardInterrupt`` included), it is removed and ``path`` is left as it was. On
@@ -613,7 +692,18 @@ class SpilledBatches:
         self._names: Optional[List[str]] = None
 
     def append(self, **arrays: np.ndarray) -> None:
-        """Spill one batch: arrays by name, each with one entry per row (the same names every time)."""
+        """Spill one batch: arrays by name, each with one entry per row (the same names every time).
+
+        Parameters
+        ----------
+        **arrays : ndarray
+            The batch's arrays by name.
+
+        Raises
+        ------
+        ValueError
+            If the names differ from the first batch's, or the arrays differ in length.
+        """
         names = sorted(arrays)
         if self._names is None:
             self._names = names
@@ -630,12 +720,14 @@ class SpilledBatches:
         self.nbytes += sum(np.asarray(a).nbytes for a in arrays.values())
 
     def __iter__(self) -> Iterator[Dict[str, np.ndarray]]:
+        """Yield the batches in order, one at a time, as dicts of arrays by name."""
         for number in range(self.n_batches):
             path = os.path.join(self.folder, f"batch-{number:07d}.npz")
             with np.load(path, allow_pickle=False) as data:
                 yield {name: data[name] for name in data.files}
 
     def __len__(self) -> int:
+        """Return the number of batches appended."""
         return self.n_batches
 
     def close(self) -> None:
@@ -643,7 +735,9 @@ class SpilledBatches:
         shutil.rmtree(self.folder, ignore_errors=True)
 
     def __enter__(self) -> SpilledBatches:
+        """Return the spill, to be closed at the end of the ``with`` block."""
         return self
 
     def __exit__(self, *exc_info: object) -> None:
+        """Remove the folder (see ``close``)."""
         self.close()
