@@ -85,7 +85,7 @@ BatchStream = Union[Iterable[Batch], Callable[[], Iterable[Batch]]]
 
 
 def _check_2d(X: Any, name: str = "X", n_features: Optional[int] = None) -> np.ndarray:
-    """A 2-D float array of finite values (float32 stays float32; other types become float64)."""
+    """Return a 2-D float array of finite values (float32 stays float32; other types become float64)."""
     arr = np.asarray(X)
     if arr.ndim != 2:
         raise ValueError(f"{name} must be 2-D (rows, features), got {arr.ndim}-D")
@@ -142,12 +142,16 @@ def _not_fitted(name: str) -> ValueError:
 
 
 def kmeans_cost(X: Any, centers: Any, sample_weight: Any = None) -> float:
-    """The k-means cost of ``centers`` on a batch: weighted sum of squared distances to the nearest centre.
+    """Return the k-means cost of ``centers`` on a batch.
+
+    The cost is the weighted sum of the squared distances of the rows to their nearest centre.
 
     Parameters
     ----------
     X : array-like of shape (n_samples, n_features)
+        The rows: finite numbers.
     centers : array-like of shape (n_centers, n_features)
+        The centres, at least one.
     sample_weight : array-like of shape (n_samples,), optional
         One non-negative weight per row; 1 by default.
 
@@ -155,6 +159,12 @@ def kmeans_cost(X: Any, centers: Any, sample_weight: Any = None) -> float:
     -------
     float
         The cost, summed in float64 (0.0 for a batch without rows).
+
+    Raises
+    ------
+    ValueError
+        If ``X`` or ``centers`` is not 2-D and finite, they differ in features, ``centers`` is empty,
+        or the weights are not one finite, non-negative value per row.
     """
     X = _check_2d(X)
     centers = _check_2d(centers, "centers", n_features=X.shape[1])
@@ -168,13 +178,14 @@ def kmeans_cost(X: Any, centers: Any, sample_weight: Any = None) -> float:
 
 
 def streamed_kmeans_cost(batches: BatchStream, centers: Any) -> float:
-    """The k-means cost of ``centers`` over a stream of batches (``y`` is ignored).
+    """Return the k-means cost of ``centers`` over a stream of batches (``y`` is ignored).
 
     Parameters
     ----------
     batches : iterable of batches, or a callable that returns one
         Arrays ``X``, or ``(X, y)`` / ``(X, y, sample_weight)`` tuples.
     centers : array-like of shape (n_centers, n_features)
+        The centres, at least one.
 
     Returns
     -------
@@ -289,30 +300,36 @@ class StreamingStandardizer:
 
     @property
     def n_features_in_(self) -> int:
+        """Features of the rows fed."""
         if self._mean is None:
             raise _not_fitted(type(self).__name__)
         return len(self._mean)
 
     @property
     def mean_(self) -> np.ndarray:
+        """Weighted means of the features."""
         return self._state()[0]
 
     @property
     def var_(self) -> np.ndarray:
+        """Weighted population variances of the features."""
         return self._state()[1]
 
     @property
     def scale_(self) -> np.ndarray:
+        """Standard deviations of the features, 1.0 for the constant columns."""
         _, var, constant = self._state()
         scale: np.ndarray = np.where(constant | (var <= 0), 1.0, np.sqrt(var))
         return scale
 
     @property
     def constant_columns_(self) -> np.ndarray:
+        """Indices of the columns with zero variance."""
         return np.flatnonzero(self._state()[2])
 
     @property
     def kept_columns_(self) -> np.ndarray:
+        """Indices of the columns ``transform`` returns."""
         constant = self._state()[2]
         return np.flatnonzero(~constant) if self.drop_constant else np.arange(len(constant))
 
@@ -322,11 +339,17 @@ class StreamingStandardizer:
         Parameters
         ----------
         X : array-like of shape (n_samples, n_features_in_)
+            Finite numbers.
 
         Returns
         -------
         numpy.ndarray of shape (n_samples, len(kept_columns_))
             In the float type of ``X`` (float64 for non-float input).
+
+        Raises
+        ------
+        ValueError
+            If no row was fed yet, or ``X`` is not a finite 2-D array of ``n_features_in_`` columns.
         """
         X = _check_2d(X, n_features=self.n_features_in_)
         kept = self.kept_columns_
@@ -397,6 +420,7 @@ class StreamingLeastSquares:
         X : array-like of shape (n_samples, n_features)
             Finite numbers; the same number of features in every batch.
         y : array-like of shape (n_samples,)
+            Finite targets.
         sample_weight : array-like of shape (n_samples,), optional
             One non-negative weight per row; 1 by default.
 
@@ -404,6 +428,11 @@ class StreamingLeastSquares:
         -------
         StreamingLeastSquares
             self.
+
+        Raises
+        ------
+        ValueError
+            If the arrays are not finite numbers of matching shapes.
         """
         X = _check_2d(X, n_features=None if self._shift is None else len(self._shift) - 1)
         y = _check_y(y, len(X))
@@ -441,12 +470,14 @@ class StreamingLeastSquares:
 
     @property
     def n_features_in_(self) -> int:
+        """Features of the rows fed."""
         if self._shift is None:
             raise _not_fitted(type(self).__name__)
         return len(self._shift) - 1
 
     @property
     def constant_columns_(self) -> np.ndarray:
+        """Columns with a single value among the rows of positive weight."""
         if self._min is None or self._max is None:
             raise _not_fitted(type(self).__name__)
         return np.flatnonzero(self._min == self._max)
@@ -496,26 +527,36 @@ class StreamingLeastSquares:
 
     @property
     def coef_(self) -> np.ndarray:
+        """The coefficients, one per feature."""
         return self._solve()[0].copy()
 
     @property
     def intercept_(self) -> float:
+        """The intercept; 0.0 without ``fit_intercept``."""
         return self._solve()[1]
 
     @property
     def rank_(self) -> int:
+        """Rank of the standardised design without the constant columns."""
         return self._solve()[2]
 
     def predict(self, X: Any) -> np.ndarray:
-        """Predictions ``X @ coef_ + intercept_`` for a batch (float64).
+        """Predict ``X @ coef_ + intercept_`` for a batch (float64).
 
         Parameters
         ----------
         X : array-like of shape (n_samples, n_features_in_)
+            Finite numbers.
 
         Returns
         -------
         numpy.ndarray of shape (n_samples,)
+            The predictions.
+
+        Raises
+        ------
+        ValueError
+            If no row was fed yet, or ``X`` is not a finite 2-D array of ``n_features_in_`` columns.
         """
         coef, intercept, _ = self._solve()
         X = _check_2d(X, n_features=len(coef))
@@ -523,13 +564,16 @@ class StreamingLeastSquares:
         return prediction
 
     def loss(self, X: Any, y: Any, sample_weight: Any = None) -> float:
-        """The summed (weighted) squared loss of the model on a batch.
+        """Return the summed (weighted) squared loss of the model on a batch.
 
         Parameters
         ----------
         X : array-like of shape (n_samples, n_features_in_)
+            Finite numbers.
         y : array-like of shape (n_samples,)
+            Finite targets.
         sample_weight : array-like of shape (n_samples,), optional
+            One non-negative weight per row; 1 by default.
 
         Returns
         -------
@@ -542,17 +586,21 @@ class StreamingLeastSquares:
         return float(weight @ np.square(y - prediction))
 
     def score(self, X: Any, y: Any, sample_weight: Any = None) -> float:
-        """R^2 of the model on a batch (NaN when ``y`` does not vary).
+        """Return R^2 of the model on a batch (NaN when ``y`` does not vary).
 
         Parameters
         ----------
         X : array-like of shape (n_samples, n_features_in_)
+            Finite numbers.
         y : array-like of shape (n_samples,)
+            Finite targets.
         sample_weight : array-like of shape (n_samples,), optional
+            One non-negative weight per row; 1 by default.
 
         Returns
         -------
         float
+            The coefficient of determination.
         """
         return RegressionScore().update(y, self.predict(X), sample_weight).r2_
 
@@ -589,13 +637,22 @@ class RegressionScore:
 
         Parameters
         ----------
-        y_true, y_pred : array-like of shape (n_samples,)
+        y_true : array-like of shape (n_samples,)
+            Finite targets.
+        y_pred : array-like of shape (n_samples,)
+            Finite predictions.
         sample_weight : array-like of shape (n_samples,), optional
+            One non-negative weight per row; 1 by default.
 
         Returns
         -------
         RegressionScore
             self.
+
+        Raises
+        ------
+        ValueError
+            If the arrays are not finite numbers of one value per row.
         """
         y_true = _check_y(y_true, len(np.asarray(y_true)))
         y_pred = _check_y(y_pred, len(y_true))
@@ -616,14 +673,17 @@ class RegressionScore:
 
     @property
     def total_sum_of_squares_(self) -> float:
+        """``sum_i w_i (y_i - mean(y))^2``."""
         return self._m2
 
     @property
     def r2_(self) -> float:
+        """``1 - loss_ / total_sum_of_squares_`` (NaN when ``y`` does not vary)."""
         return 1.0 - self.loss_ / self._m2 if self._m2 > 0 else float("nan")
 
     @property
     def mean_loss_(self) -> float:
+        """``loss_ / sum_weights_`` (NaN before any weight)."""
         return self.loss_ / self.sum_weights_ if self.sum_weights_ > 0 else float("nan")
 
 
@@ -635,11 +695,17 @@ def streamed_regression_score(model: Any, batches: BatchStream) -> RegressionSco
     model : object with ``predict(X)``
         ``StreamingLeastSquares``, a scikit-learn regressor, ...
     batches : iterable of batches, or a callable that returns one
+        ``(X, y)`` or ``(X, y, sample_weight)`` tuples.
 
     Returns
     -------
     RegressionScore
         Its ``loss_`` and ``r2_`` over every batch.
+
+    Raises
+    ------
+    ValueError
+        If a batch has no ``y``.
     """
     score = RegressionScore()
     for batch in _one_pass(batches, 1):
@@ -692,7 +758,7 @@ class ReservoirSample:
 
     @staticmethod
     def _store(buffer: Optional[np.ndarray], values: np.ndarray, size: int) -> np.ndarray:
-        """A buffer of ``size`` entries shaped like ``values``'s rows, widened to hold their type."""
+        """Return a buffer of ``size`` entries shaped like ``values``'s rows, widened to hold their type."""
         if buffer is None:
             return np.empty((size, *values.shape[1:]), dtype=values.dtype)
         if buffer.shape[1:] != values.shape[1:]:
@@ -716,6 +782,12 @@ class ReservoirSample:
         -------
         ReservoirSample
             self.
+
+        Raises
+        ------
+        ValueError
+            If ``X`` is a scalar, ``y`` or ``ids`` has not one entry per row, ``y`` comes with some
+            batches but not all, or the rows' shape differs from earlier batches'.
         """
         X = np.asarray(X)
         if X.ndim < 1:
@@ -772,22 +844,26 @@ class ReservoirSample:
 
     @property
     def X(self) -> np.ndarray:  # noqa: N802  (the rows, named as everywhere else)
+        """The sampled rows (a copy)."""
         if self._X is None:
             raise _not_fitted(type(self).__name__)
         return self._X[: self.count].copy()
 
     @property
     def y(self) -> Optional[np.ndarray]:
+        """The sampled rows' targets (a copy), or None when no batch had one."""
         return None if self._y is None else self._y[: self.count].copy()
 
     @property
     def ids(self) -> np.ndarray:
+        """The sampled rows' ids (a copy)."""
         if self._ids is None:
             raise _not_fitted(type(self).__name__)
         return self._ids[: self.count].copy()
 
     @property
     def weights(self) -> np.ndarray:
+        """``n / min(m, n)`` for every sampled row: the rows each one stands for."""
         count = self.count
         return np.full(count, self.n_samples_seen_ / count if count else 1.0)
 
@@ -805,7 +881,7 @@ def _unpack(batch: Batch) -> Tuple[Any, Any, Any]:
 
 
 def _one_pass(batches: BatchStream, passes: int) -> Iterator[Batch]:
-    """One pass over the stream, for a caller that makes ``passes`` passes in all."""
+    """Return one pass over the stream, for a caller that makes ``passes`` passes in all."""
     if callable(batches):
         return iter(batches())
     iterator = iter(batches)
@@ -816,11 +892,15 @@ def _one_pass(batches: BatchStream, passes: int) -> Iterator[Batch]:
 
 
 def standardized(batches: BatchStream, standardizer: StreamingStandardizer) -> Callable[[], Iterator[Batch]]:
-    """The stream with every ``X`` standardised by a fitted ``standardizer`` (``y`` and weights as they are).
+    """Return the stream with every ``X`` standardised by a fitted ``standardizer``.
+
+    ``y`` and the weights stay as they are.
 
     Parameters
     ----------
     batches : iterable of batches, or a callable that returns one
+        Arrays ``X``, or ``(X, y)`` / ``(X, y, sample_weight)`` tuples. More than one pass needs a
+        callable or a list.
     standardizer : StreamingStandardizer
         Fitted.
 
@@ -915,12 +995,14 @@ def _seeds(random_state: RandomState, count: int) -> List[int]:
 
 def reference_least_squares(batches: BatchStream, *, fit_intercept: bool = True,
                             measure_memory: bool = False) -> ReferenceResult:
-    """The exact least squares of a stream of ``(X, y[, sample_weight])`` batches, in one pass.
+    """Fit the exact least squares of a stream of ``(X, y[, sample_weight])`` batches, in one pass.
 
     Parameters
     ----------
     batches : iterable of batches, or a callable that returns one
+        ``(X, y)`` or ``(X, y, sample_weight)`` tuples.
     fit_intercept : bool, default True
+        Whether to fit an intercept.
     measure_memory : bool, default False
         Trace the allocations of the fit (``peak_memory_bytes``); it slows the fit a little.
 
@@ -928,6 +1010,11 @@ def reference_least_squares(batches: BatchStream, *, fit_intercept: bool = True,
     -------
     ReferenceResult
         ``model`` is a ``StreamingLeastSquares``.
+
+    Raises
+    ------
+    ValueError
+        If a batch has no ``y`` or invalid arrays, or the stream holds no rows of positive weight.
     """
     model = StreamingLeastSquares(fit_intercept=fit_intercept)
     with _Measure(measure_memory) as measured:
@@ -943,7 +1030,7 @@ def reference_least_squares(batches: BatchStream, *, fit_intercept: bool = True,
 
 def _minibatches(X: np.ndarray, weight: np.ndarray, carry: List[Tuple[np.ndarray, np.ndarray]],
                  size: int) -> Iterator[Tuple[np.ndarray, np.ndarray]]:
-    """Cut the rows (after those carried over) into minibatches of ``size``; a short rest is carried."""
+    """Yield the rows (after those carried over) in minibatches of ``size``; a short rest is carried."""
     if carry:
         X = np.concatenate([c[0] for c in carry] + [X])
         weight = np.concatenate([c[1] for c in carry] + [weight])
@@ -957,7 +1044,7 @@ def _minibatches(X: np.ndarray, weight: np.ndarray, carry: List[Tuple[np.ndarray
 
 
 def _unit_or(weight: np.ndarray) -> Optional[np.ndarray]:
-    """None for weights that are all 1, which scikit-learn then need not check on every minibatch."""
+    """Return None for weights that are all 1, which scikit-learn then need not check every time."""
     return None if bool((weight == 1.0).all()) else weight
 
 
@@ -977,6 +1064,7 @@ def reference_kmeans(batches: BatchStream, n_clusters: int, *, n_init: int = 3, 
         Arrays ``X`` or ``(X, y[, sample_weight])`` tuples (``y`` ignored). More than one pass needs a
         callable or a list.
     n_clusters : int
+        The number of clusters.
     n_init : int, default 3
         Independent starts.
     batch_size : int, default 1024
@@ -999,6 +1087,12 @@ def reference_kmeans(batches: BatchStream, n_clusters: int, *, n_init: int = 3, 
     ReferenceResult
         ``model`` is the best ``MiniBatchKMeans``; ``cost`` its cost on all rows; ``details["costs"]``
         the cost of every start.
+
+    Raises
+    ------
+    ValueError
+        If a count is not a positive int, a batch holds invalid arrays, more than one pass is asked of
+        a one-shot iterator, or the stream has fewer rows than ``n_clusters``.
     """
     n_clusters = _positive_int(n_clusters, "n_clusters")
     n_init = _positive_int(n_init, "n_init")
@@ -1048,7 +1142,7 @@ def reference_kmeans(batches: BatchStream, n_clusters: int, *, n_init: int = 3, 
 
 def reference_sgd_regressor(batches: BatchStream, *, n_passes: int = 1, random_state: RandomState = None,
                             measure_memory: bool = False, **params: Any) -> ReferenceResult:
-    """scikit-learn's ``SGDRegressor.partial_fit`` over a stream of ``(X, y[, sample_weight])`` batches.
+    """Fit scikit-learn's ``SGDRegressor.partial_fit`` over a stream of ``(X, y[, sample_weight])`` batches.
 
     Feed standardised features (``standardized``): stochastic gradient steps assume columns of
     comparable scale.
@@ -1056,9 +1150,11 @@ def reference_sgd_regressor(batches: BatchStream, *, n_passes: int = 1, random_s
     Parameters
     ----------
     batches : iterable of batches, or a callable that returns one
+        ``(X, y)`` or ``(X, y, sample_weight)`` tuples. More than one pass needs a callable or a list.
     n_passes : int, default 1
         Passes over the stream (one ``partial_fit`` per batch and pass).
     random_state : None, int or numpy.random.Generator
+        Seeds the regressor.
     measure_memory : bool, default False
         Trace the allocations of the fit (``peak_memory_bytes``).
     **params
@@ -1068,6 +1164,12 @@ def reference_sgd_regressor(batches: BatchStream, *, n_passes: int = 1, random_s
     -------
     ReferenceResult
         ``model`` is the fitted ``SGDRegressor``.
+
+    Raises
+    ------
+    ValueError
+        If ``n_passes`` is not a positive int, a batch has no ``y`` or invalid arrays, or the stream
+        holds no rows.
     """
     n_passes = _positive_int(n_passes, "n_passes")
     linear_model: Any = importlib.import_module("sklearn.linear_model")
@@ -1098,8 +1200,11 @@ def fit_in_memory(estimator: Any, X: Any, y: Any = None, sample_weight: Any = No
     estimator : scikit-learn estimator
         Its ``fit`` takes ``sample_weight``.
     X : array-like of shape (n_samples, n_features)
+        Finite numbers.
     y : array-like of shape (n_samples,), optional
+        Finite targets; None for unsupervised estimators.
     sample_weight : array-like of shape (n_samples,), optional
+        One non-negative weight per row; 1 by default.
     measure_memory : bool, default False
         Trace the allocations of the fit (``peak_memory_bytes``).
 
@@ -1107,6 +1212,11 @@ def fit_in_memory(estimator: Any, X: Any, y: Any = None, sample_weight: Any = No
     -------
     ReferenceResult
         ``model`` is the fitted estimator, ``passes`` 1.
+
+    Raises
+    ------
+    ValueError
+        If the arrays are not finite numbers of matching shapes.
     """
     X = _check_2d(X)
     weight = _check_weight(sample_weight, len(X))
@@ -1151,7 +1261,14 @@ class QualityRow:
     r2_held_out: Optional[float] = None
 
     def as_dict(self) -> Dict[str, Any]:
-        """The row as plain JSON values."""
+        """Return the row as plain JSON values.
+
+        Returns
+        -------
+        dict
+            The fields, with ``seconds`` rounded to 0.1 ms and the peak memory in MiB
+            (``peak_memory_mb``).
+        """
         return {
             "model": self.model, "method": self.method, "rows": self.rows,
             "seconds": round(self.seconds, 4),
@@ -1176,7 +1293,7 @@ def _ratio(cost: float, reference: float) -> float:
 def judge_regression(kept: BatchStream, held_out: Optional[BatchStream], samples: Dict[str, WeightedRows], *,
                      random_state: RandomState = None, measure_memory: bool = False,
                      progress: Optional[Callable[[str], None]] = None) -> List[QualityRow]:
-    """Least squares fitted on weighted samples against the exact least squares of the whole stream.
+    """Compare least squares fitted on weighted samples with the exact least squares of the whole stream.
 
     Feed standardised features (``standardized``): the streamed reference and ``SGDRegressor`` need
     columns of comparable scale; the samples must be in the same space.
@@ -1184,8 +1301,8 @@ def judge_regression(kept: BatchStream, held_out: Optional[BatchStream], samples
     Parameters
     ----------
     kept : iterable of batches, or a callable that returns one
-        ``(X, y[, sample_weight])``: every row the samples stand for. Read four times, so a callable or
-        a list.
+        ``(X, y[, sample_weight])``: every row the samples stand for. Read three times, so a callable
+        or a list.
     held_out : iterable of batches, or a callable that returns one, optional
         Rows kept out of everything, for R^2.
     samples : dict of str to (X, y, sample_weight)
@@ -1248,7 +1365,7 @@ def judge_regression(kept: BatchStream, held_out: Optional[BatchStream], samples
 def judge_kmeans(kept: BatchStream, samples: Dict[str, WeightedRows], n_clusters: int, *, n_init: int = 3,
                  n_passes: int = 2, random_state: RandomState = None, measure_memory: bool = False,
                  progress: Optional[Callable[[str], None]] = None) -> List[QualityRow]:
-    """k-means fitted on weighted samples against a full-data k-means of the whole stream.
+    """Compare k-means fitted on weighted samples with a full-data k-means of the whole stream.
 
     The reference is ``reference_kmeans``: ``MiniBatchKMeans`` over the whole stream, the best of
     ``n_init`` starts after ``n_passes`` passes, solved from the stream alone (nothing of the samples).
@@ -1263,10 +1380,13 @@ def judge_kmeans(kept: BatchStream, samples: Dict[str, WeightedRows], n_clusters
     samples : dict of str to (X, y, sample_weight)
         Weighted samples by name (``y`` ignored).
     n_clusters : int
+        The number of clusters.
     n_init : int, default 3
+        Independent starts of the reference and of each sample's ``KMeans``.
     n_passes : int, default 2
         Passes of the reference's ``partial_fit`` over the stream.
     random_state : None, int or numpy.random.Generator
+        Seeds the reference, the streaming learner and the samples' fits.
     measure_memory : bool, default False
         Trace the allocations of every fit.
     progress : callable, optional
