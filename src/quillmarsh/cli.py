@@ -78,7 +78,7 @@ def _positive(text: str) -> int:
 
 
 def build_parser() -> argparse.ArgumentParser:
-    """The command's argument parser.
+    """Return the command's argument parser.
 
     Returns
     -------
@@ -143,7 +143,27 @@ def build_parser() -> argparse.ArgumentParser:
 
 
 def parse(argv: Optional[Sequence[str]]) -> argparse.Namespace:
-    """Parse and check the command line; raise ``UserError`` for anything wrong with it."""
+    """Parse and check the command line.
+
+    Fills in what the options imply: ``path`` and ``format`` of the table, the synthetic table's
+    default size, ``models`` and the default ``chunk_size``.
+
+    Parameters
+    ----------
+    argv : sequence of str or None
+        The arguments; None reads ``sys.argv[1:]``.
+
+    Returns
+    -------
+    argparse.Namespace
+        The checked arguments.
+
+    Raises
+    ------
+    UserError
+        For anything wrong with the command line: a bad or clashing option, or an output file whose
+        folder is missing or not writable.
+    """
     args = build_parser().parse_args(argv)
     if args.data is not None and args.csv is not None:
         raise UserError("give the table with --data or --csv, not both")
@@ -187,7 +207,19 @@ def parse(argv: Optional[Sequence[str]]) -> argparse.Namespace:
 
 
 class SyntheticTable:
-    """A linear-regression table with a few missing values; every batch can be made again from the seed."""
+    """A linear-regression table with a few missing values; every batch can be made again from the seed.
+
+    Parameters
+    ----------
+    rows : int
+        The table's rows.
+    features : int
+        The feature columns, ``x0``, ``x1``, ...; the target column is ``y``.
+    batch_rows : int
+        The rows of a batch.
+    seed : int
+        Seeds the coefficients and every batch.
+    """
 
     def __init__(self, rows: int, features: int, batch_rows: int, seed: int) -> None:
         import numpy as np
@@ -221,11 +253,33 @@ class SyntheticTable:
         return self.rows, self.position
 
     def describe(self) -> str:
+        """Return the table's description for the report.
+
+        Returns
+        -------
+        str
+            The kind and size of the table.
+        """
         return f"synthetic, {self.rows:,} rows x {self.features} features"
 
 
 class FileTable:
-    """A CSV or Parquet file read by ``quillmarsh.io.iter_table``; progress in bytes."""
+    """A CSV or Parquet file read by ``quillmarsh.io.iter_table``; progress in bytes.
+
+    Parameters
+    ----------
+    path : str
+        The file.
+    batch_rows : int
+        The rows of a batch.
+    file_format : {"csv", "parquet"} or None
+        The format; None lets the suffix decide.
+
+    Raises
+    ------
+    UserError
+        If the file cannot be opened as a table (its message on one line).
+    """
 
     def __init__(self, path: str, batch_rows: int, file_format: Optional[str]) -> None:
         from quillmarsh.io import iter_table
@@ -250,6 +304,13 @@ class FileTable:
         return self.size_bytes, self.reader.bytes_read
 
     def describe(self) -> str:
+        """Return the table's description for the report.
+
+        Returns
+        -------
+        str
+            The file's path and format.
+        """
         return f"{self.path} ({self.reader.format})"
 
 
@@ -268,12 +329,32 @@ class Batch:
 
     @property
     def kept(self) -> np.ndarray:
+        """The mask of the rows added to the tree: usable and not held out."""
         result: np.ndarray = self.usable & ~self.held
         return result
 
 
 def split(frame: pd.DataFrame, target: str) -> Batch:
-    """The batch's features, its target as float64 (NaN where not a finite number) and its row masks."""
+    """Split a batch into its features, its target as numbers and its row masks.
+
+    Parameters
+    ----------
+    frame : pandas.DataFrame
+        The batch, indexed by the rows' positions in the table.
+    target : str
+        The target column.
+
+    Returns
+    -------
+    Batch
+        The features, the target as float64 (NaN where not a finite number), the rows' positions,
+        and the masks of the held-out and the usable rows.
+
+    Raises
+    ------
+    UserError
+        If the target column holds timestamps.
+    """
     import numpy as np
 
     from quillmarsh.data.feature_space import as_numbers
@@ -289,9 +370,27 @@ def split(frame: pd.DataFrame, target: str) -> Batch:
 
 
 def check_target_values(frame: pd.DataFrame, target: str) -> bool:
-    """Whether the batch settles that the target is numeric; raise ``UserError`` when it holds text.
+    """Tell whether the batch settles that the target is numeric.
 
     The first batch with present values decides: fewer than half of them numbers is a text target.
+
+    Parameters
+    ----------
+    frame : pandas.DataFrame
+        The batch.
+    target : str
+        The target column.
+
+    Returns
+    -------
+    bool
+        True when the batch has present target values, at least half of them numbers; False when it
+        has none.
+
+    Raises
+    ------
+    UserError
+        When the target holds text.
     """
     import numpy as np
 
@@ -312,7 +411,20 @@ def check_target_values(frame: pd.DataFrame, target: str) -> bool:
 
 
 def make_tree(args: argparse.Namespace, client: Any = None) -> CoresetTree:
-    """One tree holding a coreset object per chosen model, on the same leaves."""
+    """Make one tree holding a coreset object per chosen model, on the same leaves.
+
+    Parameters
+    ----------
+    args : argparse.Namespace
+        The checked arguments (see ``parse``).
+    client : distributed.Client, default=None
+        Builds the leaves on that Dask cluster; then ``--jobs`` is not used for the tree.
+
+    Returns
+    -------
+    CoresetTree
+        The empty tree.
+    """
     from quillmarsh.core.coreset import CoresetBase, CoresetKMeans, CoresetLinearRegression
     from quillmarsh.core.tree.coreset_tree import CoresetTree
 
@@ -328,7 +440,23 @@ def make_tree(args: argparse.Namespace, client: Any = None) -> CoresetTree:
 
 
 def feature_space(tree: CoresetTree) -> FeatureSpace:
-    """The stream's feature space, in which the tree's summaries are encoded."""
+    """Return the stream's feature space, in which the tree's summaries are encoded.
+
+    Parameters
+    ----------
+    tree : CoresetTree
+        The tree.
+
+    Returns
+    -------
+    FeatureSpace
+        The tree's feature space.
+
+    Raises
+    ------
+    RuntimeError
+        If the tree has no rows yet.
+    """
     space = tree.feature_space_
     if space is None:
         raise RuntimeError("the tree has no rows yet")
@@ -347,6 +475,8 @@ TREE_FOLDER = "tree"
 
 @dataclass
 class Counts:
+    """The rows of the run: read, held out (and of those, with a target), dropped, kept, with a target."""
+
     read: int = 0
     held_out: int = 0
     held_out_usable: int = 0
@@ -357,6 +487,8 @@ class Counts:
 
 @dataclass
 class Stages:
+    """Seconds of the run's stages, from ``started`` on, and of the library's stages within the build."""
+
     read: float = 0.0
     build: float = 0.0
     evaluation: float = 0.0
@@ -370,7 +502,13 @@ def _one_line(exc: BaseException) -> str:
 
 
 def peak_rss_mb() -> Optional[float]:
-    """The process's peak resident memory so far, in MiB (None where the platform does not tell)."""
+    """Return the process's peak resident memory so far.
+
+    Returns
+    -------
+    float or None
+        The peak in MiB, to 0.1; None where the platform does not tell.
+    """
     try:
         import resource
     except ImportError:
@@ -380,7 +518,17 @@ def peak_rss_mb() -> Optional[float]:
 
 
 class Progress:
-    """A tqdm bar over the table's bytes (rows for the synthetic table) on standard error."""
+    """A tqdm bar over the table's bytes (rows for the synthetic table) on standard error.
+
+    Parameters
+    ----------
+    table : SyntheticTable or FileTable
+        The table being read.
+    description : str
+        The bar's label.
+    quiet : bool
+        Whether to show no bar.
+    """
 
     def __init__(self, table: Table, description: str, quiet: bool) -> None:
         from tqdm import tqdm
@@ -397,15 +545,36 @@ class Progress:
                         leave=False, dynamic_ncols=True, **timing)
 
     def update(self) -> None:
+        """Move the bar to the table's progress."""
         _, done = self.table.progress
         self.bar.update(max(0, done - self.bar.n))
 
     def close(self) -> None:
+        """Close the bar."""
         self.bar.close()
 
 
 def open_table(args: argparse.Namespace) -> Tuple[Table, str]:
-    """The table and its target column."""
+    """Open the table and name its target column.
+
+    Parameters
+    ----------
+    args : argparse.Namespace
+        The checked arguments.
+
+    Returns
+    -------
+    table : SyntheticTable or FileTable
+        The table.
+    target : str
+        Its target column.
+
+    Raises
+    ------
+    UserError
+        If the file cannot be read, the target is not one of its columns or its only one, or (with
+        ``--out``) the table has a column named ``weight`` or ``row``.
+    """
     if args.path is None:
         return SyntheticTable(args.rows, args.features, args.batch_rows, args.seed), SYNTHETIC_TARGET
     table = FileTable(args.path, args.batch_rows, args.format)
@@ -424,7 +593,29 @@ def open_table(args: argparse.Namespace) -> Tuple[Table, str]:
 
 def build(args: argparse.Namespace, table: Table, target: str, tree: CoresetTree, counts: Counts,
           stages: Stages) -> None:
-    """The first pass: every batch split, its kept rows added to the tree."""
+    """Make the first pass: split every batch and add its kept rows to the tree.
+
+    Parameters
+    ----------
+    args : argparse.Namespace
+        The checked arguments.
+    table : SyntheticTable or FileTable
+        The table.
+    target : str
+        Its target column.
+    tree : CoresetTree
+        The tree to fill.
+    counts : Counts
+        Updated with the rows read, held out, dropped and kept.
+    stages : Stages
+        Updated with the seconds of reading and building.
+
+    Raises
+    ------
+    UserError
+        If a batch lacks the target column, the target is text, the table has no rows, or no row
+        was kept.
+    """
     progress = Progress(table, "building", args.quiet)
     settled = False
     iterator = iter(table)
@@ -467,7 +658,20 @@ def build(args: argparse.Namespace, table: Table, target: str, tree: CoresetTree
 
 
 def pad(X: np.ndarray, width: int) -> np.ndarray:
-    """A summary's rows widened to the stream's final feature space (later columns are 0 for them)."""
+    """Widen a summary's rows to the stream's final feature space (later columns are 0 for them).
+
+    Parameters
+    ----------
+    X : ndarray of shape (n_rows, n_columns)
+        The rows.
+    width : int
+        The columns of the final feature space.
+
+    Returns
+    -------
+    ndarray of shape (n_rows, max(n_columns, width))
+        ``X`` itself when it is wide enough, else a padded copy.
+    """
     import numpy as np
 
     if X.shape[1] >= width:
@@ -478,7 +682,35 @@ def pad(X: np.ndarray, width: int) -> np.ndarray:
 def second_pass(args: argparse.Namespace, table: Table, target: str, tree: CoresetTree,
                 summaries: Dict[str, Coreset], evaluate: bool, collect: bool,
                 stages: Stages) -> Tuple[Optional[Dict[str, Any]], Optional[pd.DataFrame]]:
-    """The second streamed pass: the judgement's statistics and spill, and the summary's source rows."""
+    """Make the second streamed pass: the judgement's statistics and spill, and the summary's source rows.
+
+    Parameters
+    ----------
+    args : argparse.Namespace
+        The checked arguments.
+    table : SyntheticTable or FileTable
+        The table, read again.
+    target : str
+        Its target column.
+    tree : CoresetTree
+        The built tree.
+    summaries : dict of str to Coreset
+        The summary of each chosen model.
+    evaluate : bool
+        Whether to gather what the judgement needs.
+    collect : bool
+        Whether to take the summaries' source rows from the table.
+    stages : Stages
+        Updated with the seconds of the pass.
+
+    Returns
+    -------
+    state : dict or None
+        With ``evaluate``: the ``"spill"`` of the encoded usable rows (to be closed by the caller),
+        the ``"standardizer"`` and the uniform ``"reservoir"`` sample of the kept rows.
+    rows : pandas.DataFrame or None
+        With ``collect``: the summaries' source rows, by position.
+    """
     import numpy as np
 
     from quillmarsh.evaluation import ReservoirSample, StreamingStandardizer
@@ -534,7 +766,26 @@ def second_pass(args: argparse.Namespace, table: Table, target: str, tree: Cores
 
 def judge(args: argparse.Namespace, tree: CoresetTree, summaries: Dict[str, Coreset], state: Dict[str, Any],
           notes: List[str]) -> List[QualityRow]:
-    """Every chosen model fitted on the summary, a uniform sample and the references; the quality table."""
+    """Fit every chosen model on the summary, a uniform sample and the references; return the quality rows.
+
+    Parameters
+    ----------
+    args : argparse.Namespace
+        The checked arguments.
+    tree : CoresetTree
+        The built tree.
+    summaries : dict of str to Coreset
+        The summary of each chosen model.
+    state : dict
+        What ``second_pass`` gathered.
+    notes : list of str
+        Appended with the constant columns left out, if any.
+
+    Returns
+    -------
+    list of QualityRow
+        The quality rows of every model; empty when every feature column is constant.
+    """
     from tqdm import tqdm
 
     spill, standardizer, reservoir = state["spill"], state["standardizer"], state["reservoir"]
@@ -586,7 +837,28 @@ def judge(args: argparse.Namespace, tree: CoresetTree, summaries: Dict[str, Core
 
 def judged(args: argparse.Namespace, summaries: Dict[str, Coreset], samples_of: Callable[[Coreset], Any],
            kept: Any, held_out: Any, uniform: Any, step: Callable[[str], None]) -> List[QualityRow]:
-    """The quality rows of every chosen model."""
+    """Return the quality rows of every chosen model.
+
+    Parameters
+    ----------
+    args : argparse.Namespace
+        The checked arguments.
+    summaries : dict of str to Coreset
+        The summary of each chosen model.
+    samples_of : callable
+        Turns a summary into standardised ``(X, y, sample_weight)``.
+    kept, held_out : callable
+        Return a fresh stream of the kept and the held-out rows, standardised.
+    uniform : tuple
+        The uniform sample as ``(X, y, sample_weight)``, standardised.
+    step : callable
+        Told the name of each step as it starts.
+
+    Returns
+    -------
+    list of QualityRow
+        The rows of ``judge_regression`` and ``judge_kmeans``, in the order of the models.
+    """
     from quillmarsh.evaluation import judge_kmeans, judge_regression
 
     table: List[QualityRow] = []
@@ -607,7 +879,28 @@ def judged(args: argparse.Namespace, summaries: Dict[str, Coreset], samples_of: 
 
 def write_outputs(args: argparse.Namespace, folder: str, tree: CoresetTree, summaries: Dict[str, Coreset],
                   rows: pd.DataFrame, target_columns: List[str]) -> Dict[str, Any]:
-    """``coreset-<model>.parquet`` (the source rows, their weight and row) and the saved trees."""
+    """Write ``coreset-<model>.parquet`` (the source rows, their weight and row) and the saved tree.
+
+    Parameters
+    ----------
+    args : argparse.Namespace
+        The checked arguments.
+    folder : str
+        The folder to write into.
+    tree : CoresetTree
+        The tree, saved under ``TREE_FOLDER``.
+    summaries : dict of str to Coreset
+        The summary of each chosen model.
+    rows : pandas.DataFrame
+        The summaries' source rows, by position.
+    target_columns : list of str
+        The table's columns to write.
+
+    Returns
+    -------
+    dict
+        By model: the file's name, its rows and the tree's folder.
+    """
     import numpy as np
 
     from quillmarsh.io import write_parquet
@@ -628,7 +921,23 @@ def write_outputs(args: argparse.Namespace, folder: str, tree: CoresetTree, summ
 
 
 def run(args: argparse.Namespace) -> Dict[str, Any]:
-    """The whole job: read, build, judge, write and report; returns the summary (as JSON values)."""
+    """Run the whole job: read, build, judge, write and report.
+
+    Parameters
+    ----------
+    args : argparse.Namespace
+        The checked arguments.
+
+    Returns
+    -------
+    dict
+        The run's summary, as JSON values.
+
+    Raises
+    ------
+    UserError
+        For bad input, or an ``--out`` folder that cannot be made.
+    """
     from quillmarsh.io import atomic_folder
 
     table, target = open_table(args)
@@ -646,7 +955,7 @@ def run(args: argparse.Namespace) -> Dict[str, Any]:
 
 
 def _blas_threads(threads: int) -> Any:
-    """numpy's BLAS limited to ``threads`` threads within the block."""
+    """Return a context that limits numpy's BLAS to ``threads`` threads within the block."""
     import importlib
 
     threadpoolctl: Any = importlib.import_module("threadpoolctl")
@@ -673,7 +982,7 @@ def _run(args: argparse.Namespace, table: Table, target: str, folder: Optional[s
 
 @contextlib.contextmanager
 def _cluster(args: argparse.Namespace) -> Iterator[Any]:
-    """A Dask client for ``--dask`` (a local cluster of ``--jobs`` workers, default 2), else None."""
+    """Yield a Dask client for ``--dask`` (a local cluster of ``--jobs`` workers, default 2), else None."""
     if args.dask is None:
         yield None
         return
@@ -743,7 +1052,36 @@ def _run_tree(args: argparse.Namespace, table: Table, target: str, folder: Optio
 def report(args: argparse.Namespace, table: Table, tree: CoresetTree, summaries: Dict[str, Coreset],
            counts: Counts, stages: Stages, quality: List[QualityRow], notes: List[str],
            written: Optional[Dict[str, Any]], rss_after_build: Optional[float]) -> Dict[str, Any]:
-    """Print the run's summary and quality table; return them as JSON values."""
+    """Print the run's summary and quality table; return them as JSON values.
+
+    Parameters
+    ----------
+    args : argparse.Namespace
+        The checked arguments.
+    table : SyntheticTable or FileTable
+        The table.
+    tree : CoresetTree
+        The built tree.
+    summaries : dict of str to Coreset
+        The summary of each chosen model.
+    counts : Counts
+        The rows of the run.
+    stages : Stages
+        The seconds of the run.
+    quality : list of QualityRow
+        The quality rows; empty without the judgement.
+    notes : list of str
+        Notes printed after the table.
+    written : dict or None
+        What ``write_outputs`` wrote, or None without ``--out``.
+    rss_after_build : float or None
+        The peak resident memory after the build, in MiB.
+
+    Returns
+    -------
+    dict
+        The run's summary, as JSON values.
+    """
     total = time.perf_counter() - stages.started
     width = len(feature_space(tree).feature_names)
     summary: Dict[str, Any] = {
@@ -808,7 +1146,20 @@ FAMILY_TITLES = {"linear_regression": "Linear regression: squared loss on the ke
 
 
 def quality_table(quality: List[QualityRow], counts: Counts) -> str:
-    """The quality table as text: one block per model family."""
+    """Return the quality table as text: one block per model family.
+
+    Parameters
+    ----------
+    quality : list of QualityRow
+        The quality rows.
+    counts : Counts
+        The rows of the run (for the held-out count).
+
+    Returns
+    -------
+    str
+        The table's lines.
+    """
     lines = ["", "Quality (cost ratio: the model's cost over the full-data reference's; 1.0 is as good)"]
     for family in MODELS:
         rows = [row for row in quality if row.model == family]
@@ -831,7 +1182,20 @@ def quality_table(quality: List[QualityRow], counts: Counts) -> str:
 
 
 def plot(path: str, quality: List[QualityRow]) -> None:
-    """Draw each family's cost ratios as bars, labelled with their time."""
+    """Draw each family's cost ratios as bars, labelled with their time.
+
+    Parameters
+    ----------
+    path : str
+        The image file to write.
+    quality : list of QualityRow
+        The quality rows.
+
+    Raises
+    ------
+    UserError
+        If matplotlib is not installed.
+    """
     try:
         import matplotlib
     except ImportError:
@@ -859,7 +1223,15 @@ def plot(path: str, quality: List[QualityRow]) -> None:
 
 
 def write_json(path: str, summary: Dict[str, Any]) -> None:
-    """Write the summary as JSON, replacing the file only once it is complete."""
+    """Write the summary as JSON, replacing the file only once it is complete.
+
+    Parameters
+    ----------
+    path : str
+        The file.
+    summary : dict
+        The run's summary; numpy scalars are written as plain numbers.
+    """
     temporary = f"{path}.partial"
     with open(temporary, "w", encoding="utf-8") as stream:
         json.dump(summary, stream, indent=1, default=_json_value)
