@@ -48,7 +48,7 @@ class IdRanges:
         self.ends = np.empty(0, dtype=np.int64) if ends is None else np.asarray(ends, dtype=np.int64)
 
     def present(self, ids: np.ndarray) -> np.ndarray:
-        """The mask of the ``ids`` in the set."""
+        """Return the mask of the ``ids`` in the set."""
         position = np.searchsorted(self.starts, ids, side="right") - 1
         inside = position >= 0
         mask = np.zeros(ids.shape[0], dtype=bool)
@@ -87,7 +87,7 @@ def rows_to_arrays(rows: Coreset) -> Dict[str, Any]:
 
 
 def rows_from_file(path: str) -> Coreset:
-    """A node's rows from its file; never unpickles (targets are numbers or label codes)."""
+    """Read a node's rows from its file; never unpickles (targets are numbers or label codes)."""
     with np.load(path, allow_pickle=False) as data:
         return Coreset(data["ids"], data["X"], data["y"] if "y" in data.files else None, data["weights"])
 
@@ -141,7 +141,7 @@ class NodeStore:
             return key in self.open or key in self.closed
 
     def open_nodes(self, t: int) -> Iterator[Tuple[NodeKey, Coreset]]:
-        """The open nodes of coreset object ``t``, highest level first, then by index."""
+        """Return the open nodes of coreset object ``t``, highest level first, then by index."""
         with self.lock:
             items = [(key, rows) for key, rows in self.open.items() if key[0] == t]
         items.sort(key=lambda item: (-item[0][1], item[0][2]))

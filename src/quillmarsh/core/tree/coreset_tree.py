@@ -701,7 +701,7 @@ class CoresetTree:
         self._buffer_rows = None
 
     def _place_leaf(self, node: Any, leaf_index: Optional[int]) -> None:
-        """Called by the chunk layer with each built leaf: store its chunk, sample it, merge it up."""
+        """Place a leaf built by the chunk layer: store its chunk, sample it, merge it up."""
         assert self._layer is not None
         if self._remote is not None:  # a leaf being built on the cluster: merged up there
             leaf = _Leaf.holding(node.node_id, np.asarray(node.ids))
@@ -756,7 +756,7 @@ class CoresetTree:
         return summary
 
     def _buffer_summaries(self) -> Optional[List[Coreset]]:
-        """The rows waiting in the buffer, built into the buffer node and sampled, one per coreset object."""
+        """Return the rows waiting in the buffer, built into the buffer node and sampled, per coreset."""
         if self._layer is None or not self._layer.has_buffer():
             return None
         if self._buffer_rows is None:
@@ -768,7 +768,7 @@ class CoresetTree:
     # -- rebuilding after a removal -------------------------------------------------------------------
 
     def _leaves_holding(self, ids: np.ndarray) -> Dict[int, np.ndarray]:
-        """The leaves that hold any of the (sorted) ``ids``, each with the ids it holds."""
+        """Return the leaves that hold any of the (sorted) ``ids``, each with the ids it holds."""
         assert self._layer is not None
         found: Dict[int, np.ndarray] = {}
         for index, leaf in sorted(self._leaves.items()):
@@ -814,7 +814,7 @@ class CoresetTree:
                     self._store.replace((t, level, index), merged)
 
     def _kept_whole(self, chunk: Dataset) -> List[Coreset]:
-        """A small chunk's rows as they are, each of weight 1, preprocessed as a node would do it."""
+        """Return a small chunk's rows as they are, each of weight 1, preprocessed as a node would do it."""
         assert self._layer is not None
         if chunk.ind.size == 0:
             width = len(self.feature_names_)
@@ -959,7 +959,7 @@ def _few(values: Iterable[Any], limit: int = 5) -> str:
 
 
 def _rows_of(coreset: Optional[Dict[str, Any]], ids: np.ndarray) -> Coreset:
-    """A node's rows from its coreset record: the processed features and targets, each of weight 1."""
+    """Return a node's rows from its coreset record: the processed features and targets, each of weight 1."""
     assert coreset is not None, "the chunk layer builds every record with its coreset"
     X = np.asarray(coreset["X"], dtype=np.float64)
     if X.shape[0] != ids.shape[0]:
@@ -969,7 +969,7 @@ def _rows_of(coreset: Optional[Dict[str, Any]], ids: np.ndarray) -> Coreset:
 
 
 def _sensitivities_of(coreset: Optional[Dict[str, Any]]) -> np.ndarray:
-    """The sensitivity of every row of a node's coreset record."""
+    """Return the sensitivity of every row of a node's coreset record."""
     assert coreset is not None
     return np.asarray(coreset["sensitivities"])
 
