@@ -64,8 +64,10 @@ class _Leaf:
 
     @classmethod
     def holding(cls, node_id: str, ids: np.ndarray) -> _Leaf:
-        """The leaf of the chunk ``node_id`` whose kept rows have ``ids`` (none, when preprocessing
-        dropped every row)."""
+        """Return the leaf of the chunk ``node_id`` whose kept rows have ``ids``.
+
+        ``ids`` is empty when preprocessing dropped every row.
+        """
         if not ids.size:
             return cls(node_id, 0, -1, 0)
         return cls(node_id, int(ids.min()), int(ids.max()), int(ids.size))
