@@ -1326,6 +1326,7 @@ def judge_regression(kept: BatchStream, held_out: Optional[BatchStream], samples
     tell = progress if progress is not None else _silent
     fitted: List[Tuple[str, Any, int, ReferenceResult]] = []
     tell("exact least squares")
+    _one_pass(kept, 3)  # the stream is read three times: refused at once when it can be read once only
     exact = reference_least_squares(kept, measure_memory=measure_memory)
     n_rows = int(exact.model.n_samples_seen_)
     fitted.append(("full data: exact least squares (streamed QR)", exact.model, n_rows, exact))
@@ -1401,6 +1402,7 @@ def judge_kmeans(kept: BatchStream, samples: Dict[str, WeightedRows], n_clusters
     seeds = _seeds(random_state, 3)
     tell = progress if progress is not None else _silent
     tell("MiniBatchKMeans on all rows")
+    _one_pass(kept, n_passes + 2)  # refused at once when the stream can be read once only
     full = reference_kmeans(kept, n_clusters, n_init=n_init, n_passes=n_passes, random_state=seeds[0],
                             measure_memory=measure_memory)
     tell("MiniBatchKMeans.partial_fit")

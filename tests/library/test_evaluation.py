@@ -560,6 +560,17 @@ def test_judge_kmeans_compares_samples_with_a_reference_solved_from_the_stream()
     assert rows[1].cost_ratio < 1.1 < 1.5 < rows[2].cost_ratio
 
 
+def test_the_judges_refuse_a_stream_that_can_be_read_once_only() -> None:
+    from quillmarsh.evaluation import judge_kmeans, judge_regression
+
+    batches = judged_stream()
+    sample = {"sample": (batches[0][0], batches[0][1], np.ones(len(batches[0][0])))}
+    with pytest.raises(ValueError, match="passes over the batches"):
+        judge_regression(iter(batches), None, sample)
+    with pytest.raises(ValueError, match="passes over the batches"):
+        judge_kmeans((b[0] for b in batches), sample, n_clusters=2)
+
+
 def _centres_of_best(batches: list) -> np.ndarray:
     from sklearn.cluster import KMeans
 
