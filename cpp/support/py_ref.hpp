@@ -54,7 +54,7 @@ class Ref;
 // there, and that unwinding must pass through.
 inline void release_reference(PyObject* object) {
     if (object == nullptr) return;
-    if (compat::interpreter_finalizing() && !compat::thread_holds_gil()) [[unlikely]]
+    if (compat::thread_ends_at_finalisation()) [[unlikely]]
         return;
     Py_DECREF(object);
 }
