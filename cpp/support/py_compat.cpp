@@ -1,4 +1,5 @@
-// The version shims of py_compat.hpp that handle references.
+// The parts of py_compat.hpp compiled once: the stack and recursion checks, the remembered
+// module-level names, and the stand-ins that handle references.
 #include "support/py_compat.hpp"
 
 #include <pthread.h>
@@ -7,8 +8,13 @@
 #include <cstdint>
 
 #if defined(__GLIBC__) && defined(__x86_64__)
-// glibc 2.32 and 2.34 moved these two into libc under new symbol versions; binding the versions
-// every glibc has keeps the module loadable on systems older than the one that built it.
+// The two functions that find the thread's stack, bound to the symbol versions every x86-64 glibc
+// has. glibc 2.32 gave pthread_getattr_np a new default version and 2.34 pthread_attr_getstack, and
+// glibc cannot be told to build for a release older than its own: without these lines a module
+// built on a newer glibc needs 2.34, and auditwheel tags its wheels manylinux_2_34 instead of
+// manylinux_2_24 (the floor libstdc++ sets), which shuts out Debian 11, Ubuntu 20.04 and RHEL 8.
+// They can go once the wheels are built on a manylinux image, whose older glibc links the old
+// versions by default.
 __asm__(".symver pthread_getattr_np,pthread_getattr_np@GLIBC_2.2.5");
 __asm__(".symver pthread_attr_getstack,pthread_attr_getstack@GLIBC_2.2.5");
 #endif
@@ -296,7 +302,7 @@ PendingError::~PendingError() noexcept(false) {
 #endif
 }
 
-#if PY_VERSION_HEX < 0x030C0000
+#if PY_VERSION_HEX < 0x030C0000  // the stand-ins of py_compat.hpp
 PyObject* PyErr_GetRaisedException() noexcept {
     PyObject *type, *value, *traceback;
     PyErr_Fetch(&type, &value, &traceback);
