@@ -498,17 +498,17 @@ Ref make_function(const FunctionDef& definition, Handle module_name, Handle glob
     function->weakrefs = nullptr;
     function->parameter_count = static_cast<Py_ssize_t>(definition.parameters.size());
     new (&function->fields) FunctionObject::Fields{
-        &definition,
-        Ref::borrow(globals),
-        Ref::borrow(closure),
-        Ref::borrow(module_name),
-        Ref::borrow(definition.name_object),
-        Ref::borrow(definition.qualname_object),
-        Ref::borrow(definition.doc_object),
-        Ref::borrow(definition.defaults),
-        Ref::none(),
-        Ref(),
-        Ref(),
+        .definition = &definition,
+        .globals = Ref::borrow(globals),
+        .closure = Ref::borrow(closure),
+        .module = Ref::borrow(module_name),
+        .name = Ref::borrow(definition.name_object),
+        .qualname = Ref::borrow(definition.qualname_object),
+        .doc = Ref::borrow(definition.doc_object),
+        .defaults = Ref::borrow(definition.defaults),
+        .kwdefaults = Ref::none(),
+        .annotations = Ref(),
+        .dict = Ref(),
     };
     Ref result = Ref::steal(reinterpret_cast<PyObject*>(function));
     PyObject_GC_Track(function);

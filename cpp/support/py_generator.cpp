@@ -379,15 +379,19 @@ Ref make_generator(const Call& call, std::size_t argument_count, GeneratorBody b
     check(reinterpret_cast<PyObject*>(generator));
     generator->weakrefs = nullptr;
     new (&generator->fields) GeneratorObject::Fields{
-        {},
-        Ref::borrow(call.function),
-        Ref::borrow(call.globals),
-        Ref::borrow(call.closure),
-        {},
-        {},
-        Call{call.function, call.globals, call.closure, nullptr, nullptr},
-        function_name(call.function),
-        function_qualname(call.function),
+        .body = {},
+        .function = Ref::borrow(call.function),
+        .globals = Ref::borrow(call.globals),
+        .closure = Ref::borrow(call.closure),
+        .arguments = {},
+        .argument_pointers = {},
+        .call = Call{.function = call.function,
+                     .globals = call.globals,
+                     .closure = call.closure,
+                     .args = nullptr,
+                     .held = nullptr},
+        .name = function_name(call.function),
+        .qualname = function_qualname(call.function),
     };
     Ref result = Ref::steal(reinterpret_cast<PyObject*>(generator));
     auto& fields = generator->fields;
