@@ -73,6 +73,15 @@ def test_wheel_holds_the_package_only(built: Built):
     assert not [name for name in names if "tests/" in name or "build/" in name or "__pycache__" in name]
 
 
+def test_wheel_installs_on_systems_older_than_the_build_machine(built: Built):
+    """The wheel's manylinux tag asks for no glibc of 2.32 or later, whatever glibc built it: Debian 11,
+    Ubuntu 20.04 and RHEL 8 can install it."""
+    (wheel,) = built.dist.glob("*.whl")
+    match = re.search(r"-manylinux_(\d+)_(\d+)_x86_64\.whl$", wheel.name)
+    assert match, wheel.name
+    assert (int(match.group(1)), int(match.group(2))) < (2, 32), wheel.name
+
+
 def test_wheel_works_in_a_fresh_environment(built: Built):
     """Installed into a new venv, run from outside the source tree: import, README snippet, example,
     stubtest and mypy --strict on the snippet."""

@@ -278,23 +278,30 @@ int exec_module(PyObject* module) {
 }
 
 PyModuleDef_Slot module_slots[] = {
-    {Py_mod_create, reinterpret_cast<void*>(create_module)},
-    {Py_mod_exec, reinterpret_cast<void*>(exec_module)},
-#if PY_VERSION_HEX >= 0x030C0000
+    {.slot = Py_mod_create, .value = reinterpret_cast<void*>(create_module)},
+    {.slot = Py_mod_exec, .value = reinterpret_cast<void*>(exec_module)},
+#if PY_VERSION_HEX >= 0x030C0000  // a slot of 3.12; the guard can go once 3.12 is the oldest
     // One interpreter per process: a sub-interpreter that checks its extensions refuses the module
     // itself, before any of it runs.
-    {Py_mod_multiple_interpreters, Py_MOD_MULTIPLE_INTERPRETERS_NOT_SUPPORTED},
+    {.slot = Py_mod_multiple_interpreters, .value = Py_MOD_MULTIPLE_INTERPRETERS_NOT_SUPPORTED},
 #endif
-#if PY_VERSION_HEX >= 0x030D0000
+#if PY_VERSION_HEX >= 0x030D0000  // a slot of 3.13; the guard can go once 3.13 is the oldest
     // The module relies on the interpreter lock: a free-threaded build turns it back on.
-    {Py_mod_gil, Py_MOD_GIL_USED},
+    {.slot = Py_mod_gil, .value = Py_MOD_GIL_USED},
 #endif
-    {0, nullptr},
+    {},
 };
 
 PyModuleDef module_def = {
-    PyModuleDef_HEAD_INIT, "chunk_layer", nullptr, 0,       nullptr,
-    module_slots,          nullptr,       nullptr, nullptr,
+    .m_base = PyModuleDef_HEAD_INIT,
+    .m_name = "chunk_layer",
+    .m_doc = nullptr,
+    .m_size = 0,
+    .m_methods = nullptr,
+    .m_slots = module_slots,
+    .m_traverse = nullptr,
+    .m_clear = nullptr,
+    .m_free = nullptr,
 };
 
 }  // namespace

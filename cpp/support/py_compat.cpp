@@ -1,4 +1,5 @@
-// The version shims of py_compat.hpp that handle references.
+// The parts of py_compat.hpp compiled once: the stack and recursion checks, the remembered
+// module-level names, and the stand-ins that handle references.
 #include "support/py_compat.hpp"
 
 #include <pthread.h>
@@ -7,8 +8,13 @@
 #include <cstdint>
 
 #if defined(__GLIBC__) && defined(__x86_64__)
-// glibc 2.32 and 2.34 moved these two into libc under new symbol versions; binding the versions
-// every glibc has keeps the module loadable on systems older than the one that built it.
+// The two functions that find the thread's stack, bound to the symbol versions every x86-64 glibc
+// has. glibc 2.32 gave pthread_getattr_np a new default version and 2.34 pthread_attr_getstack, and
+// glibc cannot be told to build for a release older than its own: without these lines a module
+// built on a newer glibc needs 2.34, and auditwheel tags its wheels manylinux_2_34 instead of
+// manylinux_2_24 (the floor libstdc++ sets), which shuts out Debian 11, Ubuntu 20.04 and RHEL 8.
+// They can go once the wheels are built on a manylinux image, whose older glibc links the old
+// versions by default.
 __asm__(".symver pthread_getattr_np,pthread_getattr_np@GLIBC_2.2.5");
 __asm__(".symver pthread_attr_getstack,pthread_attr_getstack@GLIBC_2.2.5");
 #endif
@@ -225,7 +231,7 @@ bool enter_recursive_call([[maybe_unused]] CallLevel& level) noexcept {
         PyErr_Format(PyExc_RecursionError, "maximum recursion depth exceeded%s", kWhere);
         return false;
     }
-#if PY_VERSION_HEX >= 0x030C0000
+#if PY_VERSION_HEX >= 0x030C0000  // a count for Python calls and one for C calls
     PyThreadState* thread = PyThreadState_Get();
     if (thread->py_recursion_remaining <= 0 || thread->c_recursion_remaining <= 0) [[unlikely]] {
         PyErr_Format(PyExc_RecursionError, "maximum recursion depth exceeded%s", kWhere);
@@ -234,7 +240,7 @@ bool enter_recursive_call([[maybe_unused]] CallLevel& level) noexcept {
     --thread->py_recursion_remaining;
     --thread->c_recursion_remaining;
     level.thread = thread;
-#elif PY_VERSION_HEX >= 0x030B0000
+#elif PY_VERSION_HEX >= 0x030B0000  // one count, read directly; can go once 3.12 is the oldest
     PyThreadState* thread = PyThreadState_Get();
     if (thread->recursion_remaining <= 0) [[unlikely]] {
         PyErr_Format(PyExc_RecursionError, "maximum recursion depth exceeded%s", kWhere);
@@ -242,14 +248,14 @@ bool enter_recursive_call([[maybe_unused]] CallLevel& level) noexcept {
     }
     --thread->recursion_remaining;
     level.thread = thread;
-#else
+#else  // 3.9 and 3.10 count through the call; can go once 3.11 is the oldest supported
     if (Py_EnterRecursiveCall(kWhere) != 0) return false;
 #endif
     return true;
 }
 
 void leave_recursive_call([[maybe_unused]] const CallLevel& level) noexcept {
-    if (interpreter_finalizing() && !thread_holds_gil()) [[unlikely]]
+    if (thread_ends_at_finalisation()) [[unlikely]]
         return;
 #if PY_VERSION_HEX >= 0x030C0000
     ++level.thread->py_recursion_remaining;
@@ -263,9 +269,9 @@ void leave_recursive_call([[maybe_unused]] const CallLevel& level) noexcept {
 
 void add_attribute_error_context([[maybe_unused]] PyObject* object,
                                  [[maybe_unused]] PyObject* name) noexcept {
-#if PY_VERSION_HEX >= 0x030A0000
+#if PY_VERSION_HEX >= 0x030A0000  // the guard can go once 3.10 is the oldest supported
     if (!PyErr_ExceptionMatches(PyExc_AttributeError)) return;
-    Ref error = Ref::steal_or_null(take_raised_exception());
+    Ref error = Ref::steal_or_null(PyErr_GetRaisedException());
     if (PyErr_GivenExceptionMatches(error.get(), PyExc_AttributeError)) {
         const auto* fields = reinterpret_cast<const PyAttributeErrorObject*>(error.get());
         const bool known = fields->name != nullptr || fields->obj != nullptr;
@@ -274,12 +280,12 @@ void add_attribute_error_context([[maybe_unused]] PyObject* object,
             return;  // that failure's error is the one raised now, as in the interpreter
         }
     }
-    set_raised_exception(error.release());
+    PyErr_SetRaisedException(error.release());
 #endif
 }
 
 PendingError::PendingError() noexcept {
-#if PY_VERSION_HEX >= 0x030C0000
+#if PY_VERSION_HEX >= 0x030C0000  // the three parts can go once 3.12 is the oldest supported
     value_ = PyErr_GetRaisedException();
 #else
     PyErr_Fetch(&type_, &value_, &traceback_);
@@ -287,7 +293,7 @@ PendingError::PendingError() noexcept {
 }
 
 PendingError::~PendingError() noexcept(false) {
-    if (interpreter_finalizing() && !thread_holds_gil()) [[unlikely]]
+    if (thread_ends_at_finalisation()) [[unlikely]]
         return;
 #if PY_VERSION_HEX >= 0x030C0000
     PyErr_SetRaisedException(value_);
@@ -296,10 +302,8 @@ PendingError::~PendingError() noexcept(false) {
 #endif
 }
 
-PyObject* take_raised_exception() noexcept {
-#if PY_VERSION_HEX >= 0x030C0000
-    return PyErr_GetRaisedException();
-#else
+#if PY_VERSION_HEX < 0x030C0000  // the stand-ins of py_compat.hpp
+PyObject* PyErr_GetRaisedException() noexcept {
     PyObject *type, *value, *traceback;
     PyErr_Fetch(&type, &value, &traceback);
     if (type == nullptr) return nullptr;
@@ -308,15 +312,15 @@ PyObject* take_raised_exception() noexcept {
     Ref owned_traceback = Ref::steal_or_null(traceback);
     if (owned_traceback) PyException_SetTraceback(value, traceback);
     return value;
-#endif
 }
 
-void set_raised_exception(PyObject* exception) noexcept {
-#if PY_VERSION_HEX >= 0x030C0000
-    PyErr_SetRaisedException(exception);
-#else
+void PyErr_SetRaisedException(PyObject* exception) noexcept {
+    if (exception == nullptr) {
+        PyErr_Restore(nullptr, nullptr, nullptr);
+        return;
+    }
     PyErr_Restore(PyObject_Type(exception), exception, PyException_GetTraceback(exception));
-#endif
 }
+#endif
 
 }  // namespace py::compat

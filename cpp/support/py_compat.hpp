@@ -1,6 +1,11 @@
 // Every difference between the CPython versions the module supports (3.9 to 3.13), and every use
 // of an interpreter function outside the stable public API, in one place and gated on
-// PY_VERSION_HEX. The rest of the extension calls these and never tests a version itself.
+// PY_VERSION_HEX. The rest of the extension calls these and never tests a version itself, apart
+// from the module's optional slots (module.cpp), which older versions do not know.
+//
+// A stand-in for an API that a newer version added carries that API's name, in this namespace, and
+// says which version added it and from which oldest supported version it can go; on the versions
+// that have the API, the name here is the interpreter's own.
 //
 // The interpreter structures read directly: the thread state's recursion count (from 3.11 on),
 // so that a call into the module counts as a Python call does, without three calls into the
@@ -14,15 +19,36 @@
 
 namespace py::compat {
 
-// True once the interpreter has begun to finalise. From then on a thread that is not holding the
-// interpreter lock may be ended with pthread_exit() while it is inside the module.
-inline bool interpreter_finalizing() noexcept {
+// ---- stand-ins for newer API ---------------------------------------------------------------
+
 #if PY_VERSION_HEX >= 0x030D0000
-    return Py_IsFinalizing() != 0;
+using ::Py_IsFinalizing;
+using ::PyThreadState_GetUnchecked;
 #else
-    return _Py_IsFinalizing() != 0;
-#endif
+// Py_IsFinalizing() of 3.13 (private before); can go once 3.13 is the oldest supported.
+inline int Py_IsFinalizing() noexcept {
+    return _Py_IsFinalizing();
 }
+// PyThreadState_GetUnchecked() of 3.13 (private before); can go once 3.13 is the oldest supported.
+inline PyThreadState* PyThreadState_GetUnchecked() noexcept {
+    return _PyThreadState_UncheckedGet();
+}
+#endif
+
+#if PY_VERSION_HEX >= 0x030C0000
+using ::PyErr_GetRaisedException;
+using ::PyErr_SetRaisedException;
+#else
+// PyErr_GetRaisedException() of 3.12; can go once 3.12 is the oldest supported. The error being
+// raised, as one normalised exception object whose traceback is attached, cleared from the
+// indicator (new reference); null when none is set.
+PyObject* PyErr_GetRaisedException() noexcept;
+// PyErr_SetRaisedException() of 3.12; can go once 3.12 is the oldest supported. Raises
+// `exception` with its traceback, or clears the indicator for null; steals the reference.
+void PyErr_SetRaisedException(PyObject* exception) noexcept;
+#endif
+
+// ---- the module's own ---------------------------------------------------------------------
 
 // True when the calling thread holds the interpreter lock: it has a current thread state. Not
 // PyGILState_Check(), which answers yes in every thread for good once any sub-interpreter has
@@ -30,14 +56,20 @@ inline bool interpreter_finalizing() noexcept {
 // it must also be this thread's own; from 3.12 on it is per thread, and null while the thread
 // waits for the lock.
 inline bool thread_holds_gil() noexcept {
-#if PY_VERSION_HEX >= 0x030D0000
-    return PyThreadState_GetUnchecked() != nullptr;
-#elif PY_VERSION_HEX >= 0x030C0000
-    return _PyThreadState_UncheckedGet() != nullptr;
+    const PyThreadState* current = PyThreadState_GetUnchecked();
+#if PY_VERSION_HEX >= 0x030C0000
+    return current != nullptr;
 #else
-    const PyThreadState* current = _PyThreadState_UncheckedGet();
+    // The process-wide current thread state of 3.11 and older; can go once 3.12 is the oldest.
     return current != nullptr && current->thread_id == PyThread_get_thread_ident();
 #endif
+}
+
+// True once the interpreter has begun to finalise and the calling thread does not hold its lock:
+// such a thread may be ended with pthread_exit() while it is inside the module, and must not touch
+// any object.
+inline bool thread_ends_at_finalisation() noexcept {
+    return Py_IsFinalizing() != 0 && !thread_holds_gil();
 }
 
 // One level of the recursion count, taken by enter_recursive_call() and given back by
@@ -76,7 +108,7 @@ void remember_global(PyObject* globals, PyObject* name, PyObject* value);
 // for anything else (the caller then lets the int compare itself).
 inline bool small_int_value(PyObject* object, long long& value) noexcept {
     if (!PyLong_CheckExact(object)) return false;
-#if PY_VERSION_HEX >= 0x030C0000
+#if PY_VERSION_HEX >= 0x030C0000  // the compact form of 3.12 and later
     if (PyUnstable_Long_IsCompact(reinterpret_cast<PyLongObject*>(object))) {
         value = PyUnstable_Long_CompactValue(reinterpret_cast<PyLongObject*>(object));
         return true;
@@ -103,7 +135,7 @@ inline PyObject* function_str(PyObject* callable) {
 // What throw(type, value[, traceback]) of a generator warns from 3.12 on, where that form is
 // deprecated: -1 when the warning is raised as an error, else 0.
 inline int warn_three_argument_throw() noexcept {
-#if PY_VERSION_HEX >= 0x030C0000
+#if PY_VERSION_HEX >= 0x030C0000  // the guard can go once 3.12 is the oldest supported
     return PyErr_WarnEx(PyExc_DeprecationWarning,
                         "the (type, exc, tb) signature of throw() is deprecated, use the "
                         "single-arg signature instead.",
@@ -115,7 +147,8 @@ inline int warn_three_argument_throw() noexcept {
 
 // The error being raised, taken out of the error indicator so that other code can run, and put
 // back when this goes out of scope. Exceptions of 3.12 and later are one object; earlier versions
-// keep three.
+// keep three, which are put aside as they are, unnormalised, so that nothing runs here (the three
+// can go once 3.12 is the oldest supported).
 class PendingError {
   public:
     PendingError() noexcept;
@@ -130,12 +163,5 @@ class PendingError {
     PyObject* value_ = nullptr;
     PyObject* traceback_ = nullptr;  // before 3.12 only
 };
-
-// The error being raised, as one normalised exception object whose traceback is attached, cleared
-// from the indicator (new reference); null when none is set.
-PyObject* take_raised_exception() noexcept;
-
-// Raises `exception` with its traceback; steals the reference.
-void set_raised_exception(PyObject* exception) noexcept;
 
 }  // namespace py::compat

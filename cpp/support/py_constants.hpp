@@ -7,7 +7,7 @@
 #include <initializer_list>
 #include <vector>
 
-#include "support/py_ref.hpp"
+#include "support/py_operations.hpp"
 
 namespace py {
 

@@ -325,11 +325,6 @@ PyObject* function_reduce(PyObject* self, PyObject*) {
     return Ref(as_function(self)->fields.qualname).release();
 }
 
-PyMethodDef function_methods[] = {
-    {"__reduce__", function_reduce, METH_NOARGS, nullptr},
-    {nullptr, nullptr, 0, nullptr},
-};
-
 // Setters mirror the checks of Python's own function attributes.
 PyObject* get_name(PyObject* self, void*) {
     return Ref(as_function(self)->fields.name).release();
@@ -440,43 +435,53 @@ PyObject* get_code(PyObject* self, void*) {
     });
 }
 
-PyGetSetDef function_getset[] = {
-    {"__name__", get_name, set_name, nullptr, nullptr},
-    {"__qualname__", get_qualname, set_qualname, nullptr, nullptr},
-    {"__doc__", get_doc, set_doc, nullptr, nullptr},
-    {"__module__", get_module, set_module, nullptr, nullptr},
-    {"__defaults__", get_defaults, set_defaults, nullptr, nullptr},
-    {"__kwdefaults__", get_kwdefaults, set_kwdefaults, nullptr, nullptr},
-    {"__annotations__", get_annotations, set_annotations, nullptr, nullptr},
-    {"__globals__", get_globals, nullptr, nullptr, nullptr},
-    {"__code__", get_code, nullptr, nullptr, nullptr},
-    {"__dict__", PyObject_GenericGetDict, PyObject_GenericSetDict, nullptr, nullptr},
-    {nullptr, nullptr, nullptr, nullptr, nullptr},
+// The tables name only the fields they set, and leave the rest zero as the interpreter expects; g++
+// warns about every member that a designated initialiser leaves out, hence the pragma.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wmissing-field-initializers"
+
+PyMethodDef function_methods[] = {
+    {.ml_name = "__reduce__", .ml_meth = function_reduce, .ml_flags = METH_NOARGS},
+    {},
 };
 
-PyTypeObject function_type = [] {
-    PyTypeObject type{};
-    type.ob_base = PyVarObject{PyObject_HEAD_INIT(nullptr) 0};
-    type.tp_name = "quillmarsh.core.tree.chunk_layer.compiled_function";
-    type.tp_basicsize = sizeof(FunctionObject);
-    type.tp_dealloc = function_dealloc;
-    type.tp_vectorcall_offset = offsetof(FunctionObject, vectorcall);
-    type.tp_repr = function_repr;
-    type.tp_call = function_call;
-    type.tp_getattro = PyObject_GenericGetAttr;
-    type.tp_setattro = PyObject_GenericSetAttr;
-    type.tp_flags = Py_TPFLAGS_DEFAULT | Py_TPFLAGS_HAVE_GC | Py_TPFLAGS_HAVE_VECTORCALL |
-                    Py_TPFLAGS_METHOD_DESCRIPTOR;
-    type.tp_doc = "A function of the chunk layer module, compiled to machine code.";
-    type.tp_traverse = function_traverse;
-    type.tp_clear = function_clear;
-    type.tp_weaklistoffset = offsetof(FunctionObject, weakrefs);
-    type.tp_methods = function_methods;
-    type.tp_getset = function_getset;
-    type.tp_descr_get = function_descr_get;
-    type.tp_dictoffset = offsetof(FunctionObject, fields) + offsetof(FunctionObject::Fields, dict);
-    return type;
-}();
+PyGetSetDef function_getset[] = {
+    {.name = "__name__", .get = get_name, .set = set_name},
+    {.name = "__qualname__", .get = get_qualname, .set = set_qualname},
+    {.name = "__doc__", .get = get_doc, .set = set_doc},
+    {.name = "__module__", .get = get_module, .set = set_module},
+    {.name = "__defaults__", .get = get_defaults, .set = set_defaults},
+    {.name = "__kwdefaults__", .get = get_kwdefaults, .set = set_kwdefaults},
+    {.name = "__annotations__", .get = get_annotations, .set = set_annotations},
+    {.name = "__globals__", .get = get_globals},
+    {.name = "__code__", .get = get_code},
+    {.name = "__dict__", .get = PyObject_GenericGetDict, .set = PyObject_GenericSetDict},
+    {},
+};
+
+PyTypeObject function_type = {
+    .ob_base = PyVarObject{PyObject_HEAD_INIT(nullptr) 0},
+    .tp_name = "quillmarsh.core.tree.chunk_layer.compiled_function",
+    .tp_basicsize = sizeof(FunctionObject),
+    .tp_dealloc = function_dealloc,
+    .tp_vectorcall_offset = offsetof(FunctionObject, vectorcall),
+    .tp_repr = function_repr,
+    .tp_call = function_call,
+    .tp_getattro = PyObject_GenericGetAttr,
+    .tp_setattro = PyObject_GenericSetAttr,
+    .tp_flags = Py_TPFLAGS_DEFAULT | Py_TPFLAGS_HAVE_GC | Py_TPFLAGS_HAVE_VECTORCALL |
+                Py_TPFLAGS_METHOD_DESCRIPTOR,
+    .tp_doc = "A function of the chunk layer module, compiled to machine code.",
+    .tp_traverse = function_traverse,
+    .tp_clear = function_clear,
+    .tp_weaklistoffset = offsetof(FunctionObject, weakrefs),
+    .tp_methods = function_methods,
+    .tp_getset = function_getset,
+    .tp_descr_get = function_descr_get,
+    .tp_dictoffset = offsetof(FunctionObject, fields) + offsetof(FunctionObject::Fields, dict),
+};
+
+#pragma GCC diagnostic pop
 
 }  // namespace
 
@@ -493,17 +498,17 @@ Ref make_function(const FunctionDef& definition, Handle module_name, Handle glob
     function->weakrefs = nullptr;
     function->parameter_count = static_cast<Py_ssize_t>(definition.parameters.size());
     new (&function->fields) FunctionObject::Fields{
-        &definition,
-        Ref::borrow(globals),
-        Ref::borrow(closure),
-        Ref::borrow(module_name),
-        Ref::borrow(definition.name_object),
-        Ref::borrow(definition.qualname_object),
-        Ref::borrow(definition.doc_object),
-        Ref::borrow(definition.defaults),
-        Ref::none(),
-        Ref(),
-        Ref(),
+        .definition = &definition,
+        .globals = Ref::borrow(globals),
+        .closure = Ref::borrow(closure),
+        .module = Ref::borrow(module_name),
+        .name = Ref::borrow(definition.name_object),
+        .qualname = Ref::borrow(definition.qualname_object),
+        .doc = Ref::borrow(definition.doc_object),
+        .defaults = Ref::borrow(definition.defaults),
+        .kwdefaults = Ref::none(),
+        .annotations = Ref(),
+        .dict = Ref(),
     };
     Ref result = Ref::steal(reinterpret_cast<PyObject*>(function));
     PyObject_GC_Track(function);

@@ -154,12 +154,12 @@ PyObject* resume(GeneratorObject& generator, Resume how, PyObject* sent) {
     if (failed) {
         // A StopIteration leaving the body would end the caller's loop silently: make it loud.
         if (PyErr_ExceptionMatches(PyExc_StopIteration)) {
-            Ref stop = Ref::steal_or_null(compat::take_raised_exception());
+            Ref stop = Ref::steal_or_null(compat::PyErr_GetRaisedException());
             PyErr_SetString(PyExc_RuntimeError, "generator raised StopIteration");
-            Ref error = Ref::steal_or_null(compat::take_raised_exception());
+            Ref error = Ref::steal_or_null(compat::PyErr_GetRaisedException());
             PyException_SetCause(error.get(), Ref(stop).release());
             PyException_SetContext(error.get(), stop.release());
-            compat::set_raised_exception(error.release());
+            compat::PyErr_SetRaisedException(error.release());
         }
         return nullptr;
     }
@@ -316,42 +316,55 @@ PyObject* get_running(PyObject* self, void*) {
     return Ref::boolean(as_generator(self)->fields.running).release();
 }
 
+// The tables name only the fields they set, and leave the rest zero as the interpreter expects; g++
+// warns about every member that a designated initialiser leaves out, hence the pragma.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wmissing-field-initializers"
+
 PyMethodDef generator_methods[] = {
-    {"send", generator_send, METH_O,
-     "send(arg) -> send 'arg' into generator,\nreturn next yielded value or raise StopIteration."},
-    {"throw", generator_throw, METH_VARARGS,
-     "throw(typ[,val[,tb]]) -> raise exception in generator,\nreturn next yielded value or raise "
-     "StopIteration."},
-    {"close", generator_close, METH_NOARGS, "close() -> raise GeneratorExit inside generator."},
-    {nullptr, nullptr, 0, nullptr},
+    {.ml_name = "send",
+     .ml_meth = generator_send,
+     .ml_flags = METH_O,
+     .ml_doc = "send(arg) -> send 'arg' into generator,\nreturn next yielded value or raise "
+               "StopIteration."},
+    {.ml_name = "throw",
+     .ml_meth = generator_throw,
+     .ml_flags = METH_VARARGS,
+     .ml_doc = "throw(typ[,val[,tb]]) -> raise exception in generator,\nreturn next yielded value "
+               "or raise StopIteration."},
+    {.ml_name = "close",
+     .ml_meth = generator_close,
+     .ml_flags = METH_NOARGS,
+     .ml_doc = "close() -> raise GeneratorExit inside generator."},
+    {},
 };
 
 PyGetSetDef generator_getset[] = {
-    {"__name__", get_name, set_name, nullptr, nullptr},
-    {"__qualname__", get_qualname, set_qualname, nullptr, nullptr},
-    {"gi_running", get_running, nullptr, nullptr, nullptr},
-    {nullptr, nullptr, nullptr, nullptr, nullptr},
+    {.name = "__name__", .get = get_name, .set = set_name},
+    {.name = "__qualname__", .get = get_qualname, .set = set_qualname},
+    {.name = "gi_running", .get = get_running},
+    {},
 };
 
-PyTypeObject generator_type = [] {
-    PyTypeObject type{};
-    type.ob_base = PyVarObject{PyObject_HEAD_INIT(nullptr) 0};
-    type.tp_name = "quillmarsh.core.tree.chunk_layer.generator";
-    type.tp_basicsize = sizeof(GeneratorObject);
-    type.tp_dealloc = generator_dealloc;
-    type.tp_repr = generator_repr;
-    type.tp_getattro = PyObject_GenericGetAttr;
-    type.tp_flags = Py_TPFLAGS_DEFAULT | Py_TPFLAGS_HAVE_GC;
-    type.tp_traverse = generator_traverse;
-    type.tp_clear = generator_clear;
-    type.tp_weaklistoffset = offsetof(GeneratorObject, weakrefs);
-    type.tp_iter = PyObject_SelfIter;
-    type.tp_iternext = generator_iternext;
-    type.tp_methods = generator_methods;
-    type.tp_getset = generator_getset;
-    type.tp_finalize = generator_finalize;
-    return type;
-}();
+PyTypeObject generator_type = {
+    .ob_base = PyVarObject{PyObject_HEAD_INIT(nullptr) 0},
+    .tp_name = "quillmarsh.core.tree.chunk_layer.generator",
+    .tp_basicsize = sizeof(GeneratorObject),
+    .tp_dealloc = generator_dealloc,
+    .tp_repr = generator_repr,
+    .tp_getattro = PyObject_GenericGetAttr,
+    .tp_flags = Py_TPFLAGS_DEFAULT | Py_TPFLAGS_HAVE_GC,
+    .tp_traverse = generator_traverse,
+    .tp_clear = generator_clear,
+    .tp_weaklistoffset = offsetof(GeneratorObject, weakrefs),
+    .tp_iter = PyObject_SelfIter,
+    .tp_iternext = generator_iternext,
+    .tp_methods = generator_methods,
+    .tp_getset = generator_getset,
+    .tp_finalize = generator_finalize,
+};
+
+#pragma GCC diagnostic pop
 
 }  // namespace
 
@@ -366,15 +379,19 @@ Ref make_generator(const Call& call, std::size_t argument_count, GeneratorBody b
     check(reinterpret_cast<PyObject*>(generator));
     generator->weakrefs = nullptr;
     new (&generator->fields) GeneratorObject::Fields{
-        {},
-        Ref::borrow(call.function),
-        Ref::borrow(call.globals),
-        Ref::borrow(call.closure),
-        {},
-        {},
-        Call{call.function, call.globals, call.closure, nullptr, nullptr},
-        function_name(call.function),
-        function_qualname(call.function),
+        .body = {},
+        .function = Ref::borrow(call.function),
+        .globals = Ref::borrow(call.globals),
+        .closure = Ref::borrow(call.closure),
+        .arguments = {},
+        .argument_pointers = {},
+        .call = Call{.function = call.function,
+                     .globals = call.globals,
+                     .closure = call.closure,
+                     .args = nullptr,
+                     .held = nullptr},
+        .name = function_name(call.function),
+        .qualname = function_qualname(call.function),
     };
     Ref result = Ref::steal(reinterpret_cast<PyObject*>(generator));
     auto& fields = generator->fields;
