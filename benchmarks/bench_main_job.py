@@ -12,8 +12,9 @@ everything in one run:
 - the regression summaries of five seeds of the command (m = 2,000) against the least squares of all
   kept rows, beside one-shot coresets and uniform samples of the same size (8 seeds each), in the
   job's own feature space and on the table's plain numeric columns alone;
-- the command's judgement of k-means on the same table with 30 extreme rows (every plain numeric
-  column 1,000 times as large): the summary's and a uniform sample's cost against the full data's;
+- the command's judgement of k-means on the same table with 30 extreme rows (1,000 times the largest
+  value in every plain numeric column): the summary's and a uniform sample's cost against the full
+  data's;
 - the floors of the build's stages, timed here on the same chunks: for preprocessing, the columns
   turned into the encoded matrix with pandas' and numpy's own primitives (numbers converted, each
   text column factorised and scattered into its one-hot columns); for the sensitivities, the
@@ -57,14 +58,14 @@ EXTREME_COLUMNS = ["month", "day", "dep_time", "sched_dep_time", "dep_delay", "a
 
 def flights_like(rows: int, seed: int = 0, extreme: int = 0) -> pd.DataFrame:
     """A table of the shape and column types of the public flights table; with ``extreme``, that many rows
-    have every plain numeric column but the year and the target 1,000 times as large (a far cluster that
-    a uniform sample of a few thousand rows most often misses)."""
+    hold 1,000 times the column's largest value in every plain numeric column but the year and the target:
+    a tight, far cluster that a uniform sample of a few thousand rows most often misses."""
     table = _flights_like(rows, seed)
     if extreme:
         far = np.random.default_rng(seed + 1).choice(rows, extreme, replace=False)
         for column in EXTREME_COLUMNS:
             table[column] = table[column].astype(float)
-            table.loc[far, column] = table.loc[far, column] * 1000.0
+            table.loc[far, column] = 1000.0 * float(table[column].max())
     return table
 
 
