@@ -6,13 +6,14 @@ from __future__ import annotations
 from types import ModuleType
 
 import pytest
+
 import reference
 from quillmarsh.core.tree import chunk_layer
 
 IMPLEMENTATIONS = {"compiled": chunk_layer, "reference": reference}
 
 
-@pytest.fixture(params=list(IMPLEMENTATIONS))
+@pytest.fixture(scope="session", params=list(IMPLEMENTATIONS))
 def impl(request: pytest.FixtureRequest) -> ModuleType:
     """The chunk layer under test: the compiled module, then the reference."""
     return IMPLEMENTATIONS[request.param]

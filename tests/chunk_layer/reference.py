@@ -13,8 +13,8 @@ Annotations stay strings (``from __future__ import annotations``) and are not us
 Cython peer is built with ``annotation_typing=False``), so the three argument types that the layer
 checks are checked here in code, with the compiled module's message.
 
-Run as Python, this file words two errors as the interpreter does, where compiled code has its own
-wording: a wrong argument count and an unpacking of too few values. ``rebuild`` checks its argument when
+Run as Python, this file words a wrong argument count as the interpreter does ("missing 1 required
+positional argument"), where compiled code says "takes exactly 2 positional arguments (1 given)". ``rebuild`` checks its argument when
 called and then returns a generator made by an inner function, since a Python generator function runs
 nothing, not even a check, before its first step.
 """
@@ -41,10 +41,6 @@ from quillmarsh.data.manager import DataManagerT
 from quillmarsh.core.tree import utils
 from quillmarsh.data.data_auto_processor import DataAutoProcessor
 from quillmarsh.common import ThreadPoolManager
-
-# ``print`` as a global of this module, so that compiled code looks it up at call time (in the module's
-# namespace first, then the built-ins), as the module does; Cython would otherwise bind the built-in.
-print = print
 
 BUFFER_NODE_ID = "buffer"
 
@@ -84,6 +80,17 @@ def _membership_test(np):
         return np.in1d
     except AttributeError:
         return np.isin
+
+
+def _unpack(values, count):
+    # ``a, b, c = values``, with compiled code's wording when too few values come.
+    iterator = iter(values)
+    items = list(itertools.islice(iterator, count))
+    if len(items) < count:
+        raise ValueError(f"need more than {len(items)} value{'' if len(items) == 1 else 's'} to unpack")
+    for _ in iterator:
+        raise ValueError(f"too many values to unpack (expected {count})")
+    return items
 
 
 def exclude_removed(removed, indices, dataset=None):
@@ -210,7 +217,7 @@ class ChunkNode:
             )
             X_processed = dap.handle_missing_and_categorical_encoding(sparse_threshold=0)
             self.dset = self.dset._replace(X=dap.X, y=dap.y, ind=dap.ind, props=dap.props)
-            y_processed, _, _ = dap.get_processed_arrays()
+            y_processed, _, _ = _unpack(dap.get_processed_arrays(), 3)
             coreset.compute_sensitivities(X=X_processed, y=y_processed)
             chunk_sensi = ChunkSensitivities(
                 coreset=coreset.to_dict(with_important=True, use_keep_selected_only=False),

@@ -29,6 +29,9 @@ from chunk_support import RecordingDataManager, RecordingParent, make_dataset, r
 from quillmarsh.core.tree import chunk_layer
 from quillmarsh.data.common import Dataset
 
+# About the compiled module's survival of bad input (no crash, no corrupted state): run against it alone.
+pytestmark = pytest.mark.compiled_only
+
 RealNode = chunk_layer.ChunkNode  # the module's own class, also while a test patches in a stand-in
 FUZZ = settings(max_examples=120, deadline=None, suppress_health_check=[HealthCheck.too_slow])
 
