@@ -1,6 +1,7 @@
-"""Per-call cost of the chunk layer's operations, timed with pyperf, for one implementation at a time:
-``module`` (the compiled ``quillmarsh.core.tree.chunk_layer``), ``cython`` (the tests' reference compiled
-by Cython 3) or ``python`` (the reference run by the interpreter); see ``peers.py``.
+"""Per-call cost of the chunk layer's operations, timed with pyperf in three implementations: ``module``
+(the compiled ``quillmarsh.core.tree.chunk_layer``), ``cython`` (the tests' reference compiled by Cython 3)
+and ``python`` (the reference run by the interpreter); see ``peers.py``. The three are timed one after
+the other for each operation, so that a change in the machine's load falls on all three alike.
 
 Every collaborator is a no-op stand-in, so that what is timed is the layer itself: a data manager of
 plain values, a parent whose ``update_build_params`` does nothing, a task pool that queues nothing, a
@@ -9,10 +10,12 @@ and
 ``ChunkNode`` replaced by a trivial class for the layer's operations (the node's own operations use the
 implementation's real one). Arrays have 2 to 4 rows, so that numpy's share is small. A statement that
 changes state starts by putting it back (``layer.buffer = half; ...``), in every implementation alike.
-pyperf calibrates the loops, runs each operation in worker processes and keeps the results:
+pyperf calibrates the loops and runs each benchmark, named "OPERATION | IMPLEMENTATION", in worker
+processes; ``split`` makes one file per implementation of the results, for pyperf's ``compare_to``:
 
-    python benchmarks/bench_chunk_layer.py --impl module -o build/bench/module.json [--fast]
-    python -m pyperf compare_to build/bench/module.json build/bench/cython.json --table
+    python benchmarks/bench_chunk_layer.py -o build/bench/all.json [--fast]
+    python benchmarks/bench_chunk_layer.py --split build/bench/all.json
+    python -m pyperf compare_to build/bench/module.json build/bench/cython.json build/bench/python.json
 """
 
 from __future__ import annotations
@@ -23,8 +26,10 @@ import sys
 # One BLAS thread: the benchmark measures call overhead, and shares two cores with other work.
 os.environ.setdefault("OPENBLAS_NUM_THREADS", "1")
 
+import json  # noqa: E402
+from pathlib import Path  # noqa: E402
 from types import ModuleType, SimpleNamespace  # noqa: E402
-from typing import Any, Dict  # noqa: E402
+from typing import Any, Dict, List  # noqa: E402
 
 import numpy as np  # noqa: E402
 import peers  # noqa: E402
@@ -180,14 +185,31 @@ OPERATIONS = [
 ]
 
 
+def split(path: Path) -> List[Path]:
+    """One pyperf file per implementation beside ``path``, each benchmark named by its operation alone."""
+    suite = json.loads(path.read_text())
+    written = []
+    for impl in IMPLEMENTATIONS:
+        part = dict(suite, benchmarks=[])
+        for benchmark in suite["benchmarks"]:
+            operation, _, of = benchmark["metadata"]["name"].rpartition(" | ")
+            if of == impl:
+                metadata = dict(benchmark["metadata"], name=operation)
+                part["benchmarks"].append(dict(benchmark, metadata=metadata))
+        written.append(path.with_name(f"{impl}.json"))
+        written[-1].write_text(json.dumps(part))
+    return written
+
+
 def main() -> None:
-    runner = pyperf.Runner(add_cmdline_args=lambda command, args: command.extend(["--impl", args.impl]))
-    runner.argparser.add_argument("--impl", choices=list(IMPLEMENTATIONS), default="module")
-    args = runner.parse_args()
-    runner.metadata["chunk_layer"] = args.impl
-    names = namespace(IMPLEMENTATIONS[args.impl]())
-    for name, statement in OPERATIONS:
-        runner.timeit(name, stmt=statement, globals=names)
+    if sys.argv[1:2] == ["--split"]:
+        print(" ".join(str(p) for p in split(Path(sys.argv[2]))))
+        return
+    runner = pyperf.Runner()
+    names = {impl: namespace(load()) for impl, load in IMPLEMENTATIONS.items()}
+    for operation, statement in OPERATIONS:
+        for impl in IMPLEMENTATIONS:
+            runner.timeit(f"{operation} | {impl}", stmt=statement, globals=names[impl])
 
 
 if __name__ == "__main__":

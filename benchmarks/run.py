@@ -1,5 +1,5 @@
-"""The chunk layer's benchmarks under each interpreter given: per version, ``bench_chunk_layer.py`` for
-each implementation into ``build/bench/<version>/<implementation>.json``, pyperf's ``compare_to`` of
+"""The chunk layer's benchmarks under each interpreter given: per version, ``bench_chunk_layer.py`` into
+``build/bench/<version>/all.json``, split into one file per implementation, pyperf's ``compare_to`` of
 the three into ``compare.md``, and, unless ``--quick``, the instruction counts into ``instructions.md``.
 
     python benchmarks/run.py --python .venvs/3.9/bin/python --python .venvs/3.13/bin/python
@@ -17,7 +17,6 @@ from pathlib import Path
 
 HERE = Path(__file__).resolve().parent
 OUTPUT = HERE.parent / "build" / "bench"
-IMPLEMENTATIONS = ("module", "cython", "python")
 # pyperf's settings: worker processes, values per process (each of loops calibrated to 100 ms). Every
 # worker imports numpy, pandas and quillmarsh first (about a second), which the process counts pay.
 FULL = ["--processes", "10", "--values", "3"]
@@ -30,14 +29,13 @@ def run(python: str, quick: bool) -> None:
     directory = OUTPUT / version
     directory.mkdir(parents=True, exist_ok=True)
     subprocess.run([python, str(HERE / "peers.py")], check=True)  # the Cython peer, before any timing
-    results = []
-    for impl in IMPLEMENTATIONS:
-        result = directory / f"{impl}.json"
-        result.unlink(missing_ok=True)  # pyperf writes no file over an existing one
-        print(f"### Python {version}: {impl}", flush=True)
-        subprocess.run([python, str(HERE / "bench_chunk_layer.py"), "--impl", impl, "--quiet",
-                        "-o", str(result), *(QUICK if quick else FULL)], check=True)
-        results.append(str(result))
+    timed = directory / "all.json"
+    timed.unlink(missing_ok=True)  # pyperf writes no file over an existing one
+    print(f"### Python {version}", flush=True)
+    bench = [python, str(HERE / "bench_chunk_layer.py")]
+    subprocess.run([*bench, "--quiet", "-o", str(timed), *(QUICK if quick else FULL)], check=True)
+    results = subprocess.run([*bench, "--split", str(timed)], capture_output=True, text=True,
+                             check=True).stdout.split()
     compare = [python, "-m", "pyperf", "compare_to", "--table", "--table-format", "md", *results]
     table = subprocess.run(compare, capture_output=True, text=True, check=True).stdout
     (directory / "compare.md").write_text(table)
