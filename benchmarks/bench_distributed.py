@@ -14,7 +14,6 @@ start is timed apart and not counted.
 
     .venv/bin/python benchmarks/bench_distributed.py             # 2,000,000 rows: about 2 minutes
     .venv/bin/python benchmarks/bench_distributed.py --quick     # 400,000 rows, fewer runs
-    .venv/bin/python benchmarks/bench_distributed.py --json out.json
 """
 
 # ruff: noqa: E402
@@ -27,9 +26,7 @@ for _variable in ("OPENBLAS_NUM_THREADS", "OMP_NUM_THREADS", "MKL_NUM_THREADS"):
     os.environ.setdefault(_variable, "1")
 
 import argparse
-import json
 import logging
-import platform
 import sys
 import threading
 import time
@@ -119,8 +116,7 @@ class PeakMemory:
 
     @staticmethod
     def _cpu(process: psutil.Process) -> float:
-        times = process.cpu_times()
-        return float(times.user + times.system)
+        return float(sum(process.cpu_times()[:2]))  # user and system
 
     def report(self) -> Dict[str, Dict[str, float]]:
         mb = 1 << 20
@@ -196,8 +192,7 @@ def distributed_run(rows: int, workers: int, partitions: int) -> Dict[str, Any]:
 
 def best_of(repeats: int, run: Callable[[], Dict[str, Any]]) -> Dict[str, Any]:
     """The run with the lowest wall time of ``repeats``."""
-    results = [run() for _ in range(repeats)]
-    return min(results, key=lambda r: float(r["wall_s"]))
+    return min((run() for _ in range(repeats)), key=lambda r: float(r["wall_s"]))
 
 
 def table(results: List[Dict[str, Any]], baseline: float) -> str:
@@ -228,7 +223,6 @@ def main(argv: Optional[List[str]] = None) -> Tuple[List[Dict[str, Any]], str]:
     parser.add_argument("--rows", type=int, default=None, help="rows (default 2,000,000; 400,000 --quick)")
     parser.add_argument("--repeats", type=int, default=None, help="runs per layout, fastest kept (default 2)")
     parser.add_argument("--quick", action="store_true", help="fewer rows, layouts and repeats")
-    parser.add_argument("--json", help="also write the figures to this file")
     args = parser.parse_args(argv)
     rows = args.rows or (400_000 if args.quick else 2_000_000)
     repeats = args.repeats or (1 if args.quick else 2)
@@ -241,12 +235,6 @@ def main(argv: Optional[List[str]] = None) -> Tuple[List[Dict[str, Any]], str]:
     text = table(results, float(results[0]["wall_s"]))
     print(f"{rows:,} rows, {N_FEATURES} features, chunks of {CHUNK_SIZE:,} rows, best of {repeats}")
     print(text)
-    if args.json:
-        environment = {"python": sys.version.split()[0], "numpy": np.__version__, "dask": dask.__version__,
-                       "cpus": os.cpu_count(), "machine": platform.machine(), "rows": rows,
-                       "date": time.strftime("%Y-%m-%d %H:%M:%S")}
-        with open(args.json, "w") as stream:
-            json.dump({"environment": environment, "results": results}, stream, indent=1)
     return results, text
 
 

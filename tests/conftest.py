@@ -1,6 +1,19 @@
-"""Test configuration: the chunk layer's test helpers are importable from every test file."""
+"""Test configuration: the ``impl`` fixture, which runs a behaviour test once against the compiled chunk
+layer and once against its plain-Python reference (``tests/chunk_layer/reference.py``)."""
 
-import sys
-from pathlib import Path
+from __future__ import annotations
 
-sys.path.insert(0, str(Path(__file__).parent / "chunk_layer"))
+from types import ModuleType
+
+import pytest
+
+import reference
+from quillmarsh.core.tree import chunk_layer
+
+IMPLEMENTATIONS = {"compiled": chunk_layer, "reference": reference}
+
+
+@pytest.fixture(scope="session", params=list(IMPLEMENTATIONS))
+def impl(request: pytest.FixtureRequest) -> ModuleType:
+    """The chunk layer under test: the compiled module, then the reference."""
+    return IMPLEMENTATIONS[request.param]

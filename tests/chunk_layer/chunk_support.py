@@ -3,12 +3,15 @@ layer and its nodes call (data manager, parent, node class)."""
 
 from __future__ import annotations
 
+import functools
+import os
 import threading
-from typing import Any, List, Optional, Tuple
+from pathlib import Path
+from types import ModuleType
+from typing import Any, Dict, List, Optional, Tuple
 
 import numpy as np
 
-from quillmarsh.core.tree import chunk_layer
 from quillmarsh.data.common import Dataset
 
 
@@ -130,8 +133,8 @@ class InertNode:
         return self
 
 
-def patch_node_class(monkeypatch) -> type:
-    """Replaces the module's `ChunkNode` by a fresh recording `FakeNode` class."""
+def patch_node_class(impl: ModuleType, monkeypatch) -> type:
+    """Replaces the implementation's `ChunkNode` by a fresh recording `FakeNode` class."""
 
     class Node(FakeNode):
         instances: List[FakeNode] = []
@@ -140,7 +143,7 @@ def patch_node_class(monkeypatch) -> type:
             super().__init__(*args, **kwargs)
             Node.instances.append(self)
 
-    monkeypatch.setattr(chunk_layer, "ChunkNode", Node)
+    monkeypatch.setattr(impl, "ChunkNode", Node)
     return Node
 
 
@@ -156,8 +159,14 @@ BUILD_PARAM_KEYS = [
 ]
 
 
-class CreateNodeRecordingLayer(chunk_layer.ChunkLayer):
-    """Records every `_create_node` call before delegating to the module's own."""
+@functools.cache
+def subclass(base: type, mixin: type) -> type:
+    """`base` (a class of one implementation) with the methods of `mixin` first in line; one class a pair."""
+    return type(mixin.__name__, (mixin, base), {"__module__": mixin.__module__})
+
+
+class CreateNodeRecording:
+    """Mixed into a layer class: records every `_create_node` call before delegating to the layer's own."""
 
     def __init__(self, *args: Any, **kwargs: Any) -> None:
         super().__init__(*args, **kwargs)
@@ -181,3 +190,11 @@ def unpacking_message(value: object, targets: int) -> str:
     except (TypeError, ValueError) as error:
         return str(error)
     raise AssertionError(f"{value!r} unpacks into {targets} names")
+
+
+def child_environment() -> Dict[str, str]:
+    """This process's environment with the folder of these helpers and of the reference first on
+    PYTHONPATH: for a script that a test runs in a fresh interpreter."""
+    env = dict(os.environ)
+    env["PYTHONPATH"] = os.pathsep.join(filter(None, [str(Path(__file__).parent), env.get("PYTHONPATH")]))
+    return env

@@ -4,23 +4,21 @@ honoured, and a class patched after the module loaded is seen at once."""
 
 import numpy as np
 import pytest
-from quillmarsh.core.tree.chunk_layer import ChunkLayer, ChunkNode
 
 from chunk_support import RecordingDataManager, RecordingParent, make_dataset, patch_node_class
-from quillmarsh.core.tree import chunk_layer
 
 
-def buffered_layer(cls=ChunkLayer, rows=6, chunk_size=5):
-    layer = cls(RecordingDataManager(), [], chunk_size, RecordingParent())
+def buffered_layer(impl, cls=None, rows=6, chunk_size=5):
+    layer = (cls or impl.ChunkLayer)(RecordingDataManager(), [], chunk_size, RecordingParent())
     layer.set_buffer(list(make_dataset(rows)))
     return layer
 
 
-def test_a_property_patched_onto_the_class_wins_over_the_instance_dict(monkeypatch):
-    patch_node_class(monkeypatch)
-    layer = buffered_layer()
+def test_a_property_patched_onto_the_class_wins_over_the_instance_dict(impl, monkeypatch):
+    patch_node_class(impl, monkeypatch)
+    layer = buffered_layer(impl)
     assert layer.__dict__["chunk_size"] == 5
-    monkeypatch.setattr(ChunkLayer, "chunk_size", property(lambda self: 2), raising=False)
+    monkeypatch.setattr(impl.ChunkLayer, "chunk_size", property(lambda self: 2), raising=False)
     chunks = list(layer._get_from_buffer())
     assert [len(chunk.dset.ind) for chunk in chunks] == [2, 2, 2]
     monkeypatch.undo()
@@ -29,14 +27,14 @@ def test_a_property_patched_onto_the_class_wins_over_the_instance_dict(monkeypat
     assert [len(node.dset.ind) for node in layer._get_from_buffer()] == [5]
 
 
-def test_a_patched_class_attribute_that_is_no_descriptor_loses_to_the_instance(monkeypatch):
-    layer = buffered_layer()
-    monkeypatch.setattr(ChunkLayer, "buffer", None, raising=False)
+def test_a_patched_class_attribute_that_is_no_descriptor_loses_to_the_instance(impl, monkeypatch):
+    layer = buffered_layer(impl)
+    monkeypatch.setattr(impl.ChunkLayer, "buffer", None, raising=False)
     assert layer.get_buffer_size() == 6
 
 
-def test_writes_go_through_a_data_descriptor_on_the_class(monkeypatch):
-    patch_node_class(monkeypatch)
+def test_writes_go_through_a_data_descriptor_on_the_class(impl, monkeypatch):
+    patch_node_class(impl, monkeypatch)
     written = []
 
     def store(self, value):
@@ -44,18 +42,19 @@ def test_writes_go_through_a_data_descriptor_on_the_class(monkeypatch):
         self.__dict__["chunk_index"] = value
 
     monkeypatch.setattr(
-        ChunkLayer, "chunk_index", property(lambda self: self.__dict__["chunk_index"], store), raising=False
+        impl.ChunkLayer, "chunk_index", property(lambda self: self.__dict__["chunk_index"], store),
+        raising=False,
     )
-    layer = buffered_layer(rows=10)
+    layer = buffered_layer(impl, rows=10)
     list(layer._get_from_buffer())
     assert written[-2:] == [1, 2]
 
 
-def test_a_subclass_property_is_honoured():
-    class Shadowed(ChunkLayer):
+def test_a_subclass_property_is_honoured(impl):
+    class Shadowed(impl.ChunkLayer):
         @property
         def buffer(self):
-            return chunk_layer.Dataset(np.arange(3), np.zeros((3, 2)))
+            return impl.Dataset(np.arange(3), np.zeros((3, 2)))
 
         @buffer.setter
         def buffer(self, value):
@@ -66,22 +65,22 @@ def test_a_subclass_property_is_honoured():
     assert layer.get_buffer_size() == 3
 
 
-def test_a_subclass_getattribute_sees_every_read():
+def test_a_subclass_getattribute_sees_every_read(impl):
     reads = []
 
-    class Watched(ChunkLayer):
+    class Watched(impl.ChunkLayer):
         def __getattribute__(self, name):
             reads.append(name)
             return super().__getattribute__(name)
 
-    layer = buffered_layer(Watched)
+    layer = buffered_layer(impl, Watched)
     reads.clear()
     assert layer.get_buffer_size() == 6
     assert reads.count("buffer") == 3  # has_buffer reads it twice, then the size is taken
 
 
-def test_an_instance_without_an_attribute_gets_the_interpreters_error():
-    layer = buffered_layer()
+def test_an_instance_without_an_attribute_gets_the_interpreters_error(impl):
+    layer = buffered_layer(impl)
     del layer.__dict__["parent"]
     try:
         layer._add_to_buffer(make_dataset(1, start=50))
@@ -95,9 +94,9 @@ def test_an_instance_without_an_attribute_gets_the_interpreters_error():
 # instance dict is unchanged: every change to it, however made, must be seen by the next read.
 
 
-def test_a_change_to_the_instance_dict_in_mid_drain_is_seen_by_the_next_cut(monkeypatch):
-    patch_node_class(monkeypatch)
-    layer = buffered_layer(rows=9, chunk_size=3)
+def test_a_change_to_the_instance_dict_in_mid_drain_is_seen_by_the_next_cut(impl, monkeypatch):
+    patch_node_class(impl, monkeypatch)
+    layer = buffered_layer(impl, rows=9, chunk_size=3)
 
     def shrink_chunks(node, leaf_index):
         vars(layer)["chunk_size"] = 2
@@ -106,8 +105,8 @@ def test_a_change_to_the_instance_dict_in_mid_drain_is_seen_by_the_next_cut(monk
     assert sizes == [3, 2, 2, 2]
 
 
-def test_a_replaced_instance_dict_is_read_afresh():
-    layer = buffered_layer(rows=6)
+def test_a_replaced_instance_dict_is_read_afresh(impl):
+    layer = buffered_layer(impl, rows=6)
     assert layer.get_buffer_size() == 6
     fresh = dict(vars(layer))
     fresh["buffer"] = make_dataset(2)
@@ -117,8 +116,8 @@ def test_a_replaced_instance_dict_is_read_afresh():
     assert layer.get_buffer_size() == 0
 
 
-def test_an_instance_attribute_set_later_hides_the_method_the_layer_calls_on_itself():
-    layer = buffered_layer(rows=6)
+def test_an_instance_attribute_set_later_hides_the_method_the_layer_calls_on_itself(impl):
+    layer = buffered_layer(impl, rows=6)
     assert layer.get_buffer_size() == 6
     layer.has_buffer = lambda: False
     assert layer.get_buffer_size() == 0
@@ -126,9 +125,9 @@ def test_an_instance_attribute_set_later_hides_the_method_the_layer_calls_on_its
     assert layer.get_buffer_size() == 6
 
 
-def test_a_node_builder_set_on_the_instance_in_mid_drain_builds_the_next_chunks(monkeypatch):
-    node_class = patch_node_class(monkeypatch)
-    layer = buffered_layer(rows=6, chunk_size=2)
+def test_a_node_builder_set_on_the_instance_in_mid_drain_builds_the_next_chunks(impl, monkeypatch):
+    node_class = patch_node_class(impl, monkeypatch)
+    layer = buffered_layer(impl, rows=6, chunk_size=2)
     built_here = []
 
     def own_builder(dset, node_id=None, leaf_node_index=None):
@@ -142,18 +141,18 @@ def test_a_node_builder_set_on_the_instance_in_mid_drain_builds_the_next_chunks(
     assert built_here == [1, 2]
 
 
-def test_a_method_patched_onto_the_class_after_use_is_called(monkeypatch):
-    layer = buffered_layer(rows=6)
+def test_a_method_patched_onto_the_class_after_use_is_called(impl, monkeypatch):
+    layer = buffered_layer(impl, rows=6)
     assert layer.get_buffer_size() == 6
-    monkeypatch.setattr(ChunkLayer, "has_buffer", lambda self: False)
+    monkeypatch.setattr(impl.ChunkLayer, "has_buffer", lambda self: False)
     assert layer.get_buffer_size() == 0
     monkeypatch.undo()
     assert layer.get_buffer_size() == 6
 
 
-def test_layers_read_in_turn_each_see_their_own_attributes(monkeypatch):
-    patch_node_class(monkeypatch)
-    small, large = buffered_layer(rows=6, chunk_size=2), buffered_layer(rows=6, chunk_size=3)
+def test_layers_read_in_turn_each_see_their_own_attributes(impl, monkeypatch):
+    patch_node_class(impl, monkeypatch)
+    small, large = buffered_layer(impl, rows=6, chunk_size=2), buffered_layer(impl, rows=6, chunk_size=3)
     small_drain, large_drain = small._get_from_buffer(), large._get_from_buffer()
     sizes = []
     for _ in range(2):
@@ -163,24 +162,24 @@ def test_layers_read_in_turn_each_see_their_own_attributes(monkeypatch):
     assert small.get_buffer_size() == 2 and large.get_buffer_size() == 0
 
 
-def test_the_node_builder_is_looked_up_before_the_leaf_index_is_read(monkeypatch):
-    patch_node_class(monkeypatch)
+def test_the_node_builder_is_looked_up_before_the_leaf_index_is_read(impl, monkeypatch):
+    patch_node_class(impl, monkeypatch)
     reads = []
 
-    class Watched(ChunkLayer):
+    class Watched(impl.ChunkLayer):
         def __getattribute__(self, name):
             reads.append(name)
             return super().__getattribute__(name)
 
-    layer = buffered_layer(Watched, rows=5, chunk_size=5)
+    layer = buffered_layer(impl, Watched, rows=5, chunk_size=5)
     reads.clear()
     list(layer._get_from_buffer())
     assert reads.index("_create_node") < reads.index("chunk_index")
 
 
-def test_a_finalizer_run_by_replacing_an_attribute_changes_what_later_reads_see(monkeypatch):
-    patch_node_class(monkeypatch)
-    layer = buffered_layer(rows=9, chunk_size=3)
+def test_a_finalizer_run_by_replacing_an_attribute_changes_what_later_reads_see(impl, monkeypatch):
+    patch_node_class(impl, monkeypatch)
+    layer = buffered_layer(impl, rows=9, chunk_size=3)
 
     class FinalizedIndex(int):
         def __del__(self):
@@ -224,18 +223,18 @@ def error_context(action):
 
 
 @pytest.mark.parametrize("owner", [Plain, GetattrRefuses, InnerReadFails])
-def test_a_failed_read_raises_what_the_same_python_read_raises(owner):
+def test_a_failed_read_raises_what_the_same_python_read_raises(impl, owner):
     target = owner()
-    module_error = error_context(lambda: ChunkNode.is_buffer(target))
+    module_error = error_context(lambda: impl.ChunkNode.is_buffer(target))
     python_error = error_context(lambda: target.node_id)
     assert module_error[0] == python_error[0]
     assert module_error[1] == python_error[1]
     assert module_error[2] is python_error[2]
 
 
-def test_a_failed_store_raises_what_the_same_python_store_raises():
+def test_a_failed_store_raises_what_the_same_python_store_raises(impl):
     target = Slotted()
-    module_error = error_context(lambda: ChunkLayer.__init__(target, RecordingDataManager()))
+    module_error = error_context(lambda: impl.ChunkLayer.__init__(target, RecordingDataManager()))
 
     def store():
         target.build_params = None

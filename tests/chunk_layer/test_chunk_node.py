@@ -9,16 +9,9 @@ from typing import Any, Callable, Dict, List, Optional
 
 import numpy as np
 import pytest
-from quillmarsh.core.tree.chunk_layer import (
-    BUFFER_NODE_ID,
-    ChunkNode,
-    ChunkSensitivities,
-    ChunkSensitivitiesParams,
-)
 
-from chunk_support import RecordingDataManager, Sentinel, make_dataset
+from chunk_support import RecordingDataManager, Sentinel, make_dataset, subclass
 from quillmarsh.core.coreset import CoresetKMeans, CoresetLinearRegression
-from quillmarsh.core.tree import chunk_layer
 from quillmarsh.data.common import Dataset
 from quillmarsh.data.manager import DataManager, DataParams, DataParamsInternal, FeatureField
 
@@ -53,12 +46,12 @@ class BufferName(str):
     """A string subclass: equal to "buffer" but not the same object."""
 
 
-def new_node(*args, **kwargs) -> ChunkNode:
+def new_node(impl, *args, **kwargs) -> Any:
     if not args and "dset" not in kwargs:
         kwargs["dset"] = make_dataset(2)
     if len(args) < 2 and "params" not in kwargs:
         kwargs["params"] = []
-    return ChunkNode(*args, **kwargs)
+    return impl.ChunkNode(*args, **kwargs)
 
 
 class RecordingClass:
@@ -254,18 +247,18 @@ class RecordingSensitivities:
         self.kwargs = kwargs
 
 
-def build_setup(monkeypatch, passes: int = 2, log=None, coreset_kwargs=None, node_id=None, **processor):
+def build_setup(impl, monkeypatch, passes: int = 2, log=None, coreset_kwargs=None, node_id=None, **processor):
     """A node with `passes` parameter records, a recording processor and data manager, and coreset
     classes that record their calls."""
     Processor = FakeProcessor.make(log=log, **processor)
-    monkeypatch.setattr(chunk_layer, "DataAutoProcessor", Processor)
+    monkeypatch.setattr(impl, "DataAutoProcessor", Processor)
     dm = BuildDataManager(log)
     classes = [RecordingClass.make(log=log, **(coreset_kwargs or {})) for _ in range(passes)]
-    params = [ChunkSensitivitiesParams(coreset_params={"k": i + 1}, coreset_cls=cls)
+    params = [impl.ChunkSensitivitiesParams(coreset_params={"k": i + 1}, coreset_cls=cls)
               for i, cls in enumerate(classes)]
     dset = make_dataset(4, props=True, orig=True)
     dset = dset._replace(sample_weight=np.ones(4))
-    node = ChunkNode(dset, params, node_id=node_id, data_manager=dm)
+    node = impl.ChunkNode(dset, params, node_id=node_id, data_manager=dm)
     return node, dm, Processor, classes, params
 
 
@@ -273,15 +266,15 @@ def build_setup(monkeypatch, passes: int = 2, log=None, coreset_kwargs=None, nod
 # construction
 
 
-def test_attributes_in_constructor_order() -> None:
-    node = ChunkNode(make_dataset(2), [1], "n1", {"a": 1}, RecordingDataManager())
+def test_attributes_in_constructor_order(impl) -> None:
+    node = impl.ChunkNode(make_dataset(2), [1], "n1", {"a": 1}, RecordingDataManager())
     assert list(vars(node)) == NODE_ATTRIBUTES
 
 
-def test_attributes_assigned_one_by_one_in_order() -> None:
+def test_attributes_assigned_one_by_one_in_order(impl) -> None:
     assigned = []
 
-    class Watched(ChunkNode):
+    class Watched(impl.ChunkNode):
         def __setattr__(self, name, value):
             assigned.append(name)
             object.__setattr__(self, name, value)
@@ -290,10 +283,10 @@ def test_attributes_assigned_one_by_one_in_order() -> None:
     assert assigned == NODE_ATTRIBUTES
 
 
-def test_initial_values() -> None:
+def test_initial_values(impl) -> None:
     dset, tbp, dm = make_dataset(2), {"x": 1}, RecordingDataManager()
     params = [Sentinel("p1"), Sentinel("p2")]
-    node = ChunkNode(dset, params, "id-7", tbp, dm)
+    node = impl.ChunkNode(dset, params, "id-7", tbp, dm)
     assert node.params == params and type(node.params) is list and node.params is not params
     assert node.dset is dset
     assert node.node_id == "id-7"
@@ -306,28 +299,28 @@ def test_initial_values() -> None:
     assert dm.calls == []
 
 
-def test_defaults_are_none() -> None:
-    node = ChunkNode(make_dataset(1), [])
+def test_defaults_are_none(impl) -> None:
+    node = impl.ChunkNode(make_dataset(1), [])
     assert node.tree_build_params is None
     assert node.data_manager is None
 
 
-def test_keyword_construction() -> None:
+def test_keyword_construction(impl) -> None:
     dset = make_dataset(1)
-    node = ChunkNode(data_manager="dm", node_id="k", params=(1, 2), dset=dset, tree_build_params=3)
+    node = impl.ChunkNode(data_manager="dm", node_id="k", params=(1, 2), dset=dset, tree_build_params=3)
     assert (node.dset, node.params, node.node_id, node.tree_build_params, node.data_manager) == (
         dset, [1, 2], "k", 3, "dm")
 
 
-def test_lists_and_arrays_are_fresh_per_node() -> None:
-    a, b = new_node(), new_node()
+def test_lists_and_arrays_are_fresh_per_node(impl) -> None:
+    a, b = new_node(impl), new_node(impl)
     assert a.indices is not b.indices
     assert a.sensitivities is not b.sensitivities
     assert a.coresets is not b.coresets
     assert a.sensitivities is not a.coresets
 
 
-def test_generator_params_consumed_once() -> None:
+def test_generator_params_consumed_once(impl) -> None:
     pulled = []
 
     def gen():
@@ -336,19 +329,19 @@ def test_generator_params_consumed_once() -> None:
             yield i
 
     g = gen()
-    node = ChunkNode(make_dataset(1), g)
+    node = impl.ChunkNode(make_dataset(1), g)
     assert node.params == [0, 1, 2] and type(node.params) is list
     assert pulled == [0, 1, 2]
     assert list(g) == []
 
 
-def test_tuple_params_become_list() -> None:
+def test_tuple_params_become_list(impl) -> None:
     p = (Sentinel("a"), Sentinel("b"))
-    node = ChunkNode(make_dataset(1), p)
+    node = impl.ChunkNode(make_dataset(1), p)
     assert type(node.params) is list and node.params[0] is p[0] and node.params[1] is p[1]
 
 
-def test_params_iterated_exactly_once() -> None:
+def test_params_iterated_exactly_once(impl) -> None:
     iterations = []
 
     class Params:
@@ -356,27 +349,27 @@ def test_params_iterated_exactly_once() -> None:
             iterations.append(1)
             return iter([Sentinel("only")])
 
-    node = ChunkNode(make_dataset(1), Params())
+    node = impl.ChunkNode(make_dataset(1), Params())
     assert iterations == [1]
     assert len(node.params) == 1
 
 
 @pytest.mark.parametrize("params", [5, None, 2.5])
-def test_non_iterable_params_fail_before_any_attribute(params) -> None:
-    node = object.__new__(ChunkNode)
+def test_non_iterable_params_fail_before_any_attribute(impl, params) -> None:
+    node = object.__new__(impl.ChunkNode)
     with pytest.raises(TypeError):
         node.__init__(make_dataset(1), params)
     assert vars(node) == {}
 
 
-def test_params_iteration_error_propagates_before_any_attribute() -> None:
+def test_params_iteration_error_propagates_before_any_attribute(impl) -> None:
     error = OSError("stream broken")
 
     def gen():
         yield 1
         raise error
 
-    node = object.__new__(ChunkNode)
+    node = object.__new__(impl.ChunkNode)
     with pytest.raises(OSError) as info:
         node.__init__(make_dataset(1), gen())
     assert info.value is error
@@ -384,21 +377,21 @@ def test_params_iteration_error_propagates_before_any_attribute() -> None:
 
 
 @pytest.mark.parametrize("falsy", [None, ""])
-def test_falsy_node_id_gets_fresh_hex_id(falsy) -> None:
-    a = new_node(node_id=falsy)
-    b = new_node(node_id=falsy)
+def test_falsy_node_id_gets_fresh_hex_id(impl, falsy) -> None:
+    a = new_node(impl, node_id=falsy)
+    b = new_node(impl, node_id=falsy)
     for node in (a, b):
         assert type(node.node_id) is str
         assert HEX32.fullmatch(node.node_id)
     assert a.node_id != b.node_id
 
 
-def test_default_node_id_is_fresh_hex() -> None:
-    ids = {new_node().node_id for _ in range(5)}
+def test_default_node_id_is_fresh_hex(impl) -> None:
+    ids = {new_node(impl).node_id for _ in range(5)}
     assert len(ids) == 5 and all(HEX32.fullmatch(i) for i in ids)
 
 
-def test_node_id_uses_module_uuid4_hex(monkeypatch) -> None:
+def test_node_id_uses_module_uuid4_hex(impl, monkeypatch) -> None:
     hex_value = Sentinel("hex")
     calls = []
 
@@ -409,53 +402,53 @@ def test_node_id_uses_module_uuid4_hex(monkeypatch) -> None:
         calls.append((args, kwargs))
         return FakeUUID()
 
-    monkeypatch.setattr(chunk_layer, "uuid4", fake_uuid4)
-    assert new_node(node_id=None).node_id is hex_value
-    assert new_node(node_id=0).node_id is hex_value
-    assert new_node(node_id=[]).node_id is hex_value
+    monkeypatch.setattr(impl, "uuid4", fake_uuid4)
+    assert new_node(impl, node_id=None).node_id is hex_value
+    assert new_node(impl, node_id=0).node_id is hex_value
+    assert new_node(impl, node_id=[]).node_id is hex_value
     assert calls == [((), {})] * 3
     given = ("truthy", 1)
-    assert new_node(node_id=given).node_id is given
+    assert new_node(impl, node_id=given).node_id is given
     assert len(calls) == 3
 
 
-def test_truthy_node_id_kept_as_given() -> None:
+def test_truthy_node_id_kept_as_given(impl) -> None:
     ident = BufferName("some id")
-    assert new_node(node_id=ident).node_id is ident
-    assert new_node(node_id=17).node_id == 17
+    assert new_node(impl, node_id=ident).node_id is ident
+    assert new_node(impl, node_id=17).node_id == 17
 
 
 # ----------------------------------------------------------------------------------------------------
 # is_buffer
 
 
-def test_is_buffer_for_buffer_id() -> None:
-    assert BUFFER_NODE_ID == "buffer"
-    assert new_node(node_id=BUFFER_NODE_ID).is_buffer() is True
-    assert new_node(node_id="buffer").is_buffer() is True
+def test_is_buffer_for_buffer_id(impl) -> None:
+    assert impl.BUFFER_NODE_ID == "buffer"
+    assert new_node(impl, node_id=impl.BUFFER_NODE_ID).is_buffer() is True
+    assert new_node(impl, node_id="buffer").is_buffer() is True
 
 
-def test_is_buffer_by_equality_for_str_subclass() -> None:
+def test_is_buffer_by_equality_for_str_subclass(impl) -> None:
     ident = BufferName("buffer")
-    assert ident is not BUFFER_NODE_ID
-    assert new_node(node_id=ident).is_buffer() is True
+    assert ident is not impl.BUFFER_NODE_ID
+    assert new_node(impl, node_id=ident).is_buffer() is True
 
 
 @pytest.mark.parametrize("ident", [None, "", "Buffer", "buffer ", "chunk-1", 5])
-def test_is_buffer_false_for_other_ids(ident) -> None:
-    assert new_node(node_id=ident).is_buffer() is False
+def test_is_buffer_false_for_other_ids(impl, ident) -> None:
+    assert new_node(impl, node_id=ident).is_buffer() is False
 
 
-def test_is_buffer_returns_the_comparison_result() -> None:
+def test_is_buffer_returns_the_comparison_result(impl) -> None:
     result = Sentinel("eq")
     ident = EqualsAnything(result)
-    node = new_node(node_id=ident)
+    node = new_node(impl, node_id=ident)
     assert node.is_buffer() is result
     assert ident.compared == ["buffer"]
 
 
-def test_is_buffer_reads_current_node_id() -> None:
-    node = new_node(node_id="x")
+def test_is_buffer_reads_current_node_id(impl) -> None:
+    node = new_node(impl, node_id="x")
     node.node_id = "buffer"
     assert node.is_buffer() is True
 
@@ -464,8 +457,8 @@ def test_is_buffer_reads_current_node_id() -> None:
 # add_indices
 
 
-def test_add_indices_to_new_node() -> None:
-    node = new_node()
+def test_add_indices_to_new_node(impl) -> None:
+    node = new_node(impl)
     old = node.indices
     given = np.array([4, 2, 9])
     assert node.add_indices(given) is None
@@ -474,8 +467,8 @@ def test_add_indices_to_new_node() -> None:
     assert node.indices.dtype == np.concatenate([np.array([], dtype=int), given]).dtype
 
 
-def test_add_indices_appends_in_order_keeping_duplicates() -> None:
-    node = new_node()
+def test_add_indices_appends_in_order_keeping_duplicates(impl) -> None:
+    node = new_node(impl)
     node.add_indices(np.array([5, 1]))
     node.add_indices(np.array([1, 0, 5]))
     np.testing.assert_array_equal(node.indices, [5, 1, 1, 0, 5])
@@ -483,24 +476,24 @@ def test_add_indices_appends_in_order_keeping_duplicates() -> None:
 
 @pytest.mark.parametrize("given", [np.array([1.5, 2.5]), np.array([1, 2], dtype=np.int8),
                                    np.array([3, 4], dtype=np.uint64), [7, 8]])
-def test_add_indices_dtype_as_numpy_concatenates(given) -> None:
-    node = new_node()
+def test_add_indices_dtype_as_numpy_concatenates(impl, given) -> None:
+    node = new_node(impl)
     node.add_indices(given)
     expected = np.concatenate([np.array([], dtype=int), given])
     assert node.indices.dtype == expected.dtype
     np.testing.assert_array_equal(node.indices, expected)
 
 
-def test_add_indices_when_none_keeps_the_very_object() -> None:
-    node = new_node()
+def test_add_indices_when_none_keeps_the_very_object(impl) -> None:
+    node = new_node(impl)
     node.indices = None
     given = [3, 1]
     assert node.add_indices(given) is None
     assert node.indices is given
 
 
-def test_add_indices_refused_by_numpy_keeps_old_array() -> None:
-    node = new_node()
+def test_add_indices_refused_by_numpy_keeps_old_array(impl) -> None:
+    node = new_node(impl)
     node.add_indices(np.array([1, 2]))
     old = node.indices
     bad = np.array([[1, 2]])
@@ -515,30 +508,30 @@ def test_add_indices_refused_by_numpy_keeps_old_array() -> None:
 
 
 @pytest.mark.parametrize("params", [None, {}])
-def test_instantiate_with_falsy_params_passes_nothing(params) -> None:
+def test_instantiate_with_falsy_params_passes_nothing(impl, params) -> None:
     cls = RecordingClass.make()
-    coreset = new_node()._instantiate_coreset(cls, params)
+    coreset = new_node(impl)._instantiate_coreset(cls, params)
     assert isinstance(coreset, cls)
     assert coreset.init_args == () and coreset.init_kwargs == {}
 
 
-def test_instantiate_passes_keywords_only() -> None:
+def test_instantiate_passes_keywords_only(impl) -> None:
     cls = RecordingClass.make()
     params = {"k": 3, "dtype": "float64"}
-    coreset = new_node()._instantiate_coreset(cls, params)
+    coreset = new_node(impl)._instantiate_coreset(cls, params)
     assert coreset.init_args == ()
     assert coreset.init_kwargs == {"k": 3, "dtype": "float64"}
     assert params == {"k": 3, "dtype": "float64"}
 
 
-def test_instantiate_never_changes_callers_mapping() -> None:
+def test_instantiate_never_changes_callers_mapping(impl) -> None:
     cls = RecordingClass.make(mutate=True)
     params = {"k": 3}
-    new_node()._instantiate_coreset(cls, params)
+    new_node(impl)._instantiate_coreset(cls, params)
     assert params == {"k": 3}
 
 
-def test_instantiate_converts_other_mappings() -> None:
+def test_instantiate_converts_other_mappings(impl) -> None:
     class Frozen(Mapping):
         def __init__(self, data):
             self._data = dict(data)
@@ -554,14 +547,14 @@ def test_instantiate_converts_other_mappings() -> None:
 
     cls = RecordingClass.make(mutate=True)
     params = Frozen({"k": 2, "n_iter": 5})
-    coreset = new_node()._instantiate_coreset(cls, params)
+    coreset = new_node(impl)._instantiate_coreset(cls, params)
     assert coreset.init_args == () and coreset.init_kwargs == {"k": 2, "n_iter": 5}
     assert dict(params) == {"k": 2, "n_iter": 5}
-    empty = new_node()._instantiate_coreset(cls, Frozen({}))
+    empty = new_node(impl)._instantiate_coreset(cls, Frozen({}))
     assert empty.init_kwargs == {}
 
 
-def test_instantiate_returns_the_new_object() -> None:
+def test_instantiate_returns_the_new_object(impl) -> None:
     made = []
 
     def factory(**kwargs):
@@ -569,40 +562,40 @@ def test_instantiate_returns_the_new_object() -> None:
         made.append((obj, kwargs))
         return obj
 
-    coreset = new_node()._instantiate_coreset(factory, {"a": 1})
+    coreset = new_node(impl)._instantiate_coreset(factory, {"a": 1})
     assert made == [(coreset, {"a": 1})]
 
 
-def test_buffer_node_sets_safe_mode_true() -> None:
+def test_buffer_node_sets_safe_mode_true(impl) -> None:
     cls = RecordingClass.make()
-    coreset = new_node(node_id=BUFFER_NODE_ID)._instantiate_coreset(cls, None)
+    coreset = new_node(impl, node_id=impl.BUFFER_NODE_ID)._instantiate_coreset(cls, None)
     assert coreset.safe_mode is True
-    coreset = new_node(node_id=BufferName("buffer"))._instantiate_coreset(cls, None)
+    coreset = new_node(impl, node_id=BufferName("buffer"))._instantiate_coreset(cls, None)
     assert coreset.safe_mode is True
 
 
-def test_chunk_node_leaves_safe_mode_alone() -> None:
+def test_chunk_node_leaves_safe_mode_alone(impl) -> None:
     cls = RecordingClass.make()
-    coreset = new_node(node_id="chunk")._instantiate_coreset(cls, None)
+    coreset = new_node(impl, node_id="chunk")._instantiate_coreset(cls, None)
     assert not hasattr(coreset, "safe_mode")
 
     class Preset:
         def __init__(self):
             self.safe_mode = "as made"
 
-    assert new_node()._instantiate_coreset(Preset, {}).safe_mode == "as made"
-    assert new_node(node_id="buffer")._instantiate_coreset(Preset, {}).safe_mode is True
+    assert new_node(impl)._instantiate_coreset(Preset, {}).safe_mode == "as made"
+    assert new_node(impl, node_id="buffer")._instantiate_coreset(Preset, {}).safe_mode is True
 
 
-def test_instantiate_asks_the_node_whether_it_is_the_buffer() -> None:
+def test_instantiate_asks_the_node_whether_it_is_the_buffer(impl) -> None:
     asked = []
 
-    class AlwaysBuffer(ChunkNode):
+    class AlwaysBuffer(impl.ChunkNode):
         def is_buffer(self):
             asked.append(True)
             return True
 
-    class NeverBuffer(ChunkNode):
+    class NeverBuffer(impl.ChunkNode):
         def is_buffer(self):
             asked.append(False)
             return False
@@ -615,35 +608,35 @@ def test_instantiate_asks_the_node_whether_it_is_the_buffer() -> None:
     assert asked == [True, False]
 
 
-def test_instantiate_propagates_class_error() -> None:
+def test_instantiate_propagates_class_error(impl) -> None:
     error = ValueError("bad k")
     cls = RecordingClass.make(error=error)
     with pytest.raises(ValueError) as info:
-        new_node()._instantiate_coreset(cls, {"k": -1})
+        new_node(impl)._instantiate_coreset(cls, {"k": -1})
     assert info.value is error
 
 
-def test_instantiate_propagates_refused_safe_mode() -> None:
+def test_instantiate_propagates_refused_safe_mode(impl) -> None:
     class Slotted:
         __slots__ = ()
 
-    assert isinstance(new_node()._instantiate_coreset(Slotted, None), Slotted)
+    assert isinstance(new_node(impl)._instantiate_coreset(Slotted, None), Slotted)
     with pytest.raises(AttributeError):
-        new_node(node_id="buffer")._instantiate_coreset(Slotted, None)
+        new_node(impl, node_id="buffer")._instantiate_coreset(Slotted, None)
 
 
 # ----------------------------------------------------------------------------------------------------
 # build, with recording stand-ins
 
 
-def test_build_returns_self_with_one_record_per_params(monkeypatch) -> None:
-    node, dm, Processor, classes, params = build_setup(monkeypatch)
+def test_build_returns_self_with_one_record_per_params(impl, monkeypatch) -> None:
+    node, dm, Processor, classes, params = build_setup(impl, monkeypatch)
     coresets = node.coresets
     assert node.build() is node
     assert node.coresets is coresets
     assert len(node.coresets) == 2
     for record, param, cls, dap in zip(node.coresets, params, classes, Processor.instances):
-        assert type(record) is ChunkSensitivities
+        assert type(record) is impl.ChunkSensitivities
         coreset, = cls.instances
         assert record.coreset is coreset.dict_form
         assert record.params is param
@@ -651,8 +644,8 @@ def test_build_returns_self_with_one_record_per_params(monkeypatch) -> None:
         assert record.no_features == 4 and type(record.no_features) is int
 
 
-def test_build_constructs_each_coreset_with_its_params(monkeypatch) -> None:
-    node, dm, Processor, classes, params = build_setup(monkeypatch)
+def test_build_constructs_each_coreset_with_its_params(impl, monkeypatch) -> None:
+    node, dm, Processor, classes, params = build_setup(impl, monkeypatch)
     node.build()
     for i, cls in enumerate(classes):
         coreset, = cls.instances
@@ -660,15 +653,15 @@ def test_build_constructs_each_coreset_with_its_params(monkeypatch) -> None:
     assert [p.coreset_params for p in params] == [{"k": 1}, {"k": 2}]
 
 
-def test_build_goes_through_instantiate_coreset(monkeypatch) -> None:
+def test_build_goes_through_instantiate_coreset(impl, monkeypatch) -> None:
     seen = []
 
-    class Watched(ChunkNode):
+    class Watched(impl.ChunkNode):
         def _instantiate_coreset(self, *args, **kwargs):
             seen.append((args, kwargs))
             return super()._instantiate_coreset(*args, **kwargs)
 
-    node, dm, Processor, classes, params = build_setup(monkeypatch)
+    node, dm, Processor, classes, params = build_setup(impl, monkeypatch)
     watched = Watched(node.dset, node.params, data_manager=dm)
     watched.build()
     assert len(seen) == 2
@@ -677,8 +670,8 @@ def test_build_goes_through_instantiate_coreset(monkeypatch) -> None:
         assert len(args) == 2 and args[0] is param.coreset_cls and args[1] is param.coreset_params
 
 
-def test_processor_gets_ten_keywords_in_order(monkeypatch) -> None:
-    node, dm, Processor, classes, params = build_setup(monkeypatch, passes=1)
+def test_processor_gets_ten_keywords_in_order(impl, monkeypatch) -> None:
+    node, dm, Processor, classes, params = build_setup(impl, monkeypatch, passes=1)
     dset = node.dset
     node.build()
     dap, = Processor.instances
@@ -697,24 +690,24 @@ def test_processor_gets_ten_keywords_in_order(monkeypatch) -> None:
     assert kw["drop_cols_above"] is dm.above
 
 
-def test_feature_name_list_is_new_each_pass(monkeypatch) -> None:
-    node, dm, Processor, classes, params = build_setup(monkeypatch)
+def test_feature_name_list_is_new_each_pass(impl, monkeypatch) -> None:
+    node, dm, Processor, classes, params = build_setup(impl, monkeypatch)
     node.build()
     first, second = (dap.kwargs["feature_names"] for dap in Processor.instances)
     assert first == second == ["a", "b", "c"]
     assert first is not second
 
 
-def test_cat_encoding_config_fetched_anew_each_pass(monkeypatch) -> None:
-    node, dm, Processor, classes, params = build_setup(monkeypatch)
+def test_cat_encoding_config_fetched_anew_each_pass(impl, monkeypatch) -> None:
+    node, dm, Processor, classes, params = build_setup(impl, monkeypatch)
     node.build()
     assert len(dm.configs) == 2
     assert Processor.instances[0].kwargs["cat_encoding_config"] is dm.configs[0]
     assert Processor.instances[1].kwargs["cat_encoding_config"] is dm.configs[1]
 
 
-def test_encoding_called_with_integer_zero_threshold(monkeypatch) -> None:
-    node, dm, Processor, classes, params = build_setup(monkeypatch)
+def test_encoding_called_with_integer_zero_threshold(impl, monkeypatch) -> None:
+    node, dm, Processor, classes, params = build_setup(impl, monkeypatch)
     node.build()
     for dap in Processor.instances:
         assert dap.handle_calls == [((), {"sparse_threshold": 0})]
@@ -723,8 +716,8 @@ def test_encoding_called_with_integer_zero_threshold(monkeypatch) -> None:
         assert dap.arrays_calls == 1
 
 
-def test_dataset_replaced_with_processed_fields(monkeypatch) -> None:
-    node, dm, Processor, classes, params = build_setup(monkeypatch, passes=1)
+def test_dataset_replaced_with_processed_fields(impl, monkeypatch) -> None:
+    node, dm, Processor, classes, params = build_setup(impl, monkeypatch, passes=1)
     original = node.dset
     node.build()
     dap, = Processor.instances
@@ -739,8 +732,8 @@ def test_dataset_replaced_with_processed_fields(monkeypatch) -> None:
     np.testing.assert_array_equal(original.ind, [0, 1, 2, 3])
 
 
-def test_replace_called_with_the_four_keywords(monkeypatch) -> None:
-    node, dm, Processor, classes, params = build_setup(monkeypatch, passes=1)
+def test_replace_called_with_the_four_keywords(impl, monkeypatch) -> None:
+    node, dm, Processor, classes, params = build_setup(impl, monkeypatch, passes=1)
     LoggedDataset.log = []
     node.dset = LoggedDataset(*node.dset)
     node.build()
@@ -748,8 +741,8 @@ def test_replace_called_with_the_four_keywords(monkeypatch) -> None:
     assert replaces == [("_replace", (), ["X", "y", "ind", "props"])]
 
 
-def test_second_pass_starts_from_first_pass_dataset(monkeypatch) -> None:
-    node, dm, Processor, classes, params = build_setup(monkeypatch)
+def test_second_pass_starts_from_first_pass_dataset(impl, monkeypatch) -> None:
+    node, dm, Processor, classes, params = build_setup(impl, monkeypatch)
     node.build()
     first, second = Processor.instances
     assert second.kwargs["X"] is first._X
@@ -759,8 +752,8 @@ def test_second_pass_starts_from_first_pass_dataset(monkeypatch) -> None:
     assert node.dset.X is second._X and node.dset.ind is second._ind
 
 
-def test_sensitivities_computed_on_processed_arrays(monkeypatch) -> None:
-    node, dm, Processor, classes, params = build_setup(
+def test_sensitivities_computed_on_processed_arrays(impl, monkeypatch) -> None:
+    node, dm, Processor, classes, params = build_setup(impl,
         monkeypatch, coreset_kwargs={"compute_result": Sentinel("ignored")})
     node.build()
     for cls, dap in zip(classes, Processor.instances):
@@ -774,10 +767,10 @@ def test_sensitivities_computed_on_processed_arrays(monkeypatch) -> None:
         assert coreset.to_dict_calls == [((), {"with_important": True, "use_keep_selected_only": False})]
 
 
-def test_record_made_with_four_keywords_in_order(monkeypatch) -> None:
-    node, dm, Processor, classes, params = build_setup(monkeypatch)
+def test_record_made_with_four_keywords_in_order(impl, monkeypatch) -> None:
+    node, dm, Processor, classes, params = build_setup(impl, monkeypatch)
     RecordingSensitivities.calls = []
-    monkeypatch.setattr(chunk_layer, "ChunkSensitivities", RecordingSensitivities)
+    monkeypatch.setattr(impl, "ChunkSensitivities", RecordingSensitivities)
     node.build()
     assert len(RecordingSensitivities.calls) == 2
     for (args, items), record, cls, param, dap in zip(RecordingSensitivities.calls, node.coresets, classes,
@@ -792,17 +785,17 @@ def test_record_made_with_four_keywords_in_order(monkeypatch) -> None:
         assert isinstance(record, RecordingSensitivities) and record.kwargs is not None
 
 
-def test_no_features_counts_processed_names_not_manager_features(monkeypatch) -> None:
-    node, dm, Processor, classes, params = build_setup(monkeypatch, passes=1, feature_count=7)
+def test_no_features_counts_processed_names_not_manager_features(impl, monkeypatch) -> None:
+    node, dm, Processor, classes, params = build_setup(impl, monkeypatch, passes=1, feature_count=7)
     node.build()
     assert node.coresets[0].no_features == 7
     assert len(dm.features) == 3
 
 
 @pytest.mark.parametrize("container", [list, lambda items: (i for i in items)])
-def test_processed_arrays_may_be_any_sequence_of_three(monkeypatch, container) -> None:
+def test_processed_arrays_may_be_any_sequence_of_three(impl, monkeypatch, container) -> None:
     y_processed = Sentinel("y")
-    node, dm, Processor, classes, params = build_setup(
+    node, dm, Processor, classes, params = build_setup(impl,
         monkeypatch, passes=1, processed=container([y_processed, None, None]))
     node.build()
     (_, kwargs), = classes[0].instances[0].compute_calls
@@ -815,8 +808,8 @@ def test_processed_arrays_may_be_any_sequence_of_three(monkeypatch, container) -
     ((1,), "need more than 1 value to unpack"),
     ((), "need more than 0 values to unpack"),
 ])
-def test_processed_arrays_unpacking_errors(monkeypatch, items, message) -> None:
-    node, dm, Processor, classes, params = build_setup(monkeypatch, passes=1, processed=items)
+def test_processed_arrays_unpacking_errors(impl, monkeypatch, items, message) -> None:
+    node, dm, Processor, classes, params = build_setup(impl, monkeypatch, passes=1, processed=items)
     with pytest.raises(ValueError) as info:
         node.build()
     assert str(info.value) == message
@@ -825,13 +818,13 @@ def test_processed_arrays_unpacking_errors(monkeypatch, items, message) -> None:
     assert node.dset.X is Processor.instances[0]._X
 
 
-def test_empty_params_build_nothing(monkeypatch) -> None:
+def test_empty_params_build_nothing(impl, monkeypatch) -> None:
     Processor = FakeProcessor.make()
-    monkeypatch.setattr(chunk_layer, "DataAutoProcessor", Processor)
+    monkeypatch.setattr(impl, "DataAutoProcessor", Processor)
     log: List[Any] = []
     dm = BuildDataManager(log)
     dset = make_dataset(3)
-    node = ChunkNode(dset, [], data_manager=dm)
+    node = impl.ChunkNode(dset, [], data_manager=dm)
     coresets = node.coresets
     assert node.build() is node
     assert node.coresets is coresets and coresets == []
@@ -839,13 +832,13 @@ def test_empty_params_build_nothing(monkeypatch) -> None:
     assert Processor.instances == [] and log == []
 
 
-def logged_pass(monkeypatch) -> List[Any]:
+def logged_pass(impl, monkeypatch) -> List[Any]:
     """Runs one build pass with every collaborator logging into one list, and returns the list."""
     log: List[Any] = []
-    node, dm, Processor, classes, params = build_setup(monkeypatch, passes=1, log=log)
+    node, dm, Processor, classes, params = build_setup(impl, monkeypatch, passes=1, log=log)
     LoggedDataset.log = log
     node.dset = LoggedDataset(*node.dset)
-    monkeypatch.setattr(chunk_layer, "ChunkSensitivities", RecordingSensitivities)
+    monkeypatch.setattr(impl, "ChunkSensitivities", RecordingSensitivities)
     original = RecordingSensitivities.__init__
 
     def logged_init(self, *args, **kwargs):
@@ -860,8 +853,8 @@ def logged_pass(monkeypatch) -> List[Any]:
 PROCESSED_FIELD_READS = ["dap.X", "dap.y", "dap.ind", "dap.props"]
 
 
-def test_full_order_of_one_pass(monkeypatch) -> None:
-    log = logged_pass(monkeypatch)
+def test_full_order_of_one_pass(impl, monkeypatch) -> None:
+    log = logged_pass(impl, monkeypatch)
     start = log.index("dap.handle_missing_and_categorical_encoding") + 1
     assert log[start:start + 4] == PROCESSED_FIELD_READS
     log[start:start + 4] = ["<the four processed fields>"]
@@ -885,15 +878,15 @@ def test_full_order_of_one_pass(monkeypatch) -> None:
     ]
 
 
-def test_processed_fields_read_in_keyword_order(monkeypatch) -> None:
-    log = logged_pass(monkeypatch)
+def test_processed_fields_read_in_keyword_order(impl, monkeypatch) -> None:
+    log = logged_pass(impl, monkeypatch)
     start = log.index("dap.handle_missing_and_categorical_encoding") + 1
     assert log[start:start + 5] == PROCESSED_FIELD_READS + [("_replace", (), ["X", "y", "ind", "props"])]
 
 
-def test_two_passes_repeat_the_sequence(monkeypatch) -> None:
+def test_two_passes_repeat_the_sequence(impl, monkeypatch) -> None:
     log: List[Any] = []
-    node, dm, Processor, classes, params = build_setup(monkeypatch, passes=2, log=log)
+    node, dm, Processor, classes, params = build_setup(impl, monkeypatch, passes=2, log=log)
     node.build()
     assert log.count("dm.cat_encoding_config_clear") == 2
     assert log.count("coreset_cls()") == 2
@@ -902,22 +895,22 @@ def test_two_passes_repeat_the_sequence(monkeypatch) -> None:
     assert "coreset.to_dict" in log[:second_pass]
 
 
-def test_buffer_node_builds_in_safe_mode(monkeypatch) -> None:
-    node, dm, Processor, classes, params = build_setup(monkeypatch, node_id=BUFFER_NODE_ID)
+def test_buffer_node_builds_in_safe_mode(impl, monkeypatch) -> None:
+    node, dm, Processor, classes, params = build_setup(impl, monkeypatch, node_id=impl.BUFFER_NODE_ID)
     node.build()
     for cls in classes:
         assert cls.instances[0].safe_mode_at_compute == [True]
 
 
-def test_chunk_node_builds_without_touching_safe_mode(monkeypatch) -> None:
-    node, dm, Processor, classes, params = build_setup(monkeypatch, node_id="chunk-3")
+def test_chunk_node_builds_without_touching_safe_mode(impl, monkeypatch) -> None:
+    node, dm, Processor, classes, params = build_setup(impl, monkeypatch, node_id="chunk-3")
     node.build()
     for cls in classes:
         assert cls.instances[0].safe_mode_at_compute == ["unset"]
 
 
-def test_error_in_second_pass_after_rebinding_keeps_both(monkeypatch) -> None:
-    node, dm, Processor, classes, params = build_setup(monkeypatch, arrays_error_on=2)
+def test_error_in_second_pass_after_rebinding_keeps_both(impl, monkeypatch) -> None:
+    node, dm, Processor, classes, params = build_setup(impl, monkeypatch, arrays_error_on=2)
     with pytest.raises(RuntimeError, match="arrays failed"):
         node.build()
     assert len(node.coresets) == 1 and node.coresets[0].params is params[0]
@@ -925,13 +918,13 @@ def test_error_in_second_pass_after_rebinding_keeps_both(monkeypatch) -> None:
     assert node.dset.X is second._X and node.dset.ind is second._ind
 
 
-def test_error_from_coreset_in_second_pass_propagates_unchanged(monkeypatch) -> None:
+def test_error_from_coreset_in_second_pass_propagates_unchanged(impl, monkeypatch) -> None:
     error = ZeroDivisionError("sensitivity")
     Processor = FakeProcessor.make()
-    monkeypatch.setattr(chunk_layer, "DataAutoProcessor", Processor)
+    monkeypatch.setattr(impl, "DataAutoProcessor", Processor)
     good, bad = RecordingClass.make(), RecordingClass.make(compute_error=error)
-    params = [ChunkSensitivitiesParams(coreset_cls=good), ChunkSensitivitiesParams(coreset_cls=bad)]
-    node = ChunkNode(make_dataset(3), params, data_manager=BuildDataManager())
+    params = [impl.ChunkSensitivitiesParams(coreset_cls=good), impl.ChunkSensitivitiesParams(coreset_cls=bad)]
+    node = impl.ChunkNode(make_dataset(3), params, data_manager=BuildDataManager())
     with pytest.raises(ZeroDivisionError) as info:
         node.build()
     assert info.value is error
@@ -941,22 +934,23 @@ def test_error_from_coreset_in_second_pass_propagates_unchanged(monkeypatch) -> 
 
 
 @pytest.mark.parametrize("failure", [{"init_error_on": 2}, {"handle_error_on": 2}])
-def test_error_in_second_pass_before_rebinding(monkeypatch, failure) -> None:
-    node, dm, Processor, classes, params = build_setup(monkeypatch, **failure)
+def test_error_in_second_pass_before_rebinding(impl, monkeypatch, failure) -> None:
+    node, dm, Processor, classes, params = build_setup(impl, monkeypatch, **failure)
     with pytest.raises(RuntimeError):
         node.build()
     assert len(node.coresets) == 1 and node.coresets[0].params is params[0]
     assert node.dset.X is Processor.instances[0]._X
 
 
-def test_error_from_coreset_class_in_first_pass(monkeypatch) -> None:
+def test_error_from_coreset_class_in_first_pass(impl, monkeypatch) -> None:
     log: List[Any] = []
     error = TypeError("unexpected keyword")
     Processor = FakeProcessor.make(log=log)
-    monkeypatch.setattr(chunk_layer, "DataAutoProcessor", Processor)
+    monkeypatch.setattr(impl, "DataAutoProcessor", Processor)
     cls = RecordingClass.make(log=log, error=error)
     dset = make_dataset(2)
-    node = ChunkNode(dset, [ChunkSensitivitiesParams(coreset_cls=cls)], data_manager=BuildDataManager(log))
+    params = [impl.ChunkSensitivitiesParams(coreset_cls=cls)]
+    node = impl.ChunkNode(dset, params, data_manager=BuildDataManager(log))
     with pytest.raises(TypeError) as info:
         node.build()
     assert info.value is error
@@ -964,9 +958,9 @@ def test_error_from_coreset_class_in_first_pass(monkeypatch) -> None:
     assert node.coresets == [] and node.dset is dset
 
 
-def test_error_from_data_manager_propagates(monkeypatch) -> None:
+def test_error_from_data_manager_propagates(impl, monkeypatch) -> None:
     error = MemoryError("config")
-    node, dm, Processor, classes, params = build_setup(monkeypatch)
+    node, dm, Processor, classes, params = build_setup(impl, monkeypatch)
 
     def failing():
         raise error
@@ -978,8 +972,8 @@ def test_error_from_data_manager_propagates(monkeypatch) -> None:
     assert Processor.instances == [] and node.coresets == []
 
 
-def test_second_build_appends_and_reprocesses(monkeypatch) -> None:
-    node, dm, Processor, classes, params = build_setup(monkeypatch, passes=1)
+def test_second_build_appends_and_reprocesses(impl, monkeypatch) -> None:
+    node, dm, Processor, classes, params = build_setup(impl, monkeypatch, passes=1)
     node.build()
     first = node.coresets[0]
     after_first = node.dset
@@ -1010,19 +1004,20 @@ def e2e_manager(**data_params) -> DataManager:
     )
 
 
-def test_end_to_end_build_with_library_classes() -> None:
+def test_end_to_end_build_with_library_classes(impl) -> None:
     dm = e2e_manager()
     params = [
-        ChunkSensitivitiesParams(coreset_params={"k": 2, "random_state": 0}, coreset_cls=CoresetKMeans),
-        ChunkSensitivitiesParams(coreset_params={"random_state": 1}, coreset_cls=CoresetLinearRegression),
+        impl.ChunkSensitivitiesParams(coreset_params={"k": 2, "random_state": 0}, coreset_cls=CoresetKMeans),
+        impl.ChunkSensitivitiesParams(coreset_params={"random_state": 1},
+                                      coreset_cls=CoresetLinearRegression),
     ]
     dset = e2e_dataset(20)
-    node = ChunkNode(dset, params, node_id="chunk-a", data_manager=dm)
+    node = impl.ChunkNode(dset, params, node_id="chunk-a", data_manager=dm)
     assert node.build() is node
     assert [record.params for record in node.coresets] == params
     assert node.coresets[0].params is params[0] and node.coresets[1].params is params[1]
     for record in node.coresets:
-        assert type(record) is ChunkSensitivities
+        assert type(record) is impl.ChunkSensitivities
         assert record.no_features == 3
         assert len(record.removed_rows) == 0
         assert record.coreset["n_samples"] == 20
@@ -1034,15 +1029,15 @@ def test_end_to_end_build_with_library_classes() -> None:
     assert node.dset.orig is dset.orig
 
 
-def test_end_to_end_build_drops_incomplete_rows() -> None:
+def test_end_to_end_build_drops_incomplete_rows(impl) -> None:
     dm = e2e_manager(drop_rows_below=1.0)
     dset = e2e_dataset(12)
     X = dset.X.copy()
     X[[2, 7], 1] = np.nan
     dset = dset._replace(X=X)
-    params = [ChunkSensitivitiesParams(coreset_params={"random_state": 0},
+    params = [impl.ChunkSensitivitiesParams(coreset_params={"random_state": 0},
                                        coreset_cls=CoresetLinearRegression)]
-    node = ChunkNode(dset, params, data_manager=dm)
+    node = impl.ChunkNode(dset, params, data_manager=dm)
     node.build()
     record, = node.coresets
     np.testing.assert_array_equal(record.removed_rows, [2, 7])
@@ -1052,12 +1047,13 @@ def test_end_to_end_build_drops_incomplete_rows() -> None:
     assert node.dset.X.shape == (10, 3)
 
 
-def test_end_to_end_buffer_node_uses_safe_mode() -> None:
-    params = [ChunkSensitivitiesParams(coreset_params={"k": 4, "random_state": 0}, coreset_cls=CoresetKMeans)]
+def test_end_to_end_buffer_node_uses_safe_mode(impl) -> None:
+    params = [impl.ChunkSensitivitiesParams(coreset_params={"k": 4, "random_state": 0},
+                                            coreset_cls=CoresetKMeans)]
     small = e2e_dataset(2)
     with pytest.raises(ValueError, match="safe_mode"):
-        ChunkNode(small, params, node_id="chunk-b", data_manager=e2e_manager()).build()
-    node = ChunkNode(small, params, node_id=BUFFER_NODE_ID, data_manager=e2e_manager()).build()
+        impl.ChunkNode(small, params, node_id="chunk-b", data_manager=e2e_manager()).build()
+    node = impl.ChunkNode(small, params, node_id=impl.BUFFER_NODE_ID, data_manager=e2e_manager()).build()
     record, = node.coresets
     np.testing.assert_array_equal(record.coreset["sensitivities"], [1.0, 1.0])
 
@@ -1088,8 +1084,8 @@ class SaveManager:
         return self._result
 
 
-class LoggedNode(ChunkNode):
-    """A node whose reads of dset, indices and node_id are logged, and whose is_buffer may not run."""
+class Logged:
+    """Mixed into a node class: logs the reads of dset, indices and node_id; is_buffer may not run."""
 
     def __getattribute__(self, name):
         if name in ("dset", "indices", "node_id"):
@@ -1110,21 +1106,21 @@ class LoggedFlag:
         return self.value
 
 
-def logged_node(log: List[Any], node_id="chunk-1") -> LoggedNode:
-    node = LoggedNode(make_dataset(3), [], node_id)
+def logged_node(impl, log: List[Any], node_id="chunk-1") -> Any:
+    node = subclass(impl.ChunkNode, Logged)(make_dataset(3), [], node_id)
     object.__setattr__(node, "indices", np.array([0, 2]))
     object.__setattr__(node, "save_log", log)
     return node
 
 
-def snapshot(node: ChunkNode) -> Dict[str, Any]:
+def snapshot(node: Any) -> Dict[str, Any]:
     return {name: value for name, value in vars(node).items() if name != "save_log"}
 
 
-def test_save_passes_dataset_indices_and_id() -> None:
+def test_save_passes_dataset_indices_and_id(impl) -> None:
     log: List[Any] = []
     dm = SaveManager(log)
-    node = new_node(node_id="chunk-1")
+    node = new_node(impl, node_id="chunk-1")
     node.add_indices(np.array([1, 0]))
     assert node.save(dm) is None
     (args, kwargs), = dm.calls
@@ -1134,9 +1130,9 @@ def test_save_passes_dataset_indices_and_id() -> None:
     assert kwargs["is_buffer"] is False
 
 
-def test_save_all_passes_none() -> None:
+def test_save_all_passes_none(impl) -> None:
     dm = SaveManager([])
-    node = new_node(node_id="n")
+    node = new_node(impl, node_id="n")
     node.save(dm, save_all=True)
     (args, kwargs), = dm.calls
     assert args[0] is node.dset and args[1] is None and args[2] == "n"
@@ -1145,9 +1141,9 @@ def test_save_all_passes_none() -> None:
 
 @pytest.mark.parametrize(("flag", "all_rows"), [(1, True), ("yes", True), ([0], True), (0, False),
                                                 ("", False), (None, False)])
-def test_save_all_is_a_truth_test(flag, all_rows) -> None:
+def test_save_all_is_a_truth_test(impl, flag, all_rows) -> None:
     dm = SaveManager([])
-    node = new_node()
+    node = new_node(impl)
     node.save(dm, flag)
     (args, _), = dm.calls
     assert (args[1] is None) is all_rows
@@ -1155,19 +1151,19 @@ def test_save_all_is_a_truth_test(flag, all_rows) -> None:
         assert args[1] is node.indices
 
 
-def test_buffer_node_saves_with_is_buffer_true() -> None:
+def test_buffer_node_saves_with_is_buffer_true(impl) -> None:
     dm = SaveManager([])
-    node = new_node(node_id=BUFFER_NODE_ID)
+    node = new_node(impl, node_id=impl.BUFFER_NODE_ID)
     node.save(dm)
     (args, kwargs), = dm.calls
     assert args[2] == "buffer" and kwargs == {"is_buffer": True} and kwargs["is_buffer"] is True
 
 
-def test_is_buffer_keyword_is_the_comparison_result() -> None:
+def test_is_buffer_keyword_is_the_comparison_result(impl) -> None:
     result = Sentinel("eq")
     ident = EqualsAnything(result)
     dm = SaveManager([])
-    node = new_node(node_id=ident)
+    node = new_node(impl, node_id=ident)
     node.save(dm)
     (args, kwargs), = dm.calls
     assert args[2] is ident
@@ -1175,55 +1171,55 @@ def test_is_buffer_keyword_is_the_comparison_result() -> None:
     assert ident.compared == ["buffer"]
 
 
-def test_is_buffer_keyword_by_equality_for_str_subclass() -> None:
+def test_is_buffer_keyword_by_equality_for_str_subclass(impl) -> None:
     dm = SaveManager([])
     ident = BufferName("buffer")
-    new_node(node_id=ident).save(dm)
+    new_node(impl, node_id=ident).save(dm)
     (args, kwargs), = dm.calls
     assert args[2] is ident and kwargs["is_buffer"] is True
 
 
-def test_save_does_not_call_is_buffer_method() -> None:
+def test_save_does_not_call_is_buffer_method(impl) -> None:
     log: List[Any] = []
     for ident, expected in (("buffer", True), ("chunk", False)):
         dm = SaveManager(log)
-        logged_node(log, ident).save(dm)
+        logged_node(impl, log, ident).save(dm)
         (_, kwargs), = dm.calls
         assert kwargs == {"is_buffer": expected}
 
 
-def test_save_order_of_reads() -> None:
+def test_save_order_of_reads(impl) -> None:
     log: List[Any] = []
-    node = logged_node(log)
+    node = logged_node(impl, log)
     node.save(SaveManager(log), LoggedFlag(log, False))
     assert log == ["dm.save_selected_samples_async", "node.dset", "save_all.bool", "node.indices",
                    "node.node_id", "node.node_id", "dm.call"]
 
 
-def test_save_all_order_of_reads() -> None:
+def test_save_all_order_of_reads(impl) -> None:
     log: List[Any] = []
-    node = logged_node(log)
+    node = logged_node(impl, log)
     node.save(SaveManager(log), LoggedFlag(log, True))
     assert log == ["dm.save_selected_samples_async", "node.dset", "save_all.bool", "node.node_id",
                    "node.node_id", "dm.call"]
 
 
-def test_save_uses_the_given_manager_not_the_nodes_own() -> None:
+def test_save_uses_the_given_manager_not_the_nodes_own(impl) -> None:
     own, given = SaveManager([]), SaveManager([])
-    node = new_node(data_manager=own)
+    node = new_node(impl, data_manager=own)
     node.save(given)
     assert own.calls == [] and len(given.calls) == 1
     node.save(data_manager=given, save_all=False)
     assert len(given.calls) == 2
 
 
-def test_save_returns_none_whatever_the_manager_returns() -> None:
-    assert new_node().save(SaveManager([], result="queued")) is None
+def test_save_returns_none_whatever_the_manager_returns(impl) -> None:
+    assert new_node(impl).save(SaveManager([], result="queued")) is None
 
 
-def test_save_without_operation_fails_before_reading_node() -> None:
+def test_save_without_operation_fails_before_reading_node(impl) -> None:
     log: List[Any] = []
-    node = logged_node(log)
+    node = logged_node(impl, log)
     before = snapshot(node)
 
     class NoSave:
@@ -1237,10 +1233,10 @@ def test_save_without_operation_fails_before_reading_node() -> None:
     assert all(after[k] is v for k, v in before.items())
 
 
-def test_save_error_propagates_and_node_unchanged() -> None:
+def test_save_error_propagates_and_node_unchanged(impl) -> None:
     error = RuntimeError("disk full")
     log: List[Any] = []
-    node = logged_node(log)
+    node = logged_node(impl, log)
     before = snapshot(node)
     dm = SaveManager(log, error=error)
     with pytest.raises(RuntimeError) as info:
@@ -1252,23 +1248,23 @@ def test_save_error_propagates_and_node_unchanged() -> None:
     np.testing.assert_array_equal(node.indices, [0, 2])
 
 
-def test_save_with_library_manager_stores_selected_rows() -> None:
+def test_save_with_library_manager_stores_selected_rows(impl) -> None:
     dm = DataManager()
     try:
-        node = ChunkNode(make_dataset(4), [], node_id="chunk-z")
+        node = impl.ChunkNode(make_dataset(4), [], node_id="chunk-z")
         node.add_indices(np.array([1, 3]))
         node.save(dm)
-        buffer_node = ChunkNode(make_dataset(2, start=10), [], node_id=BUFFER_NODE_ID)
+        buffer_node = impl.ChunkNode(make_dataset(2, start=10), [], node_id=impl.BUFFER_NODE_ID)
         buffer_node.save(dm, save_all=True)
         dm.wait_for_saves(timeout=5)
         assert [int(i) for i in dm.get_by_nodes(["chunk-z"]).ind] == [1, 3]
-        assert [int(i) for i in dm.get_by_nodes([BUFFER_NODE_ID]).ind] == [10, 11]
-        assert dm.stored_node_ids(buffer=True) == [BUFFER_NODE_ID]
+        assert [int(i) for i in dm.get_by_nodes([impl.BUFFER_NODE_ID]).ind] == [10, 11]
+        assert dm.stored_node_ids(buffer=True) == [impl.BUFFER_NODE_ID]
     finally:
         dm.close(timeout=5)
 
 
-def changing_params_on_first_coreset(node: ChunkNode, base: type, change: Callable[[list], None]) -> type:
+def changing_params_on_first_coreset(node: Any, base: type, change: Callable[[list], None]) -> type:
     """A coreset class that changes the node's parameter list when it is made."""
 
     class Changing(base):
@@ -1279,27 +1275,27 @@ def changing_params_on_first_coreset(node: ChunkNode, base: type, change: Callab
     return Changing
 
 
-def test_params_appended_during_a_build_are_built_too(monkeypatch) -> None:
-    node, dm, Processor, classes, params = build_setup(monkeypatch, passes=2)
-    extra = ChunkSensitivitiesParams(coreset_params={"k": 9}, coreset_cls=classes[0])
+def test_params_appended_during_a_build_are_built_too(impl, monkeypatch) -> None:
+    node, dm, Processor, classes, params = build_setup(impl, monkeypatch, passes=2)
+    extra = impl.ChunkSensitivitiesParams(coreset_params={"k": 9}, coreset_cls=classes[0])
     node.params[0].coreset_cls = changing_params_on_first_coreset(node, classes[0], lambda p: p.append(extra))
     node.build()
     assert [record.params for record in node.coresets] == [params[0], params[1], extra]
 
 
-def test_params_removed_during_a_build_end_it_early(monkeypatch) -> None:
-    node, dm, Processor, classes, params = build_setup(monkeypatch, passes=2)
+def test_params_removed_during_a_build_end_it_early(impl, monkeypatch) -> None:
+    node, dm, Processor, classes, params = build_setup(impl, monkeypatch, passes=2)
     node.params[0].coreset_cls = changing_params_on_first_coreset(node, classes[0], list.clear)
     node.build()
     assert [record.params for record in node.coresets] == [params[0]]
 
 
-def test_feature_names_come_from_the_features_own_iteration(monkeypatch) -> None:
+def test_feature_names_come_from_the_features_own_iteration(impl, monkeypatch) -> None:
     class Reversed(list):
         def __iter__(self):
             return reversed(self)
 
-    node, dm, Processor, classes, params = build_setup(monkeypatch, passes=1)
+    node, dm, Processor, classes, params = build_setup(impl, monkeypatch, passes=1)
     dm._params.features = Reversed(dm.features)
     node.build()
     dap, = Processor.instances

@@ -14,6 +14,9 @@ from chunk_support import InertNode, RecordingDataManager, RecordingParent, make
 from quillmarsh.core.tree import chunk_layer
 from quillmarsh.data.common import Dataset
 
+# About the compiled objects' traversal by the cycle collector: run against the compiled module alone.
+pytestmark = pytest.mark.compiled_only
+
 
 def make_layer(chunk_size: int = 4) -> ChunkLayer:
     dm = RecordingDataManager(chunks={"a": make_dataset(4, 100), "b": make_dataset(4, 200)})

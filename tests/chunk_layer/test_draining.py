@@ -12,15 +12,15 @@ import pytest
 
 from chunk_support import (
     CallRecorder,
-    CreateNodeRecordingLayer,
+    CreateNodeRecording,
     RecordingDataManager,
     RecordingParent,
     ThreadRecordingCallback,
     make_dataset,
     patch_node_class,
     rows_of,
+    subclass,
 )
-from quillmarsh.core.tree import chunk_layer
 from quillmarsh.data.common import Dataset
 
 # ----------------------------------------------------------------------------------------------------
@@ -50,36 +50,37 @@ class RecordingPool:
 
 
 @pytest.fixture
-def pool(monkeypatch) -> RecordingPool:
+def pool(impl, monkeypatch) -> RecordingPool:
     recorder = RecordingPool()
-    monkeypatch.setattr(chunk_layer, "ThreadPoolManager", lambda: recorder)
+    monkeypatch.setattr(impl, "ThreadPoolManager", lambda: recorder)
     return recorder
 
 
 @pytest.fixture
-def batch(monkeypatch) -> CallRecorder:
+def batch(impl, monkeypatch) -> CallRecorder:
     recorder = CallRecorder(result=10**9)
-    monkeypatch.setattr(chunk_layer, "evaluate_max_batch_size", recorder)
+    monkeypatch.setattr(impl, "evaluate_max_batch_size", recorder)
     return recorder
 
 
 def make_layer(
-    rows: int = 0,
+    impl, rows: int = 0,
     chunk_size: Any = 100,
     chunk_index: Any = None,
     n_jobs: Any = None,
     params: Any = None,
-    cls: type = CreateNodeRecordingLayer,
+    cls: Any = None,
     **fields: Any,
-) -> chunk_layer.ChunkLayer:
+) -> Any:
     dm = RecordingDataManager(n_jobs=n_jobs)
+    cls = cls or subclass(impl.ChunkLayer, CreateNodeRecording)
     layer = cls(dm, params, chunk_size, RecordingParent(), chunk_index)
     if rows:
         layer.set_buffer(list(make_dataset(rows, **fields)))
     return layer
 
 
-def queued_check(layer: chunk_layer.ChunkLayer, pool: RecordingPool, batch: CallRecorder) -> dict:
+def queued_check(layer: Any, pool: RecordingPool, batch: CallRecorder) -> dict:
     """Drains one chunk in parallel mode and runs its memory check; returns the keywords of the estimate."""
     assert list(layer._get_from_buffer()) == [None]
     (args, _), = pool.queued
@@ -94,11 +95,11 @@ def queued_check(layer: chunk_layer.ChunkLayer, pool: RecordingPool, batch: Call
 # ----------------------------------------------------------------------------------------------------
 
 
-def test_draining_is_lazy(monkeypatch) -> None:
-    node_cls = patch_node_class(monkeypatch)
+def test_draining_is_lazy(impl, monkeypatch) -> None:
+    node_cls = patch_node_class(impl, monkeypatch)
     stand_in = CallRecorder(result=True)
-    monkeypatch.setattr(chunk_layer, "utils", types.SimpleNamespace(is_simple_chunk_size=stand_in))
-    layer = make_layer(250)
+    monkeypatch.setattr(impl, "utils", types.SimpleNamespace(is_simple_chunk_size=stand_in))
+    layer = make_layer(impl, 250)
     buffer = layer.buffer
 
     drain = layer._get_from_buffer()
@@ -108,9 +109,9 @@ def test_draining_is_lazy(monkeypatch) -> None:
     drain.close()
 
 
-def test_chunk_size_none_yields_nothing_and_keeps_the_buffer(monkeypatch) -> None:
-    node_cls = patch_node_class(monkeypatch)
-    layer = make_layer(250, chunk_size=None)
+def test_chunk_size_none_yields_nothing_and_keeps_the_buffer(impl, monkeypatch) -> None:
+    node_cls = patch_node_class(impl, monkeypatch)
+    layer = make_layer(impl, 250, chunk_size=None)
     buffer = layer.buffer
 
     assert list(layer._get_from_buffer()) == []
@@ -120,9 +121,9 @@ def test_chunk_size_none_yields_nothing_and_keeps_the_buffer(monkeypatch) -> Non
     assert node_cls.instances == [] and layer.create_calls == []
 
 
-def test_two_full_chunks_are_cut_front_first(monkeypatch) -> None:
-    node_cls = patch_node_class(monkeypatch)
-    layer = make_layer(250, chunk_index=7)
+def test_two_full_chunks_are_cut_front_first(impl, monkeypatch) -> None:
+    node_cls = patch_node_class(impl, monkeypatch)
+    layer = make_layer(impl, 250, chunk_index=7)
 
     nodes = list(layer._get_from_buffer())
 
@@ -137,9 +138,9 @@ def test_two_full_chunks_are_cut_front_first(monkeypatch) -> None:
     assert layer.chunk_index == 9
 
 
-def test_every_field_is_cut_alike(monkeypatch) -> None:
-    patch_node_class(monkeypatch)
-    layer = make_layer(250, props=True, orig=True)
+def test_every_field_is_cut_alike(impl, monkeypatch) -> None:
+    patch_node_class(impl, monkeypatch)
+    layer = make_layer(impl, 250, props=True, orig=True)
     old = layer.buffer
 
     first = next(layer._get_from_buffer()).dset
@@ -162,9 +163,9 @@ class FieldList(list):
 
 
 @pytest.mark.parametrize("kind", [list, tuple, FieldList])
-def test_a_buffer_of_any_sequence_is_cut_field_by_field_into_records(monkeypatch, kind) -> None:
-    patch_node_class(monkeypatch)
-    layer = make_layer(chunk_size=2)
+def test_a_buffer_of_any_sequence_is_cut_field_by_field_into_records(impl, monkeypatch, kind) -> None:
+    patch_node_class(impl, monkeypatch)
+    layer = make_layer(impl, chunk_size=2)
     buffer = kind(make_dataset(5))
     layer.buffer = buffer
 
@@ -177,8 +178,8 @@ def test_a_buffer_of_any_sequence_is_cut_field_by_field_into_records(monkeypatch
         assert buffer.walks == 2  # the chunk, then the remainder
 
 
-def test_a_record_with_its_own_iteration_is_walked_through_it(monkeypatch) -> None:
-    patch_node_class(monkeypatch)
+def test_a_record_with_its_own_iteration_is_walked_through_it(impl, monkeypatch) -> None:
+    patch_node_class(impl, monkeypatch)
     walks = []
 
     class Reversed(Dataset):
@@ -186,7 +187,7 @@ def test_a_record_with_its_own_iteration_is_walked_through_it(monkeypatch) -> No
             walks.append(1)
             return iter(tuple.__getitem__(self, slice(None, None, -1)))
 
-    layer = make_layer(chunk_size=2)
+    layer = make_layer(impl, chunk_size=2)
     layer.buffer = Reversed(*make_dataset(5))
 
     first = next(layer._get_from_buffer()).dset
@@ -196,9 +197,9 @@ def test_a_record_with_its_own_iteration_is_walked_through_it(monkeypatch) -> No
     assert first.orig.tolist() == [0, 1] and first.ind is None
 
 
-def test_counter_and_buffer_are_updated_before_each_yield(monkeypatch) -> None:
-    patch_node_class(monkeypatch)
-    layer = make_layer(250, chunk_index=3)
+def test_counter_and_buffer_are_updated_before_each_yield(impl, monkeypatch) -> None:
+    patch_node_class(impl, monkeypatch)
+    layer = make_layer(impl, 250, chunk_index=3)
     drain = layer._get_from_buffer()
 
     next(drain)
@@ -207,9 +208,9 @@ def test_counter_and_buffer_are_updated_before_each_yield(monkeypatch) -> None:
     drain.close()
 
 
-def test_exact_fill_leaves_zero_row_fields(monkeypatch) -> None:
-    patch_node_class(monkeypatch)
-    layer = make_layer(100)
+def test_exact_fill_leaves_zero_row_fields(impl, monkeypatch) -> None:
+    patch_node_class(impl, monkeypatch)
+    layer = make_layer(impl, 100)
 
     nodes = list(layer._get_from_buffer())
 
@@ -221,9 +222,9 @@ def test_exact_fill_leaves_zero_row_fields(monkeypatch) -> None:
     assert layer.chunk_index == 1
 
 
-def test_too_few_rows_yield_nothing(monkeypatch) -> None:
-    node_cls = patch_node_class(monkeypatch)
-    layer = make_layer(99)
+def test_too_few_rows_yield_nothing(impl, monkeypatch) -> None:
+    node_cls = patch_node_class(impl, monkeypatch)
+    layer = make_layer(impl, 99)
     buffer = layer.buffer
 
     assert list(layer._get_from_buffer()) == []
@@ -232,9 +233,9 @@ def test_too_few_rows_yield_nothing(monkeypatch) -> None:
     assert node_cls.instances == [] and layer.chunk_index == 0
 
 
-def test_chunk_size_zero_takes_the_whole_buffer(monkeypatch) -> None:
-    patch_node_class(monkeypatch)
-    layer = make_layer(5, chunk_size=0, chunk_index=2)
+def test_chunk_size_zero_takes_the_whole_buffer(impl, monkeypatch) -> None:
+    patch_node_class(impl, monkeypatch)
+    layer = make_layer(impl, 5, chunk_size=0, chunk_index=2)
     buffer = layer.buffer
 
     nodes = list(layer._get_from_buffer())
@@ -247,17 +248,17 @@ def test_chunk_size_zero_takes_the_whole_buffer(monkeypatch) -> None:
     assert layer.chunk_index == 3
 
 
-def test_chunk_size_zero_without_buffer_yields_nothing(monkeypatch) -> None:
-    node_cls = patch_node_class(monkeypatch)
-    layer = make_layer(0, chunk_size=0)
+def test_chunk_size_zero_without_buffer_yields_nothing(impl, monkeypatch) -> None:
+    node_cls = patch_node_class(impl, monkeypatch)
+    layer = make_layer(impl, 0, chunk_size=0)
 
     assert list(layer._get_from_buffer()) == []
     assert node_cls.instances == [] and layer.chunk_index == 0
 
 
-def test_none_fields_stay_none(monkeypatch) -> None:
-    patch_node_class(monkeypatch)
-    layer = make_layer(150, y=False)
+def test_none_fields_stay_none(impl, monkeypatch) -> None:
+    patch_node_class(impl, monkeypatch)
+    layer = make_layer(impl, 150, y=False)
 
     (node,) = list(layer._get_from_buffer())
 
@@ -266,9 +267,9 @@ def test_none_fields_stay_none(monkeypatch) -> None:
         assert getattr(layer.buffer, name) is None
 
 
-def test_chunk_and_remainder_are_views_of_the_old_buffer(monkeypatch) -> None:
-    patch_node_class(monkeypatch)
-    layer = make_layer(150)
+def test_chunk_and_remainder_are_views_of_the_old_buffer(impl, monkeypatch) -> None:
+    patch_node_class(impl, monkeypatch)
+    layer = make_layer(impl, 150)
     old = layer.buffer
 
     (node,) = list(layer._get_from_buffer())
@@ -278,9 +279,9 @@ def test_chunk_and_remainder_are_views_of_the_old_buffer(monkeypatch) -> None:
         assert np.shares_memory(getattr(layer.buffer, field), getattr(old, field))
 
 
-def test_sequential_callback_receives_node_and_none(monkeypatch) -> None:
-    patch_node_class(monkeypatch)
-    layer = make_layer(250, chunk_index=7)
+def test_sequential_callback_receives_node_and_none(impl, monkeypatch) -> None:
+    patch_node_class(impl, monkeypatch)
+    layer = make_layer(impl, 250, chunk_index=7)
     callback = CallRecorder(result="ignored")
 
     nodes = list(layer._get_from_buffer(callback))
@@ -288,9 +289,9 @@ def test_sequential_callback_receives_node_and_none(monkeypatch) -> None:
     assert callback.calls == [((nodes[0], None), {}), ((nodes[1], None), {})]
 
 
-def test_sequential_falsy_callable_is_still_called(monkeypatch) -> None:
-    patch_node_class(monkeypatch)
-    layer = make_layer(100)
+def test_sequential_falsy_callable_is_still_called(impl, monkeypatch) -> None:
+    patch_node_class(impl, monkeypatch)
+    layer = make_layer(impl, 100)
     callback = FalsyCallable()
 
     nodes = list(layer._get_from_buffer(callback))
@@ -298,8 +299,8 @@ def test_sequential_falsy_callable_is_still_called(monkeypatch) -> None:
     assert callback.calls == [((nodes[0], None), {})]
 
 
-def test_build_params_is_truth_tested_after_each_chunk(monkeypatch) -> None:
-    patch_node_class(monkeypatch)
+def test_build_params_is_truth_tested_after_each_chunk(impl, monkeypatch) -> None:
+    patch_node_class(impl, monkeypatch)
     events: List[Any] = []
 
     class Params:
@@ -307,7 +308,7 @@ def test_build_params_is_truth_tested_after_each_chunk(monkeypatch) -> None:
             events.append(("bool", layer.chunk_index))
             return False
 
-    layer = make_layer(250, chunk_index=0)
+    layer = make_layer(impl, 250, chunk_index=0)
     layer.build_params = Params()
 
     def callback(node: Any, index: Any) -> None:
@@ -319,9 +320,9 @@ def test_build_params_is_truth_tested_after_each_chunk(monkeypatch) -> None:
 
 
 @pytest.mark.parametrize("n_jobs", [None, 0, 1])
-def test_n_jobs_up_to_one_is_sequential(monkeypatch, pool, n_jobs) -> None:
-    node_cls = patch_node_class(monkeypatch)
-    layer = make_layer(200, n_jobs=n_jobs)
+def test_n_jobs_up_to_one_is_sequential(impl, monkeypatch, pool, n_jobs) -> None:
+    node_cls = patch_node_class(impl, monkeypatch)
+    layer = make_layer(impl, 200, n_jobs=n_jobs)
 
     nodes = list(layer._get_from_buffer())
 
@@ -329,21 +330,21 @@ def test_n_jobs_up_to_one_is_sequential(monkeypatch, pool, n_jobs) -> None:
     assert pool.queued == []
 
 
-def test_is_simple_chunk_size_is_asked_once_with_one_positional_argument(monkeypatch) -> None:
-    patch_node_class(monkeypatch)
+def test_is_simple_chunk_size_is_asked_once_with_one_positional_argument(impl, monkeypatch) -> None:
+    patch_node_class(impl, monkeypatch)
     stand_in = CallRecorder(result=True)
-    monkeypatch.setattr(chunk_layer, "utils", types.SimpleNamespace(is_simple_chunk_size=stand_in))
-    layer = make_layer(250)
+    monkeypatch.setattr(impl, "utils", types.SimpleNamespace(is_simple_chunk_size=stand_in))
+    layer = make_layer(impl, 250)
 
     assert len(list(layer._get_from_buffer())) == 2
     assert stand_in.calls == [((100,), {})]
 
 
-def test_a_chunk_size_judged_not_simple_cuts_nothing(monkeypatch) -> None:
-    node_cls = patch_node_class(monkeypatch)
+def test_a_chunk_size_judged_not_simple_cuts_nothing(impl, monkeypatch) -> None:
+    node_cls = patch_node_class(impl, monkeypatch)
     stand_in = CallRecorder(result=0)
-    monkeypatch.setattr(chunk_layer, "utils", types.SimpleNamespace(is_simple_chunk_size=stand_in))
-    layer = make_layer(250)
+    monkeypatch.setattr(impl, "utils", types.SimpleNamespace(is_simple_chunk_size=stand_in))
+    layer = make_layer(impl, 250)
     buffer = layer.buffer
 
     assert list(layer._get_from_buffer()) == []
@@ -351,11 +352,11 @@ def test_a_chunk_size_judged_not_simple_cuts_nothing(monkeypatch) -> None:
     assert stand_in.calls == [((100,), {})]
 
 
-def test_chunk_size_zero_is_cut_whatever_is_simple_chunk_size_says(monkeypatch) -> None:
-    patch_node_class(monkeypatch)
+def test_chunk_size_zero_is_cut_whatever_is_simple_chunk_size_says(impl, monkeypatch) -> None:
+    patch_node_class(impl, monkeypatch)
     stand_in = CallRecorder(result=False)
-    monkeypatch.setattr(chunk_layer, "utils", types.SimpleNamespace(is_simple_chunk_size=stand_in))
-    layer = make_layer(7, chunk_size=0)
+    monkeypatch.setattr(impl, "utils", types.SimpleNamespace(is_simple_chunk_size=stand_in))
+    layer = make_layer(impl, 7, chunk_size=0)
 
     nodes = list(layer._get_from_buffer())
 
@@ -399,13 +400,13 @@ class TruthProbe:
         return self.value
 
 
-def probe_layer(monkeypatch, rows: int, size: int, is_zero: bool, buffer_answer: Any = None):
+def probe_layer(impl, monkeypatch, rows: int, size: int, is_zero: bool, buffer_answer: Any = None):
     events: List[Any] = []
-    patch_node_class(monkeypatch)
-    monkeypatch.setattr(chunk_layer, "utils",
+    patch_node_class(impl, monkeypatch)
+    monkeypatch.setattr(impl, "utils",
                         types.SimpleNamespace(is_simple_chunk_size=lambda chunk_size: True))
 
-    class Layer(chunk_layer.ChunkLayer):
+    class Layer(impl.ChunkLayer):
         def has_buffer(self) -> Any:
             answer = super().has_buffer() if buffer_answer is None else buffer_answer
             events.append(("has_buffer", bool(answer)))
@@ -415,13 +416,13 @@ def probe_layer(monkeypatch, rows: int, size: int, is_zero: bool, buffer_answer:
             events.append(("create", rows_of(args[0])[:1]))
             return super()._create_node(*args, **kwargs)
 
-    layer = make_layer(rows, cls=Layer)
+    layer = make_layer(impl, rows, cls=Layer)
     layer.chunk_size = ChunkSizeProbe(size, is_zero, events)
     return layer, events
 
 
-def test_loop_test_runs_left_to_right(monkeypatch) -> None:
-    layer, events = probe_layer(monkeypatch, 150, 100, is_zero=False)
+def test_loop_test_runs_left_to_right(impl, monkeypatch) -> None:
+    layer, events = probe_layer(impl, monkeypatch, 150, 100, is_zero=False)
 
     nodes = list(layer._get_from_buffer())
 
@@ -439,16 +440,16 @@ def test_loop_test_runs_left_to_right(monkeypatch) -> None:
     ]
 
 
-def test_loop_test_stops_at_has_buffer(monkeypatch) -> None:
-    layer, events = probe_layer(monkeypatch, 150, 100, is_zero=False, buffer_answer=False)
+def test_loop_test_stops_at_has_buffer(impl, monkeypatch) -> None:
+    layer, events = probe_layer(impl, monkeypatch, 150, 100, is_zero=False, buffer_answer=False)
 
     assert list(layer._get_from_buffer()) == []
 
     assert [e for e in events if e[0] != "eq"] == [("has_buffer", False)]
 
 
-def test_loop_test_skips_the_row_comparison_when_chunk_size_is_ignored(monkeypatch) -> None:
-    layer, events = probe_layer(monkeypatch, 150, 100, is_zero=True)
+def test_loop_test_skips_the_row_comparison_when_chunk_size_is_ignored(impl, monkeypatch) -> None:
+    layer, events = probe_layer(impl, monkeypatch, 150, 100, is_zero=True)
 
     nodes = list(layer._get_from_buffer())
 
@@ -471,45 +472,48 @@ class NoGet:
     [
         None,
         [],
-        [chunk_layer.ChunkSensitivitiesParams(coreset_params=None)],
-        [chunk_layer.ChunkSensitivitiesParams(coreset_params={})],
-        [chunk_layer.ChunkSensitivitiesParams(coreset_params=NoGet())],
+        [{"coreset_params": None}],
+        [{"coreset_params": {}}],
+        [{"coreset_params": NoGet()}],
         [object()],
     ],
     ids=["none", "empty", "params-none", "no-dtype-key", "no-get", "no-coreset-params"],
 )
-def test_dtype_defaults_to_float32(monkeypatch, pool, batch, params) -> None:
-    patch_node_class(monkeypatch)
-    layer = make_layer(100, n_jobs=2, params=params)
+def test_dtype_defaults_to_float32(impl, monkeypatch, pool, batch, params) -> None:
+    patch_node_class(impl, monkeypatch)
+    if params is not None:
+        params = [impl.ChunkSensitivitiesParams(**item) if isinstance(item, dict) else item
+                  for item in params]
+    layer = make_layer(impl, 100, n_jobs=2, params=params)
 
     assert queued_check(layer, pool, batch)["dtype"] == "float32"
 
 
-def test_dtype_comes_from_the_first_record(monkeypatch, pool, batch) -> None:
-    patch_node_class(monkeypatch)
+def test_dtype_comes_from_the_first_record(impl, monkeypatch, pool, batch) -> None:
+    patch_node_class(impl, monkeypatch)
     params = iter([
-        chunk_layer.ChunkSensitivitiesParams(coreset_params={"dtype": "float64"}),
-        chunk_layer.ChunkSensitivitiesParams(coreset_params={"dtype": "int8"}),
+        impl.ChunkSensitivitiesParams(coreset_params={"dtype": "float64"}),
+        impl.ChunkSensitivitiesParams(coreset_params={"dtype": "int8"}),
     ])
-    layer = make_layer(100, n_jobs=2, params=params)
+    layer = make_layer(impl, 100, n_jobs=2, params=params)
 
     assert queued_check(layer, pool, batch)["dtype"] == "float64"
 
 
-def test_dtype_lookup_runs_once_per_run_before_the_loop(monkeypatch) -> None:
-    patch_node_class(monkeypatch)
+def test_dtype_lookup_runs_once_per_run_before_the_loop(impl, monkeypatch) -> None:
+    patch_node_class(impl, monkeypatch)
     iterations: List[int] = []
 
     class Params:
         def __iter__(self) -> Iterator[Any]:
             iterations.append(1)
-            return iter([chunk_layer.ChunkSensitivitiesParams(coreset_params={"dtype": "float16"})])
+            return iter([impl.ChunkSensitivitiesParams(coreset_params={"dtype": "float16"})])
 
-    layer = make_layer(250, params=Params())
+    layer = make_layer(impl, 250, params=Params())
     assert len(list(layer._get_from_buffer())) == 2
     assert len(iterations) == 1
 
-    short = make_layer(99, params=Params())
+    short = make_layer(impl, 99, params=Params())
     assert list(short._get_from_buffer()) == []
     assert len(iterations) == 2
 
@@ -518,14 +522,14 @@ class Interrupt(BaseException):
     pass
 
 
-def test_dtype_lookup_lets_non_exception_errors_through(monkeypatch) -> None:
-    node_cls = patch_node_class(monkeypatch)
+def test_dtype_lookup_lets_non_exception_errors_through(impl, monkeypatch) -> None:
+    node_cls = patch_node_class(impl, monkeypatch)
 
     class Params:
         def __iter__(self) -> Iterator[Any]:
             raise Interrupt()
 
-    layer = make_layer(250, params=Params())
+    layer = make_layer(impl, 250, params=Params())
     buffer = layer.buffer
 
     with pytest.raises(Interrupt):
@@ -538,9 +542,9 @@ def test_dtype_lookup_lets_non_exception_errors_through(monkeypatch) -> None:
 # ----------------------------------------------------------------------------------------------------
 
 
-def test_parallel_mode_queues_every_chunk(monkeypatch, pool) -> None:
-    node_cls = patch_node_class(monkeypatch)
-    layer = make_layer(250, chunk_index=7, n_jobs=2)
+def test_parallel_mode_queues_every_chunk(impl, monkeypatch, pool) -> None:
+    node_cls = patch_node_class(impl, monkeypatch)
+    layer = make_layer(impl, 250, chunk_index=7, n_jobs=2)
 
     drain = layer._get_from_buffer()
     assert next(drain) is None
@@ -561,10 +565,10 @@ def test_parallel_mode_queues_every_chunk(monkeypatch, pool) -> None:
         assert leaf == index
 
 
-def test_parallel_task_builds_the_node_and_calls_back_with_leaf_index(monkeypatch, pool) -> None:
-    node_cls = patch_node_class(monkeypatch)
+def test_parallel_task_builds_the_node_and_calls_back_with_leaf_index(impl, monkeypatch, pool) -> None:
+    node_cls = patch_node_class(impl, monkeypatch)
     callback = CallRecorder(result="ignored")
-    layer = make_layer(250, chunk_index=7, n_jobs=2)
+    layer = make_layer(impl, 250, chunk_index=7, n_jobs=2)
 
     assert list(layer._get_from_buffer(callback)) == [None, None]
     assert callback.calls == []
@@ -578,9 +582,9 @@ def test_parallel_task_builds_the_node_and_calls_back_with_leaf_index(monkeypatc
     assert [c[0][1] for c in callback.calls] == [7, 8]
 
 
-def test_parallel_task_without_callback(monkeypatch, pool) -> None:
-    node_cls = patch_node_class(monkeypatch)
-    layer = make_layer(100, n_jobs=2)
+def test_parallel_task_without_callback(impl, monkeypatch, pool) -> None:
+    node_cls = patch_node_class(impl, monkeypatch)
+    layer = make_layer(impl, 100, n_jobs=2)
 
     list(layer._get_from_buffer())
     (task, _check, _p, chunk, leaf), _ = pool.queued[0]
@@ -589,10 +593,10 @@ def test_parallel_task_without_callback(monkeypatch, pool) -> None:
     assert len(node_cls.instances) == 1
 
 
-def test_parallel_falsy_callable_is_called(monkeypatch, pool) -> None:
-    node_cls = patch_node_class(monkeypatch)
+def test_parallel_falsy_callable_is_called(impl, monkeypatch, pool) -> None:
+    node_cls = patch_node_class(impl, monkeypatch)
     callback = FalsyCallable()
-    layer = make_layer(100, chunk_index=4, n_jobs=2)
+    layer = make_layer(impl, 100, chunk_index=4, n_jobs=2)
 
     list(layer._get_from_buffer(callback))
     (task, _check, _p, chunk, leaf), _ = pool.queued[0]
@@ -601,9 +605,9 @@ def test_parallel_falsy_callable_is_called(monkeypatch, pool) -> None:
     assert callback.calls == [((node_cls.instances[0], 4), {})]
 
 
-def test_memory_check_asks_for_the_batch_size_of_the_chunk(monkeypatch, pool, batch) -> None:
-    patch_node_class(monkeypatch)
-    layer = make_layer(100, n_jobs=2)
+def test_memory_check_asks_for_the_batch_size_of_the_chunk(impl, monkeypatch, pool, batch) -> None:
+    patch_node_class(impl, monkeypatch)
+    layer = make_layer(impl, 100, n_jobs=2)
 
     list(layer._get_from_buffer())
     (_task, check, _p, chunk, leaf), _ = pool.queued[0]
@@ -625,10 +629,10 @@ def test_memory_check_asks_for_the_batch_size_of_the_chunk(monkeypatch, pool, ba
         (99, False, True, 1),
     ],
 )
-def test_memory_check_holds_back_only_when_too_big_and_busy(monkeypatch, pool, batch, max_rows, running,
+def test_memory_check_holds_back_only_when_too_big_and_busy(impl, monkeypatch, pool, batch, max_rows, running,
                                                            expected, asked) -> None:
-    patch_node_class(monkeypatch)
-    layer = make_layer(100, n_jobs=2)
+    patch_node_class(impl, monkeypatch)
+    layer = make_layer(impl, 100, n_jobs=2)
     list(layer._get_from_buffer())
     (_task, check, _p, chunk, leaf), _ = pool.queued[0]
     batch.result = max_rows
@@ -643,13 +647,12 @@ def test_memory_check_holds_back_only_when_too_big_and_busy(monkeypatch, pool, b
 # ----------------------------------------------------------------------------------------------------
 
 
-
-def test_parallel_mode_with_the_shared_pool(monkeypatch, real_pool) -> None:
-    node_cls = patch_node_class(monkeypatch)
+def test_parallel_mode_with_the_shared_pool(impl, monkeypatch, real_pool) -> None:
+    node_cls = patch_node_class(impl, monkeypatch)
     callback = ThreadRecordingCallback()
     seen = callback.seen
 
-    layer = make_layer(1005, chunk_size=50, chunk_index=3, n_jobs=2, cls=chunk_layer.ChunkLayer)
+    layer = make_layer(impl, 1005, chunk_size=50, chunk_index=3, n_jobs=2, cls=impl.ChunkLayer)
 
     assert list(layer._get_from_buffer(callback)) == [None] * 20
     real_pool.wait_until_idle(timeout=10)
@@ -692,23 +695,23 @@ class CountingJobs(RecordingDataManager):
 
 
 @pytest.mark.parametrize("jobs, reads_per_chunk", [(None, 1), (1, 2), (2, 2)])
-def test_job_count_is_read_once_or_twice_per_chunk(monkeypatch, pool, jobs, reads_per_chunk) -> None:
-    patch_node_class(monkeypatch)
+def test_job_count_is_read_once_or_twice_per_chunk(impl, monkeypatch, pool, jobs, reads_per_chunk) -> None:
+    patch_node_class(impl, monkeypatch)
     dm = CountingJobs(jobs)
-    layer = CreateNodeRecordingLayer(dm, None, 100, RecordingParent())
+    layer = subclass(impl.ChunkLayer, CreateNodeRecording)(dm, None, 100, RecordingParent())
     layer.set_buffer(list(make_dataset(300)))
 
     assert len(list(layer._get_from_buffer())) == 3
     assert dm.reads == 3 * reads_per_chunk
 
 
-def test_missing_job_count_fails_after_the_cut(monkeypatch) -> None:
-    node_cls = patch_node_class(monkeypatch)
+def test_missing_job_count_fails_after_the_cut(impl, monkeypatch) -> None:
+    node_cls = patch_node_class(impl, monkeypatch)
 
     class NoJobs:
         verbose = 0
 
-    layer = CreateNodeRecordingLayer(NoJobs(), None, 100, RecordingParent(), 4)
+    layer = subclass(impl.ChunkLayer, CreateNodeRecording)(NoJobs(), None, 100, RecordingParent(), 4)
     layer.set_buffer(list(make_dataset(150)))
 
     with pytest.raises(AttributeError):

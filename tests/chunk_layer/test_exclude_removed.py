@@ -3,10 +3,8 @@
 import numpy as np
 import pandas as pd
 import pytest
-from quillmarsh.core.tree.chunk_layer import exclude_removed
 
 from chunk_support import make_dataset
-from quillmarsh.core.tree import chunk_layer
 from quillmarsh.data.common import Dataset
 
 
@@ -35,49 +33,49 @@ def assert_fields_equal(actual, expected):
 # ---------------------------------------------------------------- nothing to remove
 
 
-def test_removed_none_and_no_dataset_returns_the_indices_themselves():
+def test_removed_none_and_no_dataset_returns_the_indices_themselves(impl):
     indices = np.arange(5)
-    assert exclude_removed(None, indices, None) is indices
+    assert impl.exclude_removed(None, indices, None) is indices
 
 
-def test_removed_none_and_dataset_omitted_returns_the_indices_themselves():
+def test_removed_none_and_dataset_omitted_returns_the_indices_themselves(impl):
     indices = np.arange(5)
-    assert exclude_removed(None, indices) is indices
+    assert impl.exclude_removed(None, indices) is indices
 
 
-def test_removed_empty_returns_the_same_objects():
+def test_removed_empty_returns_the_same_objects(impl):
     indices = np.arange(4)
     dataset = make_dataset(4)
-    result = exclude_removed([], indices, dataset)
+    result = impl.exclude_removed([], indices, dataset)
     assert type(result) is tuple
     assert len(result) == 2
     assert result[0] is indices
     assert result[1] is dataset
 
 
-def test_removed_none_with_a_dataset_returns_the_same_objects():
+def test_removed_none_with_a_dataset_returns_the_same_objects(impl):
     indices = np.arange(4)
     dataset = make_dataset(4)
-    result = exclude_removed(None, indices, dataset)
+    result = impl.exclude_removed(None, indices, dataset)
     assert type(result) is tuple
     assert result[0] is indices
     assert result[1] is dataset
 
 
-def test_removed_empty_array_returns_the_same_objects():
+def test_removed_empty_array_returns_the_same_objects(impl):
     indices = np.arange(4)
     dataset = make_dataset(4)
-    new_indices, new_dataset = exclude_removed(np.array([], dtype=int), indices, dataset)
+    new_indices, new_dataset = impl.exclude_removed(np.array([], dtype=int), indices, dataset)
     assert new_indices is indices
     assert new_dataset is dataset
 
 
-def test_removed_empty_and_no_dataset_returns_the_bare_indices():
+def test_removed_empty_and_no_dataset_returns_the_bare_indices(impl):
     indices = np.arange(3)
-    assert exclude_removed([], indices, None) is indices
+    assert impl.exclude_removed([], indices, None) is indices
 
 
-def test_sized_removed_of_length_zero_is_not_iterated():
+def test_sized_removed_of_length_zero_is_not_iterated(impl):
     class EmptySized:
         def __len__(self):
             return 0
@@ -90,25 +88,25 @@ def test_sized_removed_of_length_zero_is_not_iterated():
 
     indices = np.arange(3)
     dataset = make_dataset(3)
-    new_indices, new_dataset = exclude_removed(EmptySized(), indices, dataset)
+    new_indices, new_dataset = impl.exclude_removed(EmptySized(), indices, dataset)
     assert new_indices is indices
     assert new_dataset is dataset
 
 
-def test_nothing_to_remove_does_not_touch_numpy(monkeypatch):
-    monkeypatch.delattr(chunk_layer, "np")
+def test_nothing_to_remove_does_not_touch_numpy(impl, monkeypatch):
+    monkeypatch.delattr(impl, "np")
     indices = np.arange(3)
     dataset = make_dataset(3)
-    assert exclude_removed([], indices, dataset) == (indices, dataset)
+    assert impl.exclude_removed([], indices, dataset) == (indices, dataset)
 
 
 # ---------------------------------------------------------------- the example
 
 
-def test_example_indices_and_dataset():
+def test_example_indices_and_dataset(impl):
     indices = np.arange(1, 10)
     dataset = make_dataset(9, start=1)
-    new_indices, new_dataset = exclude_removed([2, 5, 7], indices, dataset)
+    new_indices, new_dataset = impl.exclude_removed([2, 5, 7], indices, dataset)
     assert type(new_indices) is np.ndarray
     assert new_indices.tolist() == [1, 3, 4, 6, 8, 9]
     assert type(new_dataset) is Dataset
@@ -120,10 +118,10 @@ def test_example_indices_and_dataset():
     assert new_dataset.y.tolist() == [10.0, 30.0, 40.0, 60.0, 80.0, 90.0]
 
 
-def test_example_none_fields_stay_none():
+def test_example_none_fields_stay_none(impl):
     indices = np.arange(1, 10)
     dataset = make_dataset(9, start=1, y=False)
-    _, new_dataset = exclude_removed([2, 5, 7], indices, dataset)
+    _, new_dataset = impl.exclude_removed([2, 5, 7], indices, dataset)
     assert new_dataset.y is None
     assert new_dataset.sample_weight is None
     assert new_dataset.props is None
@@ -131,10 +129,10 @@ def test_example_none_fields_stay_none():
     assert new_dataset.X.shape == (6, 3)
 
 
-def test_every_field_is_filtered_in_order():
+def test_every_field_is_filtered_in_order(impl):
     indices = np.arange(6)
     dataset = full_dataset(6)
-    new_indices, new_dataset = exclude_removed(np.array([0, 4]), indices, dataset)
+    new_indices, new_dataset = impl.exclude_removed(np.array([0, 4]), indices, dataset)
     assert new_indices.tolist() == [1, 2, 3, 5]
     keep = [1, 2, 3, 5]
     assert_fields_equal(new_dataset, expected_rows(dataset, keep))
@@ -142,26 +140,26 @@ def test_every_field_is_filtered_in_order():
     assert new_dataset.orig[:, 0].tolist() == [2.0, 4.0, 6.0, 10.0]
 
 
-def test_removed_values_are_matched_by_value_not_position():
+def test_removed_values_are_matched_by_value_not_position(impl):
     indices = np.array([40, 10, 30, 20])
     dataset = Dataset(indices, np.arange(8).reshape(4, 2), np.array([4, 1, 3, 2]))
-    new_indices, new_dataset = exclude_removed([10, 20, 99], indices, dataset)
+    new_indices, new_dataset = impl.exclude_removed([10, 20, 99], indices, dataset)
     assert new_indices.tolist() == [40, 30]
     assert new_dataset.X.tolist() == [[0, 1], [4, 5]]
     assert new_dataset.y.tolist() == [4, 3]
 
 
-def test_duplicate_indices_are_all_removed():
+def test_duplicate_indices_are_all_removed(impl):
     indices = np.array([1, 1, 2, 3, 1])
-    new_indices, new_dataset = exclude_removed([1], indices, Dataset(indices, np.arange(5)[:, None]))
+    new_indices, new_dataset = impl.exclude_removed([1], indices, Dataset(indices, np.arange(5)[:, None]))
     assert new_indices.tolist() == [2, 3]
     assert new_dataset.X[:, 0].tolist() == [2, 3]
 
 
-def test_a_dataset_given_as_a_tuple_comes_back_as_a_dataset():
+def test_a_dataset_given_as_a_tuple_comes_back_as_a_dataset(impl):
     indices = np.arange(3)
     X = np.arange(6).reshape(3, 2)
-    new_indices, new_dataset = exclude_removed([1], indices, (indices, X))
+    new_indices, new_dataset = impl.exclude_removed([1], indices, (indices, X))
     assert type(new_dataset) is Dataset
     assert new_dataset.ind.tolist() == [0, 2]
     assert new_dataset.X.tolist() == [[0, 1], [4, 5]]
@@ -169,25 +167,25 @@ def test_a_dataset_given_as_a_tuple_comes_back_as_a_dataset():
     assert new_dataset.orig is None
 
 
-def test_a_frame_field_is_filtered_by_rows():
+def test_a_frame_field_is_filtered_by_rows(impl):
     indices = np.arange(3)
     props = pd.DataFrame({"a": [7, 8, 9]})
-    _, new_dataset = exclude_removed([1], indices, Dataset(indices, np.zeros((3, 2)), props=props))
+    _, new_dataset = impl.exclude_removed([1], indices, Dataset(indices, np.zeros((3, 2)), props=props))
     assert isinstance(new_dataset.props, pd.DataFrame)
     assert new_dataset.props["a"].tolist() == [7, 9]
 
 
-def test_keyword_call():
+def test_keyword_call(impl):
     indices = np.arange(4)
-    result = exclude_removed(dataset=None, indices=indices, removed=[3])
+    result = impl.exclude_removed(dataset=None, indices=indices, removed=[3])
     assert result.tolist() == [0, 1, 2]
 
 
-def test_inputs_are_not_changed():
+def test_inputs_are_not_changed(impl):
     indices = np.arange(5)
     dataset = make_dataset(5)
     removed = [0, 3]
-    exclude_removed(removed, indices, dataset)
+    impl.exclude_removed(removed, indices, dataset)
     assert indices.tolist() == [0, 1, 2, 3, 4]
     assert dataset.X.shape == (5, 3)
     assert dataset.y.tolist() == [0.0, 10.0, 20.0, 30.0, 40.0]
@@ -197,10 +195,10 @@ def test_inputs_are_not_changed():
 # ---------------------------------------------------------------- removals that match nothing
 
 
-def test_removed_values_absent_from_indices_still_copy():
+def test_removed_values_absent_from_indices_still_copy(impl):
     indices = np.arange(3)
     dataset = make_dataset(3)
-    new_indices, new_dataset = exclude_removed([10, 11], indices, dataset)
+    new_indices, new_dataset = impl.exclude_removed([10, 11], indices, dataset)
     assert new_indices.tolist() == [0, 1, 2]
     assert new_indices is not indices
     assert new_dataset is not dataset
@@ -212,10 +210,10 @@ def test_removed_values_absent_from_indices_still_copy():
 # ---------------------------------------------------------------- everything removed
 
 
-def test_all_removed_keeps_the_indices_but_empties_the_dataset():
+def test_all_removed_keeps_the_indices_but_empties_the_dataset(impl):
     indices = np.array([3, 4, 5])
     dataset = make_dataset(3, start=3)
-    new_indices, new_dataset = exclude_removed([5, 3, 4], indices, dataset)
+    new_indices, new_dataset = impl.exclude_removed([5, 3, 4], indices, dataset)
     assert new_indices is indices
     assert new_indices.tolist() == [3, 4, 5]
     assert type(new_dataset) is Dataset
@@ -227,16 +225,16 @@ def test_all_removed_keeps_the_indices_but_empties_the_dataset():
     assert new_dataset.orig is None
 
 
-def test_all_removed_without_dataset_returns_the_bare_indices_unfiltered():
+def test_all_removed_without_dataset_returns_the_bare_indices_unfiltered(impl):
     indices = np.array([1, 2])
-    result = exclude_removed([1, 2], indices, None)
+    result = impl.exclude_removed([1, 2], indices, None)
     assert result is indices
 
 
-def test_all_removed_with_every_field_gives_zero_row_fields():
+def test_all_removed_with_every_field_gives_zero_row_fields(impl):
     indices = np.arange(2)
     dataset = full_dataset(2)
-    _, new_dataset = exclude_removed([0, 1], indices, dataset)
+    _, new_dataset = impl.exclude_removed([0, 1], indices, dataset)
     assert [None if f is None else f.shape[0] for f in new_dataset] == [0, 0, 0, None, 0, 0]
     assert new_dataset.X.dtype == dataset.X.dtype
 
@@ -244,16 +242,16 @@ def test_all_removed_with_every_field_gives_zero_row_fields():
 # ---------------------------------------------------------------- no dataset, something removed
 
 
-def test_no_dataset_returns_only_the_filtered_indices():
+def test_no_dataset_returns_only_the_filtered_indices(impl):
     indices = np.arange(6)
-    result = exclude_removed([0, 5], indices, None)
+    result = impl.exclude_removed([0, 5], indices, None)
     assert type(result) is np.ndarray
     assert result.tolist() == [1, 2, 3, 4]
     assert result.dtype == indices.dtype
 
 
-def test_no_dataset_omitted_returns_only_the_filtered_indices():
-    result = exclude_removed(np.array([2]), np.array([2, 3]))
+def test_no_dataset_omitted_returns_only_the_filtered_indices(impl):
+    result = impl.exclude_removed(np.array([2]), np.array([2, 3]))
     assert type(result) is np.ndarray
     assert result.tolist() == [3]
 
@@ -261,17 +259,17 @@ def test_no_dataset_omitted_returns_only_the_filtered_indices():
 # ---------------------------------------------------------------- errors of others propagate
 
 
-def test_removed_without_a_length_fails_in_len():
+def test_removed_without_a_length_fails_in_len(impl):
     with pytest.raises(TypeError, match=r"^object of type 'object' has no len\(\)$"):
-        exclude_removed(object(), np.arange(3), None)
+        impl.exclude_removed(object(), np.arange(3), None)
 
 
-def test_removed_as_a_generator_fails_in_len():
+def test_removed_as_a_generator_fails_in_len(impl):
     with pytest.raises(TypeError, match=r"^object of type 'generator' has no len\(\)$"):
-        exclude_removed((i for i in [1]), np.arange(3), make_dataset(3))
+        impl.exclude_removed((i for i in [1]), np.arange(3), make_dataset(3))
 
 
-def test_error_raised_by_len_propagates_unchanged():
+def test_error_raised_by_len_propagates_unchanged(impl):
     class LengthError(Exception):
         pass
 
@@ -282,30 +280,30 @@ def test_error_raised_by_len_propagates_unchanged():
             raise raised
 
     with pytest.raises(LengthError) as info:
-        exclude_removed(Removed(), np.arange(3), make_dataset(3))
+        impl.exclude_removed(Removed(), np.arange(3), make_dataset(3))
     assert info.value is raised
 
 
-def test_field_of_another_length_fails_in_numpy():
+def test_field_of_another_length_fails_in_numpy(impl):
     indices = np.arange(3)
     dataset = Dataset(indices, np.zeros((4, 2)))
     with pytest.raises(IndexError, match="boolean index did not match"):
-        exclude_removed([1], indices, dataset)
+        impl.exclude_removed([1], indices, dataset)
 
 
-def test_indices_that_cannot_be_masked_fail_in_numpy():
+def test_indices_that_cannot_be_masked_fail_in_numpy(impl):
     with pytest.raises(TypeError):
-        exclude_removed([1], [1, 2, 3], None)
+        impl.exclude_removed([1], [1, 2, 3], None)
 
 
-def test_dataset_that_cannot_be_built_raises_its_own_error():
+def test_dataset_that_cannot_be_built_raises_its_own_error(impl):
     indices = np.arange(3)
     fields = (indices, np.zeros((3, 1)), None, None, None, None, np.zeros(3))
     with pytest.raises(TypeError):
-        exclude_removed([1], indices, fields)
+        impl.exclude_removed([1], indices, fields)
 
 
-def test_numpy_membership_test_is_used(monkeypatch):
+def test_numpy_membership_test_is_used(impl, monkeypatch):
     calls = []
 
     class NumpyProxy:
@@ -316,16 +314,16 @@ def test_numpy_membership_test_is_used(monkeypatch):
             calls.append((args, kwargs))
             return np.isin(*args, **kwargs)
 
-    monkeypatch.setattr(chunk_layer, "np", NumpyProxy())
+    monkeypatch.setattr(impl, "np", NumpyProxy())
     indices = np.arange(4)
     removed = [1, 2]
-    assert exclude_removed(removed, indices).tolist() == [0, 3]
+    assert impl.exclude_removed(removed, indices).tolist() == [0, 3]
     assert len(calls) == 1
     assert calls[0][0][0] is indices
     assert calls[0][0][1] is removed
 
 
-def test_numpy_without_in1d_gets_the_same_membership_test_through_isin(monkeypatch):
+def test_numpy_without_in1d_gets_the_same_membership_test_through_isin(impl, monkeypatch):
     calls = []
 
     class NumpyWithoutIn1d:
@@ -338,23 +336,23 @@ def test_numpy_without_in1d_gets_the_same_membership_test_through_isin(monkeypat
             calls.append((args, kwargs))
             return np.isin(*args, **kwargs)
 
-    monkeypatch.setattr(chunk_layer, "np", NumpyWithoutIn1d())
+    monkeypatch.setattr(impl, "np", NumpyWithoutIn1d())
     indices = np.arange(5)
     removed = np.array([4, 1])
     dataset = Dataset(indices, np.arange(10.0).reshape(5, 2), None, None, None, None)
-    kept, rows = exclude_removed(removed, indices, dataset)
+    kept, rows = impl.exclude_removed(removed, indices, dataset)
     assert kept.tolist() == [0, 2, 3]
     assert rows.X.tolist() == [[0.0, 1.0], [4.0, 5.0], [6.0, 7.0]]
     assert [(args[0] is indices, args[1] is removed, kwargs) for args, kwargs in calls] == [(True, True, {})]
 
 
-def test_an_error_other_than_a_missing_in1d_is_not_hidden(monkeypatch):
+def test_an_error_other_than_a_missing_in1d_is_not_hidden(impl, monkeypatch):
     class BrokenNumpy:
         def __getattr__(self, name):
             if name == "in1d":
                 raise RuntimeError("numpy is broken")
             return getattr(np, name)
 
-    monkeypatch.setattr(chunk_layer, "np", BrokenNumpy())
+    monkeypatch.setattr(impl, "np", BrokenNumpy())
     with pytest.raises(RuntimeError, match="numpy is broken"):
-        exclude_removed([1], np.arange(3))
+        impl.exclude_removed([1], np.arange(3))

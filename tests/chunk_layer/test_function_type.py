@@ -13,6 +13,9 @@ from quillmarsh.core.tree.chunk_layer import ChunkLayer, ChunkNode, exclude_remo
 from chunk_support import RecordingDataManager, make_dataset, patch_node_class
 from quillmarsh.core.tree import chunk_layer
 
+# About the compiled module's own function type: run against the compiled module alone.
+pytestmark = pytest.mark.compiled_only
+
 
 @pytest.fixture
 def dm():
@@ -383,7 +386,7 @@ def test_missing_buffer_node_id_raises_name_error(monkeypatch):
 
 
 def test_node_class_is_looked_up_when_a_node_is_created(monkeypatch, dm):
-    node_class = patch_node_class(monkeypatch)
+    node_class = patch_node_class(chunk_layer, monkeypatch)
     layer = ChunkLayer(dm, chunk_corset_params=["p"])
     node = layer._create_node(make_dataset(2), "n1")
     assert type(node) is node_class

@@ -10,6 +10,10 @@ import pytest
 from quillmarsh.core.tree.chunk_layer import ChunkLayer
 
 from chunk_support import RecordingDataManager, RecordingParent, make_dataset, patch_node_class
+from quillmarsh.core.tree import chunk_layer
+
+# About the compiled module's own generator type: run against the compiled module alone.
+pytestmark = pytest.mark.compiled_only
 
 GENERATOR_METHODS = ["_get_from_buffer", "process", "rebuild"]
 
@@ -31,7 +35,7 @@ class Harness:
     """A layer with a recording data manager, parent and node class, and a way to start each generator."""
 
     def __init__(self, monkeypatch):
-        self.node_class = patch_node_class(monkeypatch)
+        self.node_class = patch_node_class(chunk_layer, monkeypatch)
         self.dm = RecordingDataManager(chunks={"a": make_dataset(2), "b": make_dataset(2, start=2)})
         self.parent = RecordingParent()
         self.layer = ChunkLayer(self.dm, chunk_corset_params=[], chunk_size=2, parent=self.parent)

@@ -6,6 +6,11 @@ import subprocess
 import sys
 import textwrap
 
+import pytest
+
+# About the loading of the extension module: run against the compiled module alone.
+pytestmark = pytest.mark.compiled_only
+
 MODULE_NAME = "quillmarsh.core.tree.chunk_layer"
 
 

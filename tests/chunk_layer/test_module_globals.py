@@ -11,37 +11,35 @@ import weakref
 from typing import Any, Callable, Dict, List
 
 import pytest
-from quillmarsh.core.tree.chunk_layer import ChunkLayer, ChunkNode
 
 from chunk_support import RecordingDataManager, RecordingParent, make_dataset
-from quillmarsh.core.tree import chunk_layer
 
 
-def assign(name: str, value: Any) -> None:
-    setattr(chunk_layer, name, value)
+def assign(impl, name: str, value: Any) -> None:
+    setattr(impl, name, value)
 
 
-def assign_item(name: str, value: Any) -> None:
-    vars(chunk_layer)[name] = value
+def assign_item(impl, name: str, value: Any) -> None:
+    vars(impl)[name] = value
 
 
-def update(name: str, value: Any) -> None:
-    vars(chunk_layer).update({name: value})
+def update(impl, name: str, value: Any) -> None:
+    vars(impl).update({name: value})
 
 
-def delete_then_setdefault(name: str, value: Any) -> None:
-    namespace = vars(chunk_layer)
+def delete_then_setdefault(impl, name: str, value: Any) -> None:
+    namespace = vars(impl)
     del namespace[name]
     namespace.setdefault(name, value)
 
 
-def pop_then_assign(name: str, value: Any) -> None:
-    namespace = vars(chunk_layer)
+def pop_then_assign(impl, name: str, value: Any) -> None:
+    namespace = vars(impl)
     namespace.pop(name)
     namespace[name] = value
 
 
-WRITES: Dict[str, Callable[[str, Any], None]] = {
+WRITES: Dict[str, Callable[[Any, str, Any], None]] = {
     "setattr": assign,
     "item": assign_item,
     "update": update,
@@ -51,61 +49,61 @@ WRITES: Dict[str, Callable[[str, Any], None]] = {
 
 
 @pytest.fixture
-def restored(monkeypatch) -> None:
+def restored(impl, monkeypatch) -> None:
     """Puts back every name the test changes (monkeypatch restores what it has set once)."""
     for name in ("BUFFER_NODE_ID", "Dataset", "exclude_removed"):
-        monkeypatch.setattr(chunk_layer, name, getattr(chunk_layer, name))
+        monkeypatch.setattr(impl, name, getattr(impl, name))
 
 
 @pytest.mark.parametrize("write", WRITES)
-def test_every_write_to_the_namespace_is_seen_by_the_next_call(write: str, restored) -> None:
-    node = ChunkNode(make_dataset(2), [], node_id="leaf-7")
+def test_every_write_to_the_namespace_is_seen_by_the_next_call(impl, write: str, restored) -> None:
+    node = impl.ChunkNode(make_dataset(2), [], node_id="leaf-7")
     assert node.is_buffer() is False
     for buffer_id in ("leaf-7", "other", "leaf-7", "buffer"):
-        WRITES[write]("BUFFER_NODE_ID", buffer_id)
+        WRITES[write](impl, "BUFFER_NODE_ID", buffer_id)
         assert node.is_buffer() is (buffer_id == "leaf-7")
 
 
-def test_a_deleted_name_raises_name_error_until_it_is_back(restored) -> None:
-    node = ChunkNode(make_dataset(2), [], node_id="buffer")
+def test_a_deleted_name_raises_name_error_until_it_is_back(impl, restored) -> None:
+    node = impl.ChunkNode(make_dataset(2), [], node_id="buffer")
     assert node.is_buffer() is True
-    del vars(chunk_layer)["BUFFER_NODE_ID"]
+    del vars(impl)["BUFFER_NODE_ID"]
     for _ in range(2):
         with pytest.raises(NameError, match="^name 'BUFFER_NODE_ID' is not defined$"):
             node.is_buffer()
-    chunk_layer.BUFFER_NODE_ID = "buffer"
+    impl.BUFFER_NODE_ID = "buffer"
     assert node.is_buffer() is True
 
 
-def test_names_read_in_one_call_are_each_current(restored) -> None:
-    layer = ChunkLayer(RecordingDataManager(removed=[]), [], 4, RecordingParent())
+def test_names_read_in_one_call_are_each_current(impl, restored) -> None:
+    layer = impl.ChunkLayer(RecordingDataManager(removed=[]), [], 4, RecordingParent())
     layer.set_buffer(make_dataset(3))
     seen: List[str] = []
 
     def exclude(removed: Any, indices: Any, dataset: Any) -> Any:
         seen.append("first")
-        chunk_layer.exclude_removed = exclude_again
+        impl.exclude_removed = exclude_again
         return indices, dataset
 
     def exclude_again(removed: Any, indices: Any, dataset: Any) -> Any:
         seen.append("second")
         return indices, dataset
 
-    chunk_layer.exclude_removed = exclude
+    impl.exclude_removed = exclude
     layer.get_buffer()
     layer.get_buffer()
     assert seen == ["first", "second"]
 
 
-def test_a_name_that_shadows_a_builtin_is_honoured_at_once(monkeypatch, capsys) -> None:
-    layer = ChunkLayer(RecordingDataManager(n_instances=None), [], 4, RecordingParent())
+def test_a_name_that_shadows_a_builtin_is_honoured_at_once(impl, monkeypatch, capsys) -> None:
+    layer = impl.ChunkLayer(RecordingDataManager(n_instances=None), [], 4, RecordingParent())
     layer.build_params = {"chunk_size": 4}
     printed: List[str] = []
 
     layer._print_progress(0.5, 0)
     assert "Completed chunk #1" in capsys.readouterr().out
 
-    monkeypatch.setattr(chunk_layer, "print", printed.append, raising=False)
+    monkeypatch.setattr(impl, "print", printed.append, raising=False)
     layer._print_progress(0.5, 1)
     assert len(printed) == 1 and "Completed chunk #2" in printed[0]
 
@@ -115,24 +113,24 @@ def test_a_name_that_shadows_a_builtin_is_honoured_at_once(monkeypatch, capsys) 
     assert len(printed) == 1
 
 
-def test_a_value_replaced_during_the_call_that_uses_it_stays_alive(restored) -> None:
-    layer = ChunkLayer(RecordingDataManager(), [], 4, RecordingParent())
+def test_a_value_replaced_during_the_call_that_uses_it_stays_alive(impl, restored) -> None:
+    layer = impl.ChunkLayer(RecordingDataManager(), [], 4, RecordingParent())
     buffer = make_dataset(3)
     alive_during_call: List[bool] = []
 
     def install() -> weakref.ref[Any]:
         # The module's namespace holds the only reference to this function.
         def dataset_type(*fields: Any) -> Any:
-            chunk_layer.Dataset = original
+            impl.Dataset = original
             gc.collect()
             alive_during_call.append(reference() is not None)
             return original(*fields)
 
         reference = weakref.ref(dataset_type)
-        chunk_layer.Dataset = dataset_type
+        impl.Dataset = dataset_type
         return reference
 
-    original = chunk_layer.Dataset
+    original = impl.Dataset
     reference = install()
     layer.set_buffer(buffer)
     assert alive_during_call == [True]
@@ -144,6 +142,6 @@ def test_a_value_replaced_during_the_call_that_uses_it_stays_alive(restored) -> 
 
 
 @pytest.mark.parametrize("namespace", ["module", "ChunkNode", "ChunkLayer", "ChunkSensitivitiesParams"])
-def test_names_are_interned_as_the_compiler_interns_them(namespace: str) -> None:
-    names = vars(chunk_layer) if namespace == "module" else vars(getattr(chunk_layer, namespace))
+def test_names_are_interned_as_the_compiler_interns_them(impl, namespace: str) -> None:
+    names = vars(impl) if namespace == "module" else vars(getattr(impl, namespace))
     assert [name for name in names if name is not sys.intern(name)] == []

@@ -10,14 +10,14 @@ import pytest
 
 from chunk_support import (
     CallRecorder,
-    CreateNodeRecordingLayer,
+    CreateNodeRecording,
     RecordingDataManager,
     RecordingParent,
     make_dataset,
     patch_node_class,
     rows_of,
+    subclass,
 )
-from quillmarsh.core.tree import chunk_layer
 from quillmarsh.data.common import Dataset
 
 ESC = "\x1b"
@@ -105,8 +105,8 @@ class RecordingVerbose:
         return self.result
 
 
-def layer_with(dm: RecordingDataManager, params: Any = None, cls: type = chunk_layer.ChunkLayer):
-    return cls(dm, params, 100, RecordingParent())
+def layer_with(impl, dm: RecordingDataManager, params: Any = None, cls: Any = None):
+    return (cls or impl.ChunkLayer)(dm, params, 100, RecordingParent())
 
 
 def progress_line(number: int, build_time: str, total: str = "") -> str:
@@ -115,16 +115,16 @@ def progress_line(number: int, build_time: str, total: str = "") -> str:
 
 
 @pytest.fixture
-def printed(monkeypatch) -> PrintRecorder:
+def printed(impl, monkeypatch) -> PrintRecorder:
     recorder = PrintRecorder()
-    monkeypatch.setattr(chunk_layer, "print", recorder, raising=False)
+    monkeypatch.setattr(impl, "print", recorder, raising=False)
     return recorder
 
 
 @pytest.fixture
-def clock(monkeypatch) -> FakeClock:
+def clock(impl, monkeypatch) -> FakeClock:
     fake = FakeClock()
-    monkeypatch.setattr(chunk_layer, "time", fake)
+    monkeypatch.setattr(impl, "time", fake)
     return fake
 
 
@@ -133,13 +133,13 @@ def clock(monkeypatch) -> FakeClock:
 # ----------------------------------------------------------------------------------------------------
 
 
-def test_create_node_constructs_with_exactly_the_four_keywords(monkeypatch) -> None:
+def test_create_node_constructs_with_exactly_the_four_keywords(impl, monkeypatch) -> None:
     events: List[Any] = []
     node_cls = make_keyword_node_class(events)
-    monkeypatch.setattr(chunk_layer, "ChunkNode", node_cls)
+    monkeypatch.setattr(impl, "ChunkNode", node_cls)
     dm = RecordingDataManager()
-    params = [chunk_layer.ChunkSensitivitiesParams()]
-    layer = layer_with(dm, params)
+    params = [impl.ChunkSensitivitiesParams()]
+    layer = layer_with(impl, dm, params)
     dset = make_dataset(4)
 
     layer._create_node(dset)
@@ -154,9 +154,9 @@ def test_create_node_constructs_with_exactly_the_four_keywords(monkeypatch) -> N
     assert node.kwargs["data_manager"] is dm
 
 
-def test_create_node_passes_the_node_id(monkeypatch) -> None:
-    node_cls = patch_node_class(monkeypatch)
-    layer = layer_with(RecordingDataManager())
+def test_create_node_passes_the_node_id(impl, monkeypatch) -> None:
+    node_cls = patch_node_class(impl, monkeypatch)
+    layer = layer_with(impl, RecordingDataManager())
 
     node = layer._create_node(make_dataset(2), "abc")
 
@@ -165,12 +165,12 @@ def test_create_node_passes_the_node_id(monkeypatch) -> None:
     assert node_cls.instances == [node]
 
 
-def test_create_node_returns_what_build_returned(monkeypatch) -> None:
+def test_create_node_returns_what_build_returned(impl, monkeypatch) -> None:
     events: List[Any] = []
     built = object()
     node_cls = make_keyword_node_class(events, build_result=built)
-    monkeypatch.setattr(chunk_layer, "ChunkNode", node_cls)
-    layer = layer_with(RecordingDataManager())
+    monkeypatch.setattr(impl, "ChunkNode", node_cls)
+    layer = layer_with(impl, RecordingDataManager())
 
     result = layer._create_node(make_dataset(2))
 
@@ -178,18 +178,18 @@ def test_create_node_returns_what_build_returned(monkeypatch) -> None:
     assert node_cls.made[0].build_calls == [((), {})]
 
 
-def test_create_node_times_construction_and_build_with_the_wall_clock(monkeypatch) -> None:
+def test_create_node_times_construction_and_build_with_the_wall_clock(impl, monkeypatch) -> None:
     events: List[Any] = []
     node_cls = make_keyword_node_class(events)
-    monkeypatch.setattr(chunk_layer, "ChunkNode", node_cls)
-    monkeypatch.setattr(chunk_layer, "time", FakeClock([100.0, 102.5], events))
+    monkeypatch.setattr(impl, "ChunkNode", node_cls)
+    monkeypatch.setattr(impl, "time", FakeClock([100.0, 102.5], events))
 
-    class Layer(chunk_layer.ChunkLayer):
+    class Layer(impl.ChunkLayer):
         def _print_progress(self, *args: Any, **kwargs: Any) -> Any:
             events.append(("progress", args, kwargs))
             return "ignored"
 
-    layer = layer_with(RecordingDataManager(verbose=1), cls=Layer)
+    layer = layer_with(impl, RecordingDataManager(verbose=1), cls=Layer)
     node = layer._create_node(make_dataset(2), leaf_node_index=4)
 
     assert node is node_cls.made[0]
@@ -200,15 +200,15 @@ def test_create_node_times_construction_and_build_with_the_wall_clock(monkeypatc
 
 
 @pytest.mark.parametrize("leaf", [None, 0, 5])
-def test_create_node_with_verbose_zero_prints_nothing(monkeypatch, printed, capsys, leaf) -> None:
-    patch_node_class(monkeypatch)
+def test_create_node_with_verbose_zero_prints_nothing(impl, monkeypatch, printed, capsys, leaf) -> None:
+    patch_node_class(impl, monkeypatch)
     progress: List[Any] = []
 
-    class Layer(chunk_layer.ChunkLayer):
+    class Layer(impl.ChunkLayer):
         def _print_progress(self, *args: Any, **kwargs: Any) -> None:
             progress.append(args)
 
-    layer = layer_with(RecordingDataManager(verbose=0), cls=Layer)
+    layer = layer_with(impl, RecordingDataManager(verbose=0), cls=Layer)
     layer._create_node(make_dataset(2), leaf_node_index=leaf)
 
     assert progress == []
@@ -216,9 +216,9 @@ def test_create_node_with_verbose_zero_prints_nothing(monkeypatch, printed, caps
     assert capsys.readouterr().out == ""
 
 
-def test_create_node_with_verbose_and_no_leaf_index_prints_nothing(monkeypatch, capsys) -> None:
-    patch_node_class(monkeypatch)
-    layer = layer_with(RecordingDataManager(verbose=1))
+def test_create_node_with_verbose_and_no_leaf_index_prints_nothing(impl, monkeypatch, capsys) -> None:
+    patch_node_class(impl, monkeypatch)
+    layer = layer_with(impl, RecordingDataManager(verbose=1))
 
     layer._create_node(make_dataset(2))
     layer._create_node(make_dataset(2), "x", None)
@@ -226,9 +226,9 @@ def test_create_node_with_verbose_and_no_leaf_index_prints_nothing(monkeypatch, 
     assert capsys.readouterr().out == ""
 
 
-def test_create_node_with_verbose_and_leaf_zero_prints_chunk_one(monkeypatch, capsys) -> None:
-    patch_node_class(monkeypatch)
-    layer = layer_with(RecordingDataManager(verbose=1))
+def test_create_node_with_verbose_and_leaf_zero_prints_chunk_one(impl, monkeypatch, capsys) -> None:
+    patch_node_class(impl, monkeypatch)
+    layer = layer_with(impl, RecordingDataManager(verbose=1))
 
     layer._create_node(make_dataset(2), leaf_node_index=0)
 
@@ -237,17 +237,17 @@ def test_create_node_with_verbose_and_leaf_zero_prints_chunk_one(monkeypatch, ca
     assert " Completed chunk #1, " in lines[0]
 
 
-def test_create_node_asks_verbose_first_even_without_leaf_index(monkeypatch) -> None:
-    patch_node_class(monkeypatch)
+def test_create_node_asks_verbose_first_even_without_leaf_index(impl, monkeypatch) -> None:
+    patch_node_class(impl, monkeypatch)
     events: List[Any] = []
 
-    class Layer(chunk_layer.ChunkLayer):
+    class Layer(impl.ChunkLayer):
         def _print_progress(self, *args: Any, **kwargs: Any) -> None:
             events.append(("progress", args))
 
     dm = RecordingDataManager()
     dm.verbose = RecordingVerbose(True, events)
-    layer = layer_with(dm, cls=Layer)
+    layer = layer_with(impl, dm, cls=Layer)
 
     layer._create_node(make_dataset(2), leaf_node_index=None)
     assert events == [("verbose >", 0)]
@@ -256,17 +256,17 @@ def test_create_node_asks_verbose_first_even_without_leaf_index(monkeypatch) -> 
     assert events[1:] == [("verbose >", 0), ("progress", (pytest.approx(0.0, abs=5.0), 3))]
 
 
-def test_create_node_does_not_report_when_verbose_comparison_is_false(monkeypatch) -> None:
-    patch_node_class(monkeypatch)
+def test_create_node_does_not_report_when_verbose_comparison_is_false(impl, monkeypatch) -> None:
+    patch_node_class(impl, monkeypatch)
     events: List[Any] = []
 
-    class Layer(chunk_layer.ChunkLayer):
+    class Layer(impl.ChunkLayer):
         def _print_progress(self, *args: Any, **kwargs: Any) -> None:
             events.append(("progress", args))
 
     dm = RecordingDataManager()
     dm.verbose = RecordingVerbose(0, events)
-    layer = layer_with(dm, cls=Layer)
+    layer = layer_with(impl, dm, cls=Layer)
 
     layer._create_node(make_dataset(2), leaf_node_index=2)
 
@@ -274,10 +274,10 @@ def test_create_node_does_not_report_when_verbose_comparison_is_false(monkeypatc
 
 
 @pytest.mark.parametrize("fail_in", ["init", "build"])
-def test_create_node_error_propagates_without_progress(monkeypatch, capsys, fail_in) -> None:
+def test_create_node_error_propagates_without_progress(impl, monkeypatch, capsys, fail_in) -> None:
     events: List[Any] = []
-    monkeypatch.setattr(chunk_layer, "ChunkNode", make_keyword_node_class(events, fail_in=fail_in))
-    layer = layer_with(RecordingDataManager(verbose=1))
+    monkeypatch.setattr(impl, "ChunkNode", make_keyword_node_class(events, fail_in=fail_in))
+    layer = layer_with(impl, RecordingDataManager(verbose=1))
 
     with pytest.raises(RuntimeError, match="failed"):
         layer._create_node(make_dataset(2), leaf_node_index=0)
@@ -290,14 +290,14 @@ def test_create_node_error_propagates_without_progress(monkeypatch, capsys, fail
 # ----------------------------------------------------------------------------------------------------
 
 
-def test_rebuild_node_constructs_with_the_four_keywords_and_returns_build_result(monkeypatch) -> None:
+def test_rebuild_node_constructs_with_the_four_keywords_and_returns_build_result(impl, monkeypatch) -> None:
     events: List[Any] = []
     built = object()
     node_cls = make_keyword_node_class(events, build_result=built)
-    monkeypatch.setattr(chunk_layer, "ChunkNode", node_cls)
+    monkeypatch.setattr(impl, "ChunkNode", node_cls)
     dm = RecordingDataManager()
-    params = (chunk_layer.ChunkSensitivitiesParams(),)
-    layer = layer_with(dm, params)
+    params = (impl.ChunkSensitivitiesParams(),)
+    layer = layer_with(impl, dm, params)
     dset = make_dataset(3)
 
     result = layer._rebuild_node(dset, "node-7")
@@ -310,15 +310,15 @@ def test_rebuild_node_constructs_with_the_four_keywords_and_returns_build_result
     assert events[0][2]["params"] is params and events[0][2]["data_manager"] is dm
 
 
-def test_rebuild_node_neither_times_nor_prints(monkeypatch, clock, printed, capsys) -> None:
-    patch_node_class(monkeypatch)
+def test_rebuild_node_neither_times_nor_prints(impl, monkeypatch, clock, printed, capsys) -> None:
+    patch_node_class(impl, monkeypatch)
     progress: List[Any] = []
 
-    class Layer(chunk_layer.ChunkLayer):
+    class Layer(impl.ChunkLayer):
         def _print_progress(self, *args: Any, **kwargs: Any) -> None:
             progress.append(args)
 
-    layer = layer_with(RecordingDataManager(verbose=5, n_instances=10), cls=Layer)
+    layer = layer_with(impl, RecordingDataManager(verbose=5, n_instances=10), cls=Layer)
     node = layer._rebuild_node(make_dataset(3), "n")
 
     assert node.node_id == "n" and node.built == 1
@@ -328,8 +328,8 @@ def test_rebuild_node_neither_times_nor_prints(monkeypatch, clock, printed, caps
     assert capsys.readouterr().out == ""
 
 
-def test_rebuild_node_requires_the_node_id() -> None:
-    layer = layer_with(RecordingDataManager())
+def test_rebuild_node_requires_the_node_id(impl) -> None:
+    layer = layer_with(impl, RecordingDataManager())
     with pytest.raises(TypeError):
         layer._rebuild_node(make_dataset(1))
 
@@ -339,8 +339,8 @@ def test_rebuild_node_requires_the_node_id() -> None:
 # ----------------------------------------------------------------------------------------------------
 
 
-def test_print_progress_prints_one_exact_line_with_a_fixed_clock(clock, printed) -> None:
-    layer = layer_with(RecordingDataManager(n_instances=None))
+def test_print_progress_prints_one_exact_line_with_a_fixed_clock(impl, clock, printed) -> None:
+    layer = layer_with(impl, RecordingDataManager(n_instances=None))
 
     result = layer._print_progress(0.003, 18)
 
@@ -352,8 +352,8 @@ def test_print_progress_prints_one_exact_line_with_a_fixed_clock(clock, printed)
     ]
 
 
-def test_print_progress_writes_the_line_to_standard_output(clock, capsys) -> None:
-    layer = layer_with(RecordingDataManager(n_instances=100))
+def test_print_progress_writes_the_line_to_standard_output(impl, clock, capsys) -> None:
+    layer = layer_with(impl, RecordingDataManager(n_instances=100))
     layer.build_params = {"chunk_size": 1}
 
     layer._print_progress(0.003, 18)
@@ -361,8 +361,8 @@ def test_print_progress_writes_the_line_to_standard_output(clock, capsys) -> Non
     assert capsys.readouterr().out == progress_line(19, "0.003", " out of 100 chunks") + "\n"
 
 
-def test_print_progress_numbers_chunks_from_one(clock, printed) -> None:
-    layer = layer_with(RecordingDataManager())
+def test_print_progress_numbers_chunks_from_one(impl, clock, printed) -> None:
+    layer = layer_with(impl, RecordingDataManager())
 
     layer._print_progress(1.0, 0)
 
@@ -372,8 +372,8 @@ def test_print_progress_numbers_chunks_from_one(clock, printed) -> None:
 
 
 @pytest.mark.parametrize("leaf", [0, 1, 2])
-def test_print_progress_shows_the_total_for_leaves_within_it(clock, printed, leaf) -> None:
-    layer = layer_with(RecordingDataManager(n_instances=1000))
+def test_print_progress_shows_the_total_for_leaves_within_it(impl, clock, printed, leaf) -> None:
+    layer = layer_with(impl, RecordingDataManager(n_instances=1000))
     layer.build_params = {"chunk_size": 300}
 
     layer._print_progress(0.5, leaf)
@@ -381,8 +381,8 @@ def test_print_progress_shows_the_total_for_leaves_within_it(clock, printed, lea
     assert printed.calls == [((progress_line(leaf + 1, "0.500", " out of 3 chunks"),), {})]
 
 
-def test_print_progress_shows_no_total_for_the_trailing_partial_chunk(clock, printed) -> None:
-    layer = layer_with(RecordingDataManager(n_instances=1000))
+def test_print_progress_shows_no_total_for_the_trailing_partial_chunk(impl, clock, printed) -> None:
+    layer = layer_with(impl, RecordingDataManager(n_instances=1000))
     layer.build_params = {"chunk_size": 300}
 
     layer._print_progress(0.5, 3)
@@ -390,8 +390,8 @@ def test_print_progress_shows_no_total_for_the_trailing_partial_chunk(clock, pri
     assert printed.calls == [((progress_line(4, "0.500"),), {})]
 
 
-def test_print_progress_total_uses_default_text_of_floor_quotient(clock, printed) -> None:
-    layer = layer_with(RecordingDataManager(n_instances=1000.0))
+def test_print_progress_total_uses_default_text_of_floor_quotient(impl, clock, printed) -> None:
+    layer = layer_with(impl, RecordingDataManager(n_instances=1000.0))
     layer.build_params = {"chunk_size": 300}
 
     layer._print_progress(0.5, 0)
@@ -399,7 +399,7 @@ def test_print_progress_total_uses_default_text_of_floor_quotient(clock, printed
     assert printed.calls == [((progress_line(1, "0.500", " out of 3.0 chunks"),), {})]
 
 
-def test_print_progress_without_total_does_not_consult_build_params(clock, printed) -> None:
+def test_print_progress_without_total_does_not_consult_build_params(impl, clock, printed) -> None:
     accessed: List[str] = []
 
     class Untouchable:
@@ -411,7 +411,7 @@ def test_print_progress_without_total_does_not_consult_build_params(clock, print
             accessed.append(f"[{key}]")
             raise AssertionError("build_params was indexed")
 
-    layer = layer_with(RecordingDataManager(n_instances=None))
+    layer = layer_with(impl, RecordingDataManager(n_instances=None))
     layer.build_params = Untouchable()
 
     layer._print_progress(0.25, 4)
@@ -421,8 +421,8 @@ def test_print_progress_without_total_does_not_consult_build_params(clock, print
 
 
 @pytest.mark.parametrize("build_params", [{}, {"chunk_size": 0}, {"other": 3}])
-def test_print_progress_without_positive_chunk_size_shows_no_total(clock, printed, build_params) -> None:
-    layer = layer_with(RecordingDataManager(n_instances=1000))
+def test_print_progress_without_positive_chunk_size_shows_no_total(impl, clock, printed, build_params):
+    layer = layer_with(impl, RecordingDataManager(n_instances=1000))
     layer.build_params = build_params
 
     layer._print_progress(0.25, 0)
@@ -430,8 +430,8 @@ def test_print_progress_without_positive_chunk_size_shows_no_total(clock, printe
     assert printed.calls == [((progress_line(1, "0.250"),), {})]
 
 
-def test_print_progress_with_total_known_but_no_build_params_fails(clock, printed) -> None:
-    layer = layer_with(RecordingDataManager(n_instances=1000))
+def test_print_progress_with_total_known_but_no_build_params_fails(impl, clock, printed) -> None:
+    layer = layer_with(impl, RecordingDataManager(n_instances=1000))
     assert layer.build_params is None
 
     with pytest.raises(AttributeError):
@@ -441,16 +441,16 @@ def test_print_progress_with_total_known_but_no_build_params_fails(clock, printe
 
 
 @pytest.mark.parametrize("seconds, text", [(0.0004, "0.000"), (12.3456, "12.346"), (2, "2.000")])
-def test_print_progress_formats_build_time_with_three_decimals(clock, printed, seconds, text) -> None:
-    layer = layer_with(RecordingDataManager())
+def test_print_progress_formats_build_time_with_three_decimals(impl, clock, printed, seconds, text) -> None:
+    layer = layer_with(impl, RecordingDataManager())
 
     layer._print_progress(seconds, 9)
 
     assert printed.calls == [((progress_line(10, text),), {})]
 
 
-def test_print_progress_colours_the_build_time_yellow(clock, printed) -> None:
-    layer = layer_with(RecordingDataManager())
+def test_print_progress_colours_the_build_time_yellow(impl, clock, printed) -> None:
+    layer = layer_with(impl, RecordingDataManager())
 
     layer._print_progress(0.1, 0)
 
@@ -466,10 +466,10 @@ def test_print_progress_colours_the_build_time_yellow(clock, printed) -> None:
 
 
 @pytest.mark.parametrize("empty_rows", [False, True])
-def test_create_buffer_node_without_buffer_returns_none_and_calls_nothing(monkeypatch, empty_rows) -> None:
-    node_cls = patch_node_class(monkeypatch)
+def test_create_buffer_node_without_buffer_returns_none_and_calls_nothing(impl, monkeypatch, empty_rows):
+    node_cls = patch_node_class(impl, monkeypatch)
     dm = RecordingDataManager()
-    layer = CreateNodeRecordingLayer(dm, None, 100, RecordingParent())
+    layer = subclass(impl.ChunkLayer, CreateNodeRecording)(dm, None, 100, RecordingParent())
     if empty_rows:
         layer.buffer = Dataset(np.arange(0), np.zeros((0, 3)))
     before = layer.buffer
@@ -484,9 +484,10 @@ def test_create_buffer_node_without_buffer_returns_none_and_calls_nothing(monkey
     assert layer.buffer is before
 
 
-def test_create_buffer_node_builds_from_a_fresh_record_over_the_same_fields(monkeypatch) -> None:
-    node_cls = patch_node_class(monkeypatch)
-    layer = CreateNodeRecordingLayer(RecordingDataManager(), None, 100, RecordingParent())
+def test_create_buffer_node_builds_from_a_fresh_record_over_the_same_fields(impl, monkeypatch) -> None:
+    node_cls = patch_node_class(impl, monkeypatch)
+    layer = subclass(impl.ChunkLayer, CreateNodeRecording)(RecordingDataManager(), None, 100,
+                                                           RecordingParent())
     layer.set_buffer(list(make_dataset(5, start=20, props=True, orig=True)))
     buffer = layer.buffer
 
@@ -501,31 +502,32 @@ def test_create_buffer_node_builds_from_a_fresh_record_over_the_same_fields(monk
         assert new_field is old_field
 
 
-def test_create_buffer_node_passes_the_buffer_id_positionally(monkeypatch) -> None:
-    patch_node_class(monkeypatch)
-    layer = CreateNodeRecordingLayer(RecordingDataManager(), None, 100, RecordingParent())
+def test_create_buffer_node_passes_the_buffer_id_positionally(impl, monkeypatch) -> None:
+    patch_node_class(impl, monkeypatch)
+    layer = subclass(impl.ChunkLayer, CreateNodeRecording)(RecordingDataManager(), None, 100,
+                                                           RecordingParent())
     layer.set_buffer(list(make_dataset(3)))
 
     node = layer.create_buffer_node()
 
     (args, kwargs), = layer.create_calls
     assert len(args) == 2 and kwargs == {}
-    assert args[1] == chunk_layer.BUFFER_NODE_ID == "buffer"
+    assert args[1] == impl.BUFFER_NODE_ID == "buffer"
     assert node.node_id == "buffer"
 
 
-def test_create_buffer_node_prints_no_progress(monkeypatch, capsys) -> None:
-    patch_node_class(monkeypatch)
-    layer = layer_with(RecordingDataManager(verbose=3, n_instances=10))
+def test_create_buffer_node_prints_no_progress(impl, monkeypatch, capsys) -> None:
+    patch_node_class(impl, monkeypatch)
+    layer = layer_with(impl, RecordingDataManager(verbose=3, n_instances=10))
     layer.set_buffer(list(make_dataset(3)))
 
     assert layer.create_buffer_node() is not None
     assert capsys.readouterr().out == ""
 
 
-def test_create_buffer_node_calls_the_callback_once_with_node_and_none(monkeypatch) -> None:
-    patch_node_class(monkeypatch)
-    layer = layer_with(RecordingDataManager())
+def test_create_buffer_node_calls_the_callback_once_with_node_and_none(impl, monkeypatch) -> None:
+    patch_node_class(impl, monkeypatch)
+    layer = layer_with(impl, RecordingDataManager())
     layer.set_buffer(list(make_dataset(3)))
     callback = CallRecorder(result="ignored")
 
@@ -534,9 +536,9 @@ def test_create_buffer_node_calls_the_callback_once_with_node_and_none(monkeypat
     assert callback.calls == [((node, None), {})]
 
 
-def test_create_buffer_node_does_not_call_a_falsy_callback(monkeypatch) -> None:
-    node_cls = patch_node_class(monkeypatch)
-    layer = layer_with(RecordingDataManager())
+def test_create_buffer_node_does_not_call_a_falsy_callback(impl, monkeypatch) -> None:
+    node_cls = patch_node_class(impl, monkeypatch)
+    layer = layer_with(impl, RecordingDataManager())
     layer.set_buffer(list(make_dataset(3)))
     callback = FalsyCallable()
 
@@ -546,9 +548,9 @@ def test_create_buffer_node_does_not_call_a_falsy_callback(monkeypatch) -> None:
     assert callback.calls == []
 
 
-def test_create_buffer_node_leaves_the_buffer_in_place(monkeypatch) -> None:
-    patch_node_class(monkeypatch)
-    layer = layer_with(RecordingDataManager())
+def test_create_buffer_node_leaves_the_buffer_in_place(impl, monkeypatch) -> None:
+    patch_node_class(impl, monkeypatch)
+    layer = layer_with(impl, RecordingDataManager())
     layer.set_buffer(list(make_dataset(4, start=10)))
     buffer = layer.buffer
 
@@ -559,9 +561,9 @@ def test_create_buffer_node_leaves_the_buffer_in_place(monkeypatch) -> None:
     assert layer.get_buffer_size() == 4
 
 
-def test_create_buffer_node_callback_error_propagates_after_the_build(monkeypatch) -> None:
-    node_cls = patch_node_class(monkeypatch)
-    layer = layer_with(RecordingDataManager())
+def test_create_buffer_node_callback_error_propagates_after_the_build(impl, monkeypatch) -> None:
+    node_cls = patch_node_class(impl, monkeypatch)
+    layer = layer_with(impl, RecordingDataManager())
     layer.set_buffer(list(make_dataset(3)))
     callback = CallRecorder(error=KeyError("from callback"))
 

@@ -19,9 +19,9 @@ from chunk_support import (
     make_dataset,
     patch_node_class,
     rows_of,
+    subclass,
 )
 from quillmarsh.core.numpy_extra import filter_missing_and_inf
-from quillmarsh.core.tree import chunk_layer
 from quillmarsh.data.common import Dataset
 
 # ----------------------------------------------------------------------------------------------------
@@ -29,8 +29,8 @@ from quillmarsh.data.common import Dataset
 # ----------------------------------------------------------------------------------------------------
 
 
-class RecordingLayer(chunk_layer.ChunkLayer):
-    """Records the calls that `process` makes on the layer's own methods."""
+class Recording:
+    """Mixed into a layer class: records the calls that `process` makes on the layer's own methods."""
 
     def __init__(self, *args: Any, **kwargs: Any) -> None:
         super().__init__(*args, **kwargs)
@@ -56,13 +56,14 @@ class RecordingLayer(chunk_layer.ChunkLayer):
         return [(args, kwargs) for event, args, kwargs in self.events if event == name]
 
 
-def make_layer(chunk_size: Any = 100, n_jobs: Any = None, cls: type = RecordingLayer, **kwargs: Any):
+def make_layer(impl, chunk_size: Any = 100, n_jobs: Any = None, cls: Any = None, **kwargs: Any):
     dm = RecordingDataManager(n_jobs=n_jobs)
     parent = RecordingParent()
+    cls = cls or subclass(impl.ChunkLayer, Recording)
     return cls(dm, None, chunk_size, parent, **kwargs)
 
 
-def snapshots(layer: chunk_layer.ChunkLayer, dsets: List[Any], taken: List[Any]) -> Iterator[Any]:
+def snapshots(layer: Any, dsets: List[Any], taken: List[Any]) -> Iterator[Any]:
     """Yields the datasets one by one; records `build_params` whenever the next dataset is asked for."""
     for dset in dsets:
         yield dset
@@ -79,9 +80,9 @@ def simple_dataset(rows: int = 10, start: int = 0) -> Dataset:
 # ----------------------------------------------------------------------------------------------------
 
 
-def test_nothing_runs_before_the_first_next(monkeypatch) -> None:
-    node_cls = patch_node_class(monkeypatch)
-    layer = make_layer()
+def test_nothing_runs_before_the_first_next(impl, monkeypatch) -> None:
+    node_cls = patch_node_class(impl, monkeypatch)
+    layer = make_layer(impl)
     touched: List[str] = []
 
     class Datasets:
@@ -99,8 +100,8 @@ def test_nothing_runs_before_the_first_next(monkeypatch) -> None:
     gen.close()
 
 
-def test_default_datasets_fail_at_the_first_next() -> None:
-    layer = make_layer()
+def test_default_datasets_fail_at_the_first_next(impl) -> None:
+    layer = make_layer(impl)
 
     gen = layer.process()
     gen_none = layer.process(None)
@@ -112,9 +113,9 @@ def test_default_datasets_fail_at_the_first_next() -> None:
     assert layer.build_params is None and layer.events == []
 
 
-def test_two_datasets_of_sixty_and_seventy_rows(monkeypatch) -> None:
-    node_cls = patch_node_class(monkeypatch)
-    layer = make_layer(chunk_size=100)
+def test_two_datasets_of_sixty_and_seventy_rows(impl, monkeypatch) -> None:
+    node_cls = patch_node_class(impl, monkeypatch)
+    layer = make_layer(impl, chunk_size=100)
     taken: List[Any] = []
 
     items = list(layer.process(snapshots(layer, [make_dataset(60), make_dataset(70, start=60)], taken)))
@@ -130,9 +131,9 @@ def test_two_datasets_of_sixty_and_seventy_rows(monkeypatch) -> None:
     assert layer.parent.calls == 2
 
 
-def test_items_are_yielded_as_the_drain_produces_them(monkeypatch) -> None:
-    node_cls = patch_node_class(monkeypatch)
-    layer = make_layer(chunk_size=100)
+def test_items_are_yielded_as_the_drain_produces_them(impl, monkeypatch) -> None:
+    node_cls = patch_node_class(impl, monkeypatch)
+    layer = make_layer(impl, chunk_size=100)
     gen = layer.process([make_dataset(60), make_dataset(70, start=60)])
 
     first = next(gen)
@@ -148,8 +149,8 @@ def test_items_are_yielded_as_the_drain_produces_them(monkeypatch) -> None:
 # ----------------------------------------------------------------------------------------------------
 
 
-def test_build_params_has_the_seven_keys_in_order() -> None:
-    layer = make_layer(chunk_size=None)
+def test_build_params_has_the_seven_keys_in_order(impl) -> None:
+    layer = make_layer(impl, chunk_size=None)
 
     list(layer.process([simple_dataset(10)], create_buffer=False))
 
@@ -169,8 +170,8 @@ def test_build_params_has_the_seven_keys_in_order() -> None:
     assert type(params["size_MB"]) is str
 
 
-def test_byte_sizes_accumulate_over_the_call() -> None:
-    layer = make_layer(chunk_size=None)
+def test_byte_sizes_accumulate_over_the_call(impl) -> None:
+    layer = make_layer(impl, chunk_size=None)
     taken: List[Any] = []
 
     list(layer.process(snapshots(layer, [simple_dataset(10), simple_dataset(10, 10)], taken),
@@ -180,8 +181,8 @@ def test_byte_sizes_accumulate_over_the_call() -> None:
     assert [p["size_MB"] for p in taken] == [str(400 / 1048576), str(800 / 1048576)]
 
 
-def test_size_counts_every_field_with_its_own_item_size() -> None:
-    layer = make_layer(chunk_size=None)
+def test_size_counts_every_field_with_its_own_item_size(impl) -> None:
+    layer = make_layer(impl, chunk_size=None)
     rows = 4
     dset = Dataset(
         np.arange(rows, dtype=np.int32),
@@ -197,8 +198,8 @@ def test_size_counts_every_field_with_its_own_item_size() -> None:
     assert layer.build_params["size_bytes"] == 16 + 32 + 8 + 4 + 160
 
 
-def test_size_mb_is_the_text_of_the_quotient() -> None:
-    layer = make_layer(chunk_size=None)
+def test_size_mb_is_the_text_of_the_quotient(impl) -> None:
+    layer = make_layer(impl, chunk_size=None)
     rows = 1572864 // 8
     dset = Dataset(np.arange(rows, dtype=np.int64), np.zeros((rows, 0)))
 
@@ -207,8 +208,8 @@ def test_size_mb_is_the_text_of_the_quotient() -> None:
     assert layer.build_params["size_MB"] == "1.5"
 
 
-def test_zero_bytes_give_zero_megabytes_as_text() -> None:
-    layer = make_layer(chunk_size=None)
+def test_zero_bytes_give_zero_megabytes_as_text(impl) -> None:
+    layer = make_layer(impl, chunk_size=None)
     dset = Dataset(np.arange(0, dtype=np.int64), np.zeros((0, 2)))
 
     list(layer.process([dset], create_buffer=False))
@@ -216,8 +217,8 @@ def test_zero_bytes_give_zero_megabytes_as_text() -> None:
     assert layer.build_params["size_bytes"] == 0 and layer.build_params["size_MB"] == "0.0"
 
 
-def test_number_of_features_follows_the_latest_dataset() -> None:
-    layer = make_layer(chunk_size=None)
+def test_number_of_features_follows_the_latest_dataset(impl) -> None:
+    layer = make_layer(impl, chunk_size=None)
     taken: List[Any] = []
     first = make_dataset(3, features=4)
     second = Dataset(np.arange(3, 5), np.ones((2, 4)))
@@ -227,9 +228,9 @@ def test_number_of_features_follows_the_latest_dataset() -> None:
     assert [p["number_of_features"] for p in taken] == [4, 4]
 
 
-def test_orig_columns_are_kept_until_another_orig_arrives(monkeypatch) -> None:
-    patch_node_class(monkeypatch)
-    layer = make_layer(chunk_size=0)
+def test_orig_columns_are_kept_until_another_orig_arrives(impl, monkeypatch) -> None:
+    patch_node_class(impl, monkeypatch)
+    layer = make_layer(impl, chunk_size=0)
     taken: List[Any] = []
     plain = make_dataset(2)
     with_orig = make_dataset(2, start=2)._replace(orig=np.ones((2, 5)))
@@ -242,8 +243,8 @@ def test_orig_columns_are_kept_until_another_orig_arrives(monkeypatch) -> None:
     assert [p["number_of_features_orig"] for p in taken] == [0, 5, 5, 2]
 
 
-def test_number_of_samples_is_the_length_of_ind() -> None:
-    layer = make_layer(chunk_size=None)
+def test_number_of_samples_is_the_length_of_ind(impl) -> None:
+    layer = make_layer(impl, chunk_size=None)
     taken: List[Any] = []
 
     list(layer.process(snapshots(layer, [make_dataset(7), make_dataset(5, start=7)], taken),
@@ -252,8 +253,8 @@ def test_number_of_samples_is_the_length_of_ind() -> None:
     assert [p["number_of_samples"] for p in taken] == [7, 12]
 
 
-def test_chunk_size_is_read_when_the_statistics_are_published() -> None:
-    layer = make_layer(chunk_size=None)
+def test_chunk_size_is_read_when_the_statistics_are_published(impl) -> None:
+    layer = make_layer(impl, chunk_size=None)
     taken: List[Any] = []
 
     def datasets() -> Iterator[Any]:
@@ -269,8 +270,8 @@ def test_chunk_size_is_read_when_the_statistics_are_published() -> None:
     assert taken[0] is not taken[1]
 
 
-def test_statistics_start_afresh_on_every_call() -> None:
-    layer = make_layer(chunk_size=None)
+def test_statistics_start_afresh_on_every_call(impl) -> None:
+    layer = make_layer(impl, chunk_size=None)
 
     list(layer.process([simple_dataset(10)], create_buffer=False))
     list(layer.process([simple_dataset(4, 10)], create_buffer=False))
@@ -285,8 +286,8 @@ def targets(values: List[float]) -> Dataset:
     return Dataset(np.arange(rows), np.zeros((rows, 2)), np.array(values, dtype=float))
 
 
-def test_classification_counts_distinct_finite_targets() -> None:
-    layer = make_layer(chunk_size=None)
+def test_classification_counts_distinct_finite_targets(impl) -> None:
+    layer = make_layer(impl, chunk_size=None)
     taken: List[Any] = []
 
     list(layer.process(snapshots(layer, [targets([1, 0, 1, np.nan]), targets([2, 1])], taken),
@@ -295,10 +296,10 @@ def test_classification_counts_distinct_finite_targets() -> None:
     assert [p["targets_unique_count"] for p in taken] == [2, 3]
 
 
-def test_regression_does_not_count_targets(monkeypatch) -> None:
+def test_regression_does_not_count_targets(impl, monkeypatch) -> None:
     recorder = CallRecorder()
-    monkeypatch.setattr(chunk_layer, "filter_missing_and_inf", recorder)
-    layer = make_layer(chunk_size=None)
+    monkeypatch.setattr(impl, "filter_missing_and_inf", recorder)
+    layer = make_layer(impl, chunk_size=None)
     taken: List[Any] = []
 
     list(layer.process(snapshots(layer, [targets([1, 0, 1, np.nan]), targets([2, 1])], taken),
@@ -308,7 +309,7 @@ def test_regression_does_not_count_targets(monkeypatch) -> None:
     assert recorder.calls == []
 
 
-def test_targets_are_filtered_then_made_unique(monkeypatch) -> None:
+def test_targets_are_filtered_then_made_unique(impl, monkeypatch) -> None:
     events: List[Any] = []
 
     def recording_filter(*args: Any, **kwargs: Any) -> Any:
@@ -325,9 +326,9 @@ def test_targets_are_filtered_then_made_unique(monkeypatch) -> None:
             events.append(("unique", args, kwargs, result))
             return result
 
-    monkeypatch.setattr(chunk_layer, "filter_missing_and_inf", recording_filter)
-    monkeypatch.setattr(chunk_layer, "np", Proxy())
-    layer = make_layer(chunk_size=None)
+    monkeypatch.setattr(impl, "filter_missing_and_inf", recording_filter)
+    monkeypatch.setattr(impl, "np", Proxy())
+    layer = make_layer(impl, chunk_size=None)
 
     list(layer.process([targets([1, 0, 1, np.nan]), targets([2, 1])], create_buffer=False,
                        is_classification=True))
@@ -342,10 +343,10 @@ def test_targets_are_filtered_then_made_unique(monkeypatch) -> None:
     assert layer.build_params["targets_unique_count"] == 3
 
 
-def test_classification_skips_datasets_without_targets(monkeypatch) -> None:
+def test_classification_skips_datasets_without_targets(impl, monkeypatch) -> None:
     recorder = CallRecorder(result=np.array([]))
-    monkeypatch.setattr(chunk_layer, "filter_missing_and_inf", recorder)
-    layer = make_layer(chunk_size=None)
+    monkeypatch.setattr(impl, "filter_missing_and_inf", recorder)
+    layer = make_layer(impl, chunk_size=None)
 
     list(layer.process([make_dataset(3, y=False)], create_buffer=False, is_classification=True))
 
@@ -358,8 +359,8 @@ def test_classification_skips_datasets_without_targets(monkeypatch) -> None:
 # ----------------------------------------------------------------------------------------------------
 
 
-def test_each_item_becomes_a_new_dataset_record() -> None:
-    layer = make_layer(chunk_size=None)
+def test_each_item_becomes_a_new_dataset_record(impl) -> None:
+    layer = make_layer(impl, chunk_size=None)
     record = make_dataset(3, props=True)
     as_list = list(make_dataset(2, start=3))
 
@@ -375,9 +376,9 @@ def test_each_item_becomes_a_new_dataset_record() -> None:
     assert rows_of(layer.buffer) == [0, 1, 2, 3, 4]
 
 
-def test_drain_is_called_with_the_callback_positionally(monkeypatch) -> None:
-    patch_node_class(monkeypatch)
-    layer = make_layer(chunk_size=100)
+def test_drain_is_called_with_the_callback_positionally(impl, monkeypatch) -> None:
+    patch_node_class(impl, monkeypatch)
+    layer = make_layer(impl, chunk_size=100)
     callback = CallRecorder()
 
     list(layer.process([make_dataset(50), make_dataset(60, start=50)], create_buffer=False,
@@ -388,15 +389,15 @@ def test_drain_is_called_with_the_callback_positionally(monkeypatch) -> None:
     assert order == ["_add_to_buffer", "_get_from_buffer", "_add_to_buffer", "_get_from_buffer"]
 
 
-def test_build_params_are_in_place_before_the_drain_builds() -> None:
+def test_build_params_are_in_place_before_the_drain_builds(impl) -> None:
     seen: List[Any] = []
 
-    class Layer(chunk_layer.ChunkLayer):
+    class Layer(impl.ChunkLayer):
         def _get_from_buffer(self, *args: Any) -> Iterator[Any]:
             seen.append(self.build_params)
             return iter(())
 
-    layer = make_layer(chunk_size=100, cls=Layer)
+    layer = make_layer(impl, chunk_size=100, cls=Layer)
 
     list(layer.process([make_dataset(50), make_dataset(60, start=50)], create_buffer=False))
 
@@ -431,17 +432,17 @@ class RecordingDrain:
         self.events.append("close")
 
 
-def drain_layer(events: List[str], items: List[Any]) -> chunk_layer.ChunkLayer:
-    class Layer(chunk_layer.ChunkLayer):
+def drain_layer(impl, events: List[str], items: List[Any]) -> Any:
+    class Layer(impl.ChunkLayer):
         def _get_from_buffer(self, *args: Any) -> RecordingDrain:
             return RecordingDrain(items, events)
 
-    return make_layer(chunk_size=None, cls=Layer)
+    return make_layer(impl, chunk_size=None, cls=Layer)
 
 
-def test_values_sent_into_process_are_not_passed_to_the_drain() -> None:
+def test_values_sent_into_process_are_not_passed_to_the_drain(impl) -> None:
     events: List[str] = []
-    layer = drain_layer(events, ["a", "b", "c"])
+    layer = drain_layer(impl, events, ["a", "b", "c"])
     gen = layer.process([make_dataset(2)], create_buffer=False)
 
     assert next(gen) == "a"
@@ -454,9 +455,9 @@ def test_values_sent_into_process_are_not_passed_to_the_drain() -> None:
     assert events == ["next", "next", "next", "next"]
 
 
-def test_exceptions_thrown_into_process_are_not_passed_to_the_drain() -> None:
+def test_exceptions_thrown_into_process_are_not_passed_to_the_drain(impl) -> None:
     events: List[str] = []
-    layer = drain_layer(events, ["a", "b"])
+    layer = drain_layer(impl, events, ["a", "b"])
     gen = layer.process([make_dataset(2)], create_buffer=False)
 
     assert next(gen) == "a"
@@ -471,24 +472,24 @@ def test_exceptions_thrown_into_process_are_not_passed_to_the_drain() -> None:
 # ----------------------------------------------------------------------------------------------------
 
 
-def test_buffer_node_ends_the_run_when_rows_remain(monkeypatch) -> None:
-    node_cls = patch_node_class(monkeypatch)
-    layer = make_layer(chunk_size=100)
+def test_buffer_node_ends_the_run_when_rows_remain(impl, monkeypatch) -> None:
+    node_cls = patch_node_class(impl, monkeypatch)
+    layer = make_layer(impl, chunk_size=100)
     callback = CallRecorder()
 
     items = list(layer.process([make_dataset(130)], after_create_leaf_node=callback))
 
     assert len(items) == 2 and items[-1] is node_cls.instances[-1]
-    assert items[-1].node_id == chunk_layer.BUFFER_NODE_ID
+    assert items[-1].node_id == impl.BUFFER_NODE_ID
     assert rows_of(items[-1].dset) == list(range(100, 130))
     assert layer.named("create_buffer_node") == [((callback,), {})]
     assert callback.calls == [((items[0], None), {}), ((items[1], None), {})]
     assert rows_of(layer.buffer) == list(range(100, 130))
 
 
-def test_no_buffer_node_when_every_row_was_cut(monkeypatch) -> None:
-    node_cls = patch_node_class(monkeypatch)
-    layer = make_layer(chunk_size=100)
+def test_no_buffer_node_when_every_row_was_cut(impl, monkeypatch) -> None:
+    node_cls = patch_node_class(impl, monkeypatch)
+    layer = make_layer(impl, chunk_size=100)
 
     items = list(layer.process([make_dataset(200)]))
 
@@ -498,9 +499,9 @@ def test_no_buffer_node_when_every_row_was_cut(monkeypatch) -> None:
 
 
 @pytest.mark.parametrize("create_buffer", [False, 0, ""])
-def test_no_buffer_node_without_create_buffer(monkeypatch, create_buffer) -> None:
-    node_cls = patch_node_class(monkeypatch)
-    layer = make_layer(chunk_size=100)
+def test_no_buffer_node_without_create_buffer(impl, monkeypatch, create_buffer) -> None:
+    node_cls = patch_node_class(impl, monkeypatch)
+    layer = make_layer(impl, chunk_size=100)
 
     items = list(layer.process([make_dataset(130)], create_buffer=create_buffer))
 
@@ -510,9 +511,9 @@ def test_no_buffer_node_without_create_buffer(monkeypatch, create_buffer) -> Non
     assert rows_of(layer.buffer) == list(range(100, 130))
 
 
-def test_create_buffer_false_does_not_ask_for_a_buffer(monkeypatch) -> None:
-    node_cls = patch_node_class(monkeypatch)
-    layer = make_layer(chunk_size=100)
+def test_create_buffer_false_does_not_ask_for_a_buffer(impl, monkeypatch) -> None:
+    node_cls = patch_node_class(impl, monkeypatch)
+    layer = make_layer(impl, chunk_size=100)
     layer.set_buffer(list(make_dataset(30)))
     asked: List[str] = []
 
@@ -528,9 +529,9 @@ def test_create_buffer_false_does_not_ask_for_a_buffer(monkeypatch) -> None:
     assert node_cls.instances == []
 
 
-def test_empty_datasets_with_a_buffer_yield_only_the_buffer_node(monkeypatch) -> None:
-    node_cls = patch_node_class(monkeypatch)
-    layer = make_layer(chunk_size=100)
+def test_empty_datasets_with_a_buffer_yield_only_the_buffer_node(impl, monkeypatch) -> None:
+    node_cls = patch_node_class(impl, monkeypatch)
+    layer = make_layer(impl, chunk_size=100)
     layer.set_buffer(list(make_dataset(30)))
     previous = {"kept": True}
     layer.build_params = previous
@@ -542,17 +543,17 @@ def test_empty_datasets_with_a_buffer_yield_only_the_buffer_node(monkeypatch) ->
     assert layer.build_params is previous and previous == {"kept": True}
 
 
-def test_empty_datasets_without_a_buffer_yield_nothing(monkeypatch) -> None:
-    node_cls = patch_node_class(monkeypatch)
-    layer = make_layer(chunk_size=100)
+def test_empty_datasets_without_a_buffer_yield_nothing(impl, monkeypatch) -> None:
+    node_cls = patch_node_class(impl, monkeypatch)
+    layer = make_layer(impl, chunk_size=100)
 
     assert list(layer.process([])) == []
     assert node_cls.instances == [] and layer.build_params is None
 
 
-def test_chunk_size_none_gives_only_the_buffer_node(monkeypatch) -> None:
-    node_cls = patch_node_class(monkeypatch)
-    layer = make_layer(chunk_size=None)
+def test_chunk_size_none_gives_only_the_buffer_node(impl, monkeypatch) -> None:
+    node_cls = patch_node_class(impl, monkeypatch)
+    layer = make_layer(impl, chunk_size=None)
 
     items = list(layer.process([make_dataset(150), make_dataset(170, start=150), make_dataset(5, start=320)]))
 
@@ -567,9 +568,9 @@ def test_chunk_size_none_gives_only_the_buffer_node(monkeypatch) -> None:
 # ----------------------------------------------------------------------------------------------------
 
 
-def test_abandoning_early_keeps_the_finished_steps(monkeypatch) -> None:
-    node_cls = patch_node_class(monkeypatch)
-    layer = make_layer(chunk_size=100, chunk_index=2)
+def test_abandoning_early_keeps_the_finished_steps(impl, monkeypatch) -> None:
+    node_cls = patch_node_class(impl, monkeypatch)
+    layer = make_layer(impl, chunk_size=100, chunk_index=2)
     pulled: List[int] = []
 
     def datasets() -> Iterator[Any]:
@@ -589,8 +590,8 @@ def test_abandoning_early_keeps_the_finished_steps(monkeypatch) -> None:
     assert pulled == [1]
 
 
-def test_failure_keeps_the_finished_steps() -> None:
-    layer = make_layer(chunk_size=None)
+def test_failure_keeps_the_finished_steps(impl) -> None:
+    layer = make_layer(impl, chunk_size=None)
     bad = Dataset(np.arange(3), np.ones(3))
 
     gen = layer.process([make_dataset(4), bad, make_dataset(2, start=10)])
@@ -602,8 +603,8 @@ def test_failure_keeps_the_finished_steps() -> None:
     assert list(gen) == []
 
 
-def test_a_field_without_a_size_fails_with_attribute_error() -> None:
-    layer = make_layer(chunk_size=None)
+def test_a_field_without_a_size_fails_with_attribute_error(impl) -> None:
+    layer = make_layer(impl, chunk_size=None)
     frame = pd.DataFrame(np.ones((3, 2)))
 
     with pytest.raises(AttributeError):
@@ -615,13 +616,12 @@ def test_a_field_without_a_size_fails_with_attribute_error() -> None:
 # ----------------------------------------------------------------------------------------------------
 
 
-
-def test_parallel_processing_with_the_shared_pool(monkeypatch, real_pool) -> None:
-    node_cls = patch_node_class(monkeypatch)
+def test_parallel_processing_with_the_shared_pool(impl, monkeypatch, real_pool) -> None:
+    node_cls = patch_node_class(impl, monkeypatch)
     callback = ThreadRecordingCallback()
     seen = callback.seen
 
-    layer = make_layer(chunk_size=50, n_jobs=2, cls=chunk_layer.ChunkLayer)
+    layer = make_layer(impl, chunk_size=50, n_jobs=2, cls=impl.ChunkLayer)
 
     items = list(layer.process([make_dataset(130), make_dataset(80, start=130)],
                                after_create_leaf_node=callback))

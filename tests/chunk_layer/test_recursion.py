@@ -13,6 +13,9 @@ from quillmarsh.core.tree.chunk_layer import ChunkLayer
 
 from chunk_support import RecordingDataManager, RecordingParent, make_dataset
 
+# About the recursion accounting of compiled code: run against the compiled module alone.
+pytestmark = pytest.mark.compiled_only
+
 
 def make_layer(cls: type = ChunkLayer) -> Any:
     return cls(RecordingDataManager(), [], 4, RecordingParent())

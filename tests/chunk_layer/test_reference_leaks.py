@@ -15,6 +15,9 @@ from chunk_support import RecordingParent, make_dataset
 from quillmarsh.core.tree import chunk_layer
 from quillmarsh.data.common import Dataset
 
+# About the reference counts kept by compiled code: run against the compiled module alone.
+pytestmark = pytest.mark.compiled_only
+
 CALLS = 10_000
 
 

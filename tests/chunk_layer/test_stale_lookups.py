@@ -6,28 +6,26 @@ from __future__ import annotations
 from typing import Any, List
 
 import pytest
-from quillmarsh.core.tree.chunk_layer import ChunkLayer
 
 from chunk_support import InertNode, RecordingDataManager, RecordingParent, make_dataset, rows_of
-from quillmarsh.core.tree import chunk_layer
 
 
-def make_layer(cls: type = ChunkLayer, chunk_size: int = 4) -> Any:
-    return cls(RecordingDataManager(), [], chunk_size, RecordingParent())
+def make_layer(impl, cls: Any = None, chunk_size: int = 4) -> Any:
+    return (cls or impl.ChunkLayer)(RecordingDataManager(), [], chunk_size, RecordingParent())
 
 
 @pytest.fixture(autouse=True)
-def cheap_nodes(monkeypatch) -> None:
-    monkeypatch.setattr(chunk_layer, "ChunkNode", InertNode)
+def cheap_nodes(impl, monkeypatch) -> None:
+    monkeypatch.setattr(impl, "ChunkNode", InertNode)
 
 
 @pytest.mark.parametrize("write", ["setattr", "vars", "replaced dict", "dict update"])
-def test_every_way_of_writing_an_attribute_is_seen_by_the_next_read(write: str) -> None:
-    layer = make_layer()
+def test_every_way_of_writing_an_attribute_is_seen_by_the_next_read(impl, write: str) -> None:
+    layer = make_layer(impl)
     layer.set_buffer(make_dataset(3))
     assert layer.get_buffer_size() == 3
     for rows in (5, 2, 7):
-        new = chunk_layer.Dataset(*make_dataset(rows))
+        new = impl.Dataset(*make_dataset(rows))
         if write == "setattr":
             layer.buffer = new
         elif write == "vars":
@@ -40,46 +38,46 @@ def test_every_way_of_writing_an_attribute_is_seen_by_the_next_read(write: str) 
         assert layer.has_buffer()
 
 
-def test_class_assignment_is_seen_by_the_next_call() -> None:
-    class Empty(ChunkLayer):
+def test_class_assignment_is_seen_by_the_next_call(impl) -> None:
+    class Empty(impl.ChunkLayer):
         def has_buffer(self) -> bool:
             return False
 
-    layer = make_layer()
+    layer = make_layer(impl)
     layer.set_buffer(make_dataset(3))
     assert layer.get_buffer_size() == 3
     layer.__class__ = Empty
     assert layer.get_buffer_size() == 0
-    layer.__class__ = ChunkLayer
+    layer.__class__ = impl.ChunkLayer
     assert layer.get_buffer_size() == 3
 
 
-def test_a_finalizer_that_writes_during_a_write_is_seen() -> None:
-    layer = make_layer()
+def test_a_finalizer_that_writes_during_a_write_is_seen(impl) -> None:
+    layer = make_layer(impl)
 
     class Rewriter:
         def __del__(self) -> None:
-            layer.buffer = chunk_layer.Dataset(*make_dataset(9))
+            layer.buffer = impl.Dataset(*make_dataset(9))
 
     layer.buffer = Rewriter()
     layer.set_buffer(make_dataset(2))  # dropping the Rewriter replaces the new buffer again
     assert layer.get_buffer_size() == 9
 
 
-def test_many_layers_made_and_freed_never_see_each_others_values() -> None:
+def test_many_layers_made_and_freed_never_see_each_others_values(impl) -> None:
     # Freed at once by reference counting, so the next layer and its dict often take the old addresses.
     for rows in range(1, 300):
-        layer = make_layer()
+        layer = make_layer(impl)
         layer.set_buffer(make_dataset(rows))
         assert layer.get_buffer_size() == rows
         del layer
 
 
-def test_class_patched_while_a_drain_is_suspended(monkeypatch) -> None:
-    class Layer(ChunkLayer):
+def test_class_patched_while_a_drain_is_suspended(impl, monkeypatch) -> None:
+    class Layer(impl.ChunkLayer):
         pass
 
-    layer = make_layer(Layer, chunk_size=2)
+    layer = make_layer(impl, Layer, chunk_size=2)
     layer.set_buffer(make_dataset(8))
     drain = layer._get_from_buffer()
     assert rows_of(next(drain).dset) == [0, 1]
@@ -115,8 +113,8 @@ class ProbeKey(str):
         return False
 
 
-def test_a_dict_replaced_while_it_is_probed_is_not_read_after_it_is_freed() -> None:
-    layer = make_layer()
+def test_a_dict_replaced_while_it_is_probed_is_not_read_after_it_is_freed(impl) -> None:
+    layer = make_layer(impl)
     layer.set_buffer(make_dataset(3))
 
     def replace_dict() -> None:
@@ -129,12 +127,12 @@ def test_a_dict_replaced_while_it_is_probed_is_not_read_after_it_is_freed() -> N
     assert layer.get_buffer_size() == 3
 
 
-def test_a_method_deleted_between_its_look_up_and_its_call_is_still_called_safely() -> None:
-    class Layer(ChunkLayer):
+def test_a_method_deleted_between_its_look_up_and_its_call_is_still_called_safely(impl) -> None:
+    class Layer(impl.ChunkLayer):
         def has_buffer(self) -> bool:
-            return ChunkLayer.has_buffer(self)
+            return impl.ChunkLayer.has_buffer(self)
 
-    layer = make_layer(Layer)
+    layer = make_layer(impl, Layer)
     layer.set_buffer(make_dataset(3))
 
     def delete_method() -> None:
@@ -156,14 +154,14 @@ class Provided:
         return self.value
 
 
-def test_a_descriptor_whose_type_gains_set_takes_over_the_attribute() -> None:
-    class Layer(ChunkLayer):
+def test_a_descriptor_whose_type_gains_set_takes_over_the_attribute(impl) -> None:
+    class Layer(impl.ChunkLayer):
         buffer = Provided()
 
-    layer = make_layer(Layer)  # __init__ writes buffer into the instance dict: no __set__ yet
+    layer = make_layer(impl, Layer)  # __init__ writes buffer into the instance dict: no __set__ yet
     assert layer.has_buffer() is False
     layer.__dict__["buffer"] = None
-    Layer.__dict__["buffer"].value = chunk_layer.Dataset(*make_dataset(4))
+    Layer.__dict__["buffer"].value = impl.Dataset(*make_dataset(4))
 
     def store(descriptor: Provided, instance: Any, value: Any) -> None:
         descriptor.value = value
@@ -179,15 +177,15 @@ def test_a_descriptor_whose_type_gains_set_takes_over_the_attribute() -> None:
         del Provided.__set__
 
 
-def test_a_class_changed_while_its_attributes_are_judged_is_read_afresh() -> None:
-    class Layer(ChunkLayer):
+def test_a_class_changed_while_its_attributes_are_judged_is_read_afresh(impl) -> None:
+    class Layer(impl.ChunkLayer):
         pass
 
-    layer = make_layer(Layer)
+    layer = make_layer(impl, Layer)
     layer.set_buffer(make_dataset(3))
 
     def add_property() -> None:
-        Layer.buffer = property(lambda self: chunk_layer.Dataset(*make_dataset(6)))
+        Layer.buffer = property(lambda self: impl.Dataset(*make_dataset(6)))
 
     layer.__dict__[ProbeKey("buffer", add_property)] = None
     layer.get_buffer_size()

@@ -18,6 +18,9 @@ from chunk_support import BUILD_PARAM_KEYS, RecordingDataManager, RecordingParen
 from quillmarsh.core.tree import chunk_layer
 from quillmarsh.data.common import Dataset
 
+# About the compiled module's conservation of rows over long random streams: run against it alone.
+pytestmark = pytest.mark.compiled_only
+
 PROPERTY = settings(max_examples=150, deadline=None, suppress_health_check=[HealthCheck.too_slow])
 
 CHUNK_SIZES = st.one_of(st.none(), st.just(0), st.just(1), st.integers(min_value=2, max_value=6))
@@ -327,7 +330,7 @@ def edit(data: st.DataObject, stream: Stream) -> None:
 )
 def test_every_row_lands_in_exactly_one_chunk_or_the_buffer(data, chunk_size, chunk_index, shape):
     with pytest.MonkeyPatch.context() as mp:
-        patch_node_class(mp)
+        patch_node_class(chunk_layer, mp)
         stream = Stream(chunk_size, chunk_index, shape)
         for _ in range(data.draw(st.integers(1, 4), label="calls")):
             for _ in range(data.draw(st.integers(0, 3), label="edits")):
@@ -417,7 +420,7 @@ def test_datasets_with_and_without_y_are_joined_field_by_field(chunk_size, calls
     """`y` present in some datasets only: a dataset without `y` keeps the buffered `y`; a dataset with
     `y` cannot join a buffer without one (the error leaves the buffer as it was)."""
     with pytest.MonkeyPatch.context() as mp:
-        patch_node_class(mp)
+        patch_node_class(chunk_layer, mp)
         layer = chunk_layer.ChunkLayer(RecordingDataManager(), None, chunk_size, RecordingParent())
         model = FieldModel(chunk_size)
         start = 0
@@ -479,7 +482,7 @@ def test_abandoned_generators_keep_what_their_steps_did(chunk_size, sizes, stops
     """Taking only a few nodes from each call and dropping the generator loses no row: the rows not yet
     cut stay in the buffer for the next call, and the counter has grown by the chunks cut."""
     with pytest.MonkeyPatch.context() as mp:
-        patch_node_class(mp)
+        patch_node_class(chunk_layer, mp)
         shape = Shape(2, True, False, False, 0)
         stream = Stream(chunk_size, None, shape)
         pending = list(sizes)

@@ -1,4 +1,4 @@
-"""The compiled module against the plain-Python transcription of the benchmarks, side by side: random
+"""The compiled module against its plain-Python reference, side by side: random
 sequences of operations on odd data go through a layer of each, and every step must give the same
 result, leave the same state and raise the same error with the same message.
 
@@ -12,13 +12,10 @@ runs a bounded number of examples; `scripts/dev stress` runs many more (HYPOTHES
 from __future__ import annotations
 
 import ctypes
-import importlib
 import math
 import os
 import re
-import sys
 import warnings
-from pathlib import Path
 from typing import Any, Callable, List, Tuple
 
 import numpy as np
@@ -27,12 +24,10 @@ import pytest
 from hypothesis import HealthCheck, given, settings
 from hypothesis import strategies as st
 
+import reference
 from chunk_support import InertNode
 from quillmarsh.core.tree import chunk_layer
 from quillmarsh.data.common import Dataset
-
-sys.path.insert(0, str(Path(__file__).resolve().parents[2] / "benchmarks"))
-transcription = importlib.import_module("baseline")
 
 settings.register_profile("suite", max_examples=60, deadline=None,
                           suppress_health_check=[HealthCheck.too_slow, HealthCheck.data_too_large])
@@ -64,7 +59,7 @@ class Parent:
 
 @pytest.fixture(autouse=True)
 def same_collaborators(monkeypatch) -> None:
-    for module in (chunk_layer, transcription):
+    for module in (chunk_layer, reference):
         monkeypatch.setattr(module, "ChunkNode", InertNode)
 
 
@@ -215,10 +210,10 @@ def step(layer: Any, name: str, argument: Any) -> Any:
 
 @settings(settings.get_profile("stress" if os.environ.get("HYPOTHESIS_PROFILE") == "stress" else "suite"))
 @given(chunk_size=chunk_sizes, removed=removed_sets, steps=operations())
-def test_module_and_transcription_agree_step_by_step(chunk_size: Any, removed: Any, steps: Any) -> None:
+def test_module_and_reference_agree_step_by_step(chunk_size: Any, removed: Any, steps: Any) -> None:
     layers = [module.ChunkLayer(Manager(None if removed is None else np.array(removed)), [], chunk_size,
                                 Parent())
-              for module in (chunk_layer, transcription)]
+              for module in (chunk_layer, reference)]
     for number, (name, argument) in enumerate(steps):
         compiled, plain = (step(layer, name, argument) for layer in layers)
         assert compiled == plain, f"step {number}: {name}"
@@ -308,9 +303,9 @@ CALL_FORMS = ["keywords", "str-subclass keywords", "keyword given twice", "call 
 @settings(settings.get_profile("stress" if os.environ.get("HYPOTHESIS_PROFILE") == "stress" else "suite"))
 @given(chunk_size=chunk_sizes, forms=st.lists(st.tuples(st.sampled_from(CALL_FORMS), datasets(),
                                                         st.booleans()), min_size=1, max_size=4))
-def test_module_and_transcription_agree_on_odd_calls(chunk_size: Any, forms: Any) -> None:
+def test_module_and_reference_agree_on_odd_calls(chunk_size: Any, forms: Any) -> None:
     layers = [module.ChunkLayer(Manager(None), [], chunk_size, Parent())
-              for module in (chunk_layer, transcription)]
+              for module in (chunk_layer, reference)]
     for number, (form, make, apart) in enumerate(forms):
         compiled, plain = (call_step(layer, form, make, apart) for layer in layers)
         assert compiled == plain, f"call {number}: {form}"

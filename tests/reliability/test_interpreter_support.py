@@ -9,6 +9,11 @@ import subprocess
 import sys
 from pathlib import Path
 
+import pytest
+
+# About loading the extension module in sub-interpreters: run against it alone.
+pytestmark = pytest.mark.compiled_only
+
 SCRIPTS = Path(__file__).parent / "scripts"
 
 

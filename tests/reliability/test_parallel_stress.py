@@ -19,7 +19,6 @@ import pytest
 
 from chunk_support import RecordingDataManager, RecordingParent, make_dataset, rows_of
 from quillmarsh.common import TaskError, ThreadPoolManager
-from quillmarsh.core.tree import chunk_layer
 
 WAIT = 60.0  # seconds; far above what any test here needs
 
@@ -52,7 +51,7 @@ class Recorder:
             raise PlannedError(f"callback {index}")
 
 
-def make_node_class(rec: Recorder) -> type:
+def make_node_class(impl, rec: Recorder) -> type:
     class LightNode:
         def __init__(self, dset=None, params=None, node_id=None, data_manager=None) -> None:
             self.dset = dset
@@ -83,7 +82,7 @@ def make_node_class(rec: Recorder) -> type:
 
 
 @pytest.fixture
-def rec(monkeypatch) -> Recorder:
+def rec(impl, monkeypatch) -> Recorder:
     recorder = Recorder()
 
     def fake_max_batch_size(*, n_features: int, available: bool, dtype: Any) -> int:
@@ -93,8 +92,8 @@ def rec(monkeypatch) -> Recorder:
                 raise PlannedError("memory estimate")
             return recorder.fits(recorder.rng.randrange(1, 9))
 
-    monkeypatch.setattr(chunk_layer, "ChunkNode", make_node_class(recorder))
-    monkeypatch.setattr(chunk_layer, "evaluate_max_batch_size", fake_max_batch_size)
+    monkeypatch.setattr(impl, "ChunkNode", make_node_class(impl, recorder))
+    monkeypatch.setattr(impl, "evaluate_max_batch_size", fake_max_batch_size)
     return recorder
 
 
@@ -122,11 +121,11 @@ def expected_rows(leaf: int, first_leaf: int, chunk_size: int) -> List[int]:
     "n_jobs, params, dtype",
     [
         (2, None, "float32"),
-        (5, [chunk_layer.ChunkSensitivitiesParams(coreset_params={"dtype": "float64"})], "float64"),
+        (5, {"dtype": "float64"}, "float64"),
     ],
 )
 def test_thousand_chunks_are_each_built_once_and_reported_once(
-    rec, capsys, monkeypatch, n_jobs, params, dtype
+    impl, rec, capsys, monkeypatch, n_jobs, params, dtype
 ):
     chunk_size, first_leaf, chunks = 4, 37, 1000
     printed: List[Tuple[tuple, dict, str]] = []
@@ -140,7 +139,9 @@ def test_thousand_chunks_are_each_built_once_and_reported_once(
     monkeypatch.setattr(builtins, "print", recording_print)
     rec.fits = lambda rows: rows if rows < 5 else 100  # about half the chunks do not fit
     dm = RecordingDataManager(n_jobs=n_jobs, verbose=1, n_instances=chunks * chunk_size + 3)
-    layer = chunk_layer.ChunkLayer(dm, params, chunk_size, RecordingParent(), first_leaf)
+    if params is not None:
+        params = [impl.ChunkSensitivitiesParams(coreset_params=params)]
+    layer = impl.ChunkLayer(dm, params, chunk_size, RecordingParent(), first_leaf)
 
     started = time.monotonic()
     out = list(layer.process(stream(chunks * chunk_size + 3), after_create_leaf_node=rec.callback))
@@ -150,7 +151,7 @@ def test_thousand_chunks_are_each_built_once_and_reported_once(
     # The generator: one None per queued chunk, then the buffer node, built on the caller's thread.
     assert out[:-1] == [None] * chunks
     buffer_node = out[-1]
-    assert buffer_node.node_id == chunk_layer.BUFFER_NODE_ID
+    assert buffer_node.node_id == impl.BUFFER_NODE_ID
     assert rows_of(buffer_node.dset) == [4000, 4001, 4002]
     assert layer.chunk_index == first_leaf + chunks
     assert rows_of(layer.buffer) == [4000, 4001, 4002]
@@ -194,11 +195,11 @@ def test_thousand_chunks_are_each_built_once_and_reported_once(
     assert elapsed < WAIT
 
 
-def test_chunks_that_do_not_fit_start_only_when_the_pool_is_quiet(rec):
+def test_chunks_that_do_not_fit_start_only_when_the_pool_is_quiet(impl, rec):
     rec.build_delay = 0.002
     rec.fits = lambda rows: 1  # never fits: a chunk may start only when no task is running
     dm = RecordingDataManager(n_jobs=2)
-    layer = chunk_layer.ChunkLayer(dm, None, 5, RecordingParent())
+    layer = impl.ChunkLayer(dm, None, 5, RecordingParent())
     out = list(layer.process(stream(300), create_buffer=False, after_create_leaf_node=rec.callback))
     pool().wait_until_idle(timeout=WAIT)
     assert len(out) == 60 and len(rec.builds) == 60
@@ -206,21 +207,21 @@ def test_chunks_that_do_not_fit_start_only_when_the_pool_is_quiet(rec):
     assert sorted(i for _, i, _ in rec.callbacks) == list(range(60))
 
 
-def test_chunks_that_fit_run_side_by_side(rec):
+def test_chunks_that_fit_run_side_by_side(impl, rec):
     rec.build_delay = 0.005
     rec.fits = lambda rows: 10**9
     dm = RecordingDataManager(n_jobs=2)
-    layer = chunk_layer.ChunkLayer(dm, None, 5, RecordingParent())
+    layer = impl.ChunkLayer(dm, None, 5, RecordingParent())
     list(layer.process(stream(200), create_buffer=False, after_create_leaf_node=rec.callback))
     pool().wait_until_idle(timeout=WAIT)
     assert len(rec.builds) == 40
     assert rec.max_running >= 2
 
 
-def test_a_failing_callback_is_reported_and_loses_nothing_else(rec):
+def test_a_failing_callback_is_reported_and_loses_nothing_else(impl, rec):
     rec.failing_callbacks = {0, 99, 150, 199}
     dm = RecordingDataManager(n_jobs=2)
-    layer = chunk_layer.ChunkLayer(dm, None, 3, RecordingParent())
+    layer = impl.ChunkLayer(dm, None, 3, RecordingParent())
     out = list(layer.process(stream(600), create_buffer=False, after_create_leaf_node=rec.callback))
     assert out == [None] * 200
     with pytest.raises(TaskError) as info:
@@ -233,10 +234,10 @@ def test_a_failing_callback_is_reported_and_loses_nothing_else(rec):
     pool().wait_until_idle(timeout=WAIT)  # the errors were reported once and are forgotten
 
 
-def test_a_failing_build_is_reported_and_gets_no_callback(rec):
+def test_a_failing_build_is_reported_and_gets_no_callback(impl, rec):
     rec.failing_builds = {0, 30, 300}  # first rows of chunks 0, 10 and 100
     dm = RecordingDataManager(n_jobs=3)
-    layer = chunk_layer.ChunkLayer(dm, None, 3, RecordingParent(), 5)
+    layer = impl.ChunkLayer(dm, None, 3, RecordingParent(), 5)
     list(layer.process(stream(600), create_buffer=False, after_create_leaf_node=rec.callback))
     with pytest.raises(TaskError) as info:
         pool().wait_until_idle(timeout=WAIT)
@@ -248,10 +249,10 @@ def test_a_failing_build_is_reported_and_gets_no_callback(rec):
     assert layer.chunk_index == 205
 
 
-def test_a_failing_memory_check_is_reported_and_drops_its_chunk(rec):
+def test_a_failing_memory_check_is_reported_and_drops_its_chunk(impl, rec):
     rec.failing_checks = {2}  # the memory estimate raises for chunks of two columns
     dm = RecordingDataManager(n_jobs=2)
-    layer = chunk_layer.ChunkLayer(dm, None, 4, RecordingParent())
+    layer = impl.ChunkLayer(dm, None, 4, RecordingParent())
     for k in range(200):  # one dataset per chunk, so the column count may change between them
         ds = make_dataset(4, 4 * k, features=2 if k % 10 == 0 else 3)
         assert list(layer.process([ds], create_buffer=False, after_create_leaf_node=rec.callback)) == [None]
@@ -265,9 +266,9 @@ def test_a_failing_memory_check_is_reported_and_drops_its_chunk(rec):
 
 
 @pytest.mark.parametrize("take", [1, 7, 49, 50])
-def test_abandoned_parallel_generators_queue_only_what_they_cut(rec, take):
+def test_abandoned_parallel_generators_queue_only_what_they_cut(impl, rec, take):
     dm = RecordingDataManager(n_jobs=2)
-    layer = chunk_layer.ChunkLayer(dm, None, 2, RecordingParent(), 10)
+    layer = impl.ChunkLayer(dm, None, 2, RecordingParent(), 10)
     gen = layer.process([make_dataset(100)], after_create_leaf_node=rec.callback)
     for _ in range(take):
         assert next(gen) is None
@@ -288,9 +289,9 @@ def test_abandoned_parallel_generators_queue_only_what_they_cut(rec, take):
     assert all(rows_of(n.dset) == expected_rows(i, 10, 2) for n, i, _ in rec.callbacks)
 
 
-def test_two_layers_share_the_pool_without_mixing_their_chunks(rec):
+def test_two_layers_share_the_pool_without_mixing_their_chunks(impl, rec):
     layers = [
-        chunk_layer.ChunkLayer(RecordingDataManager(n_jobs=2), None, size, RecordingParent(), start)
+        impl.ChunkLayer(RecordingDataManager(n_jobs=2), None, size, RecordingParent(), start)
         for size, start in [(3, 0), (5, 1000)]
     ]
     per_layer: Dict[int, List[Tuple[Any, Any]]] = {0: [], 1: []}
@@ -318,13 +319,13 @@ def test_two_layers_share_the_pool_without_mixing_their_chunks(rec):
     assert all(rows_of(n.dset) == expected_rows(i, 1000, 5) for n, i in per_layer[1])
 
 
-def test_sequential_and_single_job_modes_never_touch_the_pool(rec, monkeypatch):
+def test_sequential_and_single_job_modes_never_touch_the_pool(impl, rec, monkeypatch):
     def refuse(*args: Any, **kwargs: Any) -> None:
         raise AssertionError("the pool was used")
 
-    monkeypatch.setattr(chunk_layer, "ThreadPoolManager", refuse)
+    monkeypatch.setattr(impl, "ThreadPoolManager", refuse)
     for n_jobs in [None, 0, 1, -3]:
-        layer = chunk_layer.ChunkLayer(RecordingDataManager(n_jobs=n_jobs), None, 10, RecordingParent())
+        layer = impl.ChunkLayer(RecordingDataManager(n_jobs=n_jobs), None, 10, RecordingParent())
         out = list(layer.process([make_dataset(95)], after_create_leaf_node=rec.callback))
         assert [rows_of(n.dset)[0] for n in out] == [0, 10, 20, 30, 40, 50, 60, 70, 80, 90]
         assert all(i is None for _, i, _ in rec.callbacks)

@@ -20,6 +20,9 @@ from chunk_support import BUILD_PARAM_KEYS, RecordingDataManager, RecordingParen
 from quillmarsh.core.tree import chunk_layer
 from quillmarsh.data.common import Dataset
 
+# About the compiled module's state over random sequences of operations: run against it alone.
+pytestmark = pytest.mark.compiled_only
+
 FEATURES = 2
 END = object()
 
@@ -70,7 +73,7 @@ class ChunkLayerMachine(RuleBasedStateMachine):
     def __init__(self) -> None:
         super().__init__()
         self.patch = pytest.MonkeyPatch()
-        patch_node_class(self.patch)
+        patch_node_class(chunk_layer, self.patch)
         self.layer: Any = None
 
     def teardown(self) -> None:

@@ -1,5 +1,6 @@
 """Module-level names read from a namespace that other code watches, unwatches or fills with odd keys,
-on one side: the compiled module ("module") or its plain-Python transcription ("transcription").
+on one side: the compiled module ("module") or its plain-Python reference ("reference", found on
+the PYTHONPATH that the test gives).
 Prints what the calls saw as one JSON object.
 
     namespace_corners.py SIDE
@@ -13,13 +14,10 @@ import importlib
 import json
 import sys
 import weakref
-from pathlib import Path
 
 import numpy as np
 
 from quillmarsh.data.common import Dataset
-
-sys.path.insert(0, str(Path(__file__).resolve().parents[3] / "benchmarks"))
 
 DICT_EVENT_MODIFIED = 1
 WATCHER_BITS = 8  # the low bits of a dict's version tag, one per watcher
@@ -28,7 +26,7 @@ WATCHER_BITS = 8  # the low bits of a dict's version tag, one per watcher
 def side_module(side: str):
     if side == "module":
         return importlib.import_module("quillmarsh.core.tree.chunk_layer")
-    return importlib.import_module("baseline")
+    return importlib.import_module("reference")
 
 
 class NodeId(str):

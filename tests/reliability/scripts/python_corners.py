@@ -1,5 +1,6 @@
 """Corners where the chunk layer module must behave as plain Python, each run on one side: the
-compiled module ("module") or its plain-Python transcription ("transcription"). Prints what happened
+compiled module ("module") or its plain-Python reference ("reference", found on
+the PYTHONPATH that the test gives). Prints what happened
 as one JSON value, for the test to compare the two sides and the behaviour stated.
 
     python_corners.py CORNER SIDE
@@ -15,19 +16,16 @@ import sys
 import threading
 import traceback
 import warnings
-from pathlib import Path
 
 import numpy as np
 
 from quillmarsh.data.common import Dataset
 
-sys.path.insert(0, str(Path(__file__).resolve().parents[3] / "benchmarks"))
-
 
 def side_module(side: str):
     if side == "module":
         return importlib.import_module("quillmarsh.core.tree.chunk_layer")
-    return importlib.import_module("baseline")
+    return importlib.import_module("reference")
 
 
 class Manager:

@@ -1,25 +1,22 @@
-"""The chunk layer written as plain Python: the baseline of the benchmarks, and the source of the Cython peer.
+"""The chunk layer in plain Python: the reference that every behaviour test runs beside the compiled module.
 
-A line-by-line transcription of the module ``quillmarsh.core.tree.chunk_layer``: the constant, the two
-records, ``exclude_removed``, ``ChunkNode`` and every method of ``ChunkLayer`` (the three generators and
-their inner functions included), with the same calls on the same objects in the same order, and the same
+The same names as ``quillmarsh.core.tree.chunk_layer`` (the constant, the two records,
+``exclude_removed``, ``ChunkNode`` and every method of ``ChunkLayer``, its three generators and their
+inner functions included), making the same calls on the same objects in the same order, with the same
 results, state changes and errors. Module-level names (``np``, ``Dataset``, ``ChunkNode``, ``utils``,
-``DataAutoProcessor``, ...) are looked up in this module's namespace at call time, as the compiled module
-looks them up in its own, so a benchmark can swap a collaborator here exactly as it swaps it there.
+``DataAutoProcessor``, ...) are looked up in this module's namespace at call time, as the compiled
+module looks them up in its own, so that a test or a benchmark swaps a collaborator here exactly as it
+swaps it there. The docstrings are the compiled module's, character for character.
 
-``cython_peer.py`` compiles this very file with Cython 3 into the module ``baseline_cython``: what a team
-without C++ would ship. Annotations are kept as strings (``from __future__ import annotations``) and are
-not used for typing (the peer is built with ``annotation_typing=False``): Cython 3 would otherwise convert
-a ``bool`` or a float given for an ``int`` annotation where the module refuses it, so the three argument
-types that the module checks are checked here in code, with the module's message.
+The benchmarks load this file as their Python peer and compile it with Cython 3 as their Cython peer.
+Annotations stay strings (``from __future__ import annotations``) and are not used for typing (the
+Cython peer is built with ``annotation_typing=False``), so the three argument types that the layer
+checks are checked here in code, with the compiled module's message.
 
-Where the plain interpreter words an error differently from compiled code, this file, run as Python, gives
-the interpreter's wording: a wrong argument count ("takes 2 positional arguments but 3 were given") and an
-unpacking of too few values ("not enough values to unpack"). Compiled by Cython, it gives the module's.
-``rebuild`` checks its argument when called and then returns a generator made by an inner function, since
-a Python generator function runs nothing, not even a check, before its first step.
-
-Only the benchmarks use this module; it is not part of the library.
+Run as Python, this file words a wrong argument count as the interpreter does ("missing 1 required
+positional argument"), where compiled code says "takes exactly 2 positional arguments (1 given)". ``rebuild`` checks its argument when
+called and then returns a generator made by an inner function, since a Python generator function runs
+nothing, not even a check, before its first step.
 """
 
 # ruff: noqa: E501, I001
@@ -44,10 +41,6 @@ from quillmarsh.data.manager import DataManagerT
 from quillmarsh.core.tree import utils
 from quillmarsh.data.data_auto_processor import DataAutoProcessor
 from quillmarsh.common import ThreadPoolManager
-
-# ``print`` as a global of this module, so that compiled code looks it up at call time (in the module's
-# namespace first, then the built-ins), as the module does; Cython would otherwise bind the built-in.
-print = print
 
 BUFFER_NODE_ID = "buffer"
 
@@ -89,8 +82,44 @@ def _membership_test(np):
         return np.isin
 
 
+def _unpack(values, count):
+    # ``a, b, c = values``, with compiled code's wording when too few values come.
+    iterator = iter(values)
+    items = list(itertools.islice(iterator, count))
+    if len(items) < count:
+        raise ValueError(f"need more than {len(items)} value{'' if len(items) == 1 else 's'} to unpack")
+    for _ in iterator:
+        raise ValueError(f"too many values to unpack (expected {count})")
+    return items
+
+
 def exclude_removed(removed, indices, dataset=None):
-    "\n    Exclude removed indices from the given indices and dataset.\n\n    Args:\n        removed: A list or array-like object containing the indices to be removed.\n        indices: The original indices from which to exclude the removed indices.\n        dataset: A tuple or list containing arrays or None representing the dataset.\n\n    Returns:\n        Tuple: A tuple containing the updated indices and the updated dataset (if provided).\n\n    The function creates a mask to exclude the removed indices from the given indices. If a dataset is provided,\n    it applies the mask to the dataset, updating the corresponding arrays.\n\n    If no dataset is provided, only the indices are returned.\n\n    Example:\n        removed = [2, 5, 7]\n        indices = [1, 2, 3, 4, 5, 6, 7, 8, 9]\n        dataset = (array1, array2, array3)  # Arrays representing the dataset\n\n        new_indices, new_dataset = exclude_removed(removed, indices, dataset)\n\n        # new_indices: [1, 3, 4, 6, 8, 9]\n        # new_dataset: (updated_array1, updated_array2, updated_array3)\n    "
+    """
+    Exclude removed indices from the given indices and dataset.
+
+    Args:
+        removed: A list or array-like object containing the indices to be removed.
+        indices: The original indices from which to exclude the removed indices.
+        dataset: A tuple or list containing arrays or None representing the dataset.
+
+    Returns:
+        Tuple: A tuple containing the updated indices and the updated dataset (if provided).
+
+    The function creates a mask to exclude the removed indices from the given indices. If a dataset is provided,
+    it applies the mask to the dataset, updating the corresponding arrays.
+
+    If no dataset is provided, only the indices are returned.
+
+    Example:
+        removed = [2, 5, 7]
+        indices = [1, 2, 3, 4, 5, 6, 7, 8, 9]
+        dataset = (array1, array2, array3)  # Arrays representing the dataset
+
+        new_indices, new_dataset = exclude_removed(removed, indices, dataset)
+
+        # new_indices: [1, 3, 4, 6, 8, 9]
+        # new_dataset: (updated_array1, updated_array2, updated_array3)
+    """
     mask = None
     if removed is not None and len(removed) > 0:
         mask = ~_membership_test(np)(indices, removed)
@@ -104,7 +133,18 @@ def exclude_removed(removed, indices, dataset=None):
 
 
 class ChunkNode:
-    "\n    A class for creating chunk nodes.\n\n    Parameters\n    ----------\n    dset : Dataset\n        The dataset to build the coreset from.\n    params : Iterable[ChunkSensitivitiesParams]\n        A list of parameters to build the coreset.\n    node_id : str, optional\n        A unique identifier for the node, by default None.\n    "
+    """
+    A class for creating chunk nodes.
+
+    Parameters
+    ----------
+    dset : Dataset
+        The dataset to build the coreset from.
+    params : Iterable[ChunkSensitivitiesParams]
+        A list of parameters to build the coreset.
+    node_id : str, optional
+        A unique identifier for the node, by default None.
+    """
 
     def __init__(
         self,
@@ -124,11 +164,27 @@ class ChunkNode:
         self.data_manager = data_manager
 
     def is_buffer(self):
-        "\n        Returns True if the node_id is the BUFFER_NODE_ID.\n        "
+        """
+        Returns True if the node_id is the BUFFER_NODE_ID.
+        """
         return self.node_id == BUFFER_NODE_ID
 
     def _instantiate_coreset(self, coreset_cls, coreset_params) -> CoresetBase:
-        "\n        Instantiates a coreset object.\n\n        Parameters\n        ----------\n        coreset_cls : CoresetBase class\n            A CoresetBase class.\n        coreset_params : dict, optional\n            A dictionary of coreset parameters, by default None.\n\n        Returns\n        -------\n        CoresetBase\n            A coreset object.\n        "
+        """
+        Instantiates a coreset object.
+
+        Parameters
+        ----------
+        coreset_cls : CoresetBase class
+            A CoresetBase class.
+        coreset_params : dict, optional
+            A dictionary of coreset parameters, by default None.
+
+        Returns
+        -------
+        CoresetBase
+            A coreset object.
+        """
         coreset_params = coreset_params or {}
         coreset = coreset_cls(**coreset_params)
         if self.is_buffer():
@@ -136,7 +192,14 @@ class ChunkNode:
         return coreset
 
     def build(self):
-        "\n        Builds the coreset.\n\n        Returns\n        -------\n        ChunkNode\n            The ChunkNode object.\n        "
+        """
+        Builds the coreset.
+
+        Returns
+        -------
+        ChunkNode
+            The ChunkNode object.
+        """
         for cor_params in self.params:
             coreset = self._instantiate_coreset(cor_params.coreset_cls, cor_params.coreset_params)
             cat_encoding_config = self.data_manager.cat_encoding_config_clear()
@@ -154,7 +217,7 @@ class ChunkNode:
             )
             X_processed = dap.handle_missing_and_categorical_encoding(sparse_threshold=0)
             self.dset = self.dset._replace(X=dap.X, y=dap.y, ind=dap.ind, props=dap.props)
-            y_processed, _, _ = dap.get_processed_arrays()
+            y_processed, _, _ = _unpack(dap.get_processed_arrays(), 3)
             coreset.compute_sensitivities(X=X_processed, y=y_processed)
             chunk_sensi = ChunkSensitivities(
                 coreset=coreset.to_dict(with_important=True, use_keep_selected_only=False),
@@ -166,7 +229,14 @@ class ChunkNode:
         return self
 
     def save(self, data_manager: DataManagerT, save_all=False):
-        "\n        Saves the selected samples asynchronously.\n\n        Parameters\n        ----------\n        data_manager : object\n            The data manager object.\n        "
+        """
+        Saves the selected samples asynchronously.
+
+        Parameters
+        ----------
+        data_manager : object
+            The data manager object.
+        """
         # The operation is looked up first (compiled code would otherwise read the arguments first).
         save_selected_samples_async = data_manager.save_selected_samples_async
         save_selected_samples_async(
@@ -177,7 +247,14 @@ class ChunkNode:
         )
 
     def add_indices(self, indices):
-        "\n        Adds indices to the node.\n\n        Parameters\n        ----------\n        indices : numpy.ndarray\n            An array of indices.\n        "
+        """
+        Adds indices to the node.
+
+        Parameters
+        ----------
+        indices : numpy.ndarray
+            An array of indices.
+        """
         if self.indices is None:
             self.indices = indices
         else:
@@ -185,7 +262,18 @@ class ChunkNode:
 
 
 class ChunkLayer:
-    "\n    A chunk layer for incremental learning.\n\n    This layer divides the dataset into chunks of samples and performs incremental learning on each chunk.\n\n    Args:\n        data_manager: A data manager instance that provides access to the dataset.\n        chunk_corset_params: An iterable of `ChunkSensitivitiesParams` objects, each containing the parameters for\n            building a coreset on a chunk of data. Default is `None`.\n        chunk_size: The maximum size of a chunk. If `None`, the entire dataset is treated as a single chunk.\n            Default is `None`.\n    "
+    """
+    A chunk layer for incremental learning.
+
+    This layer divides the dataset into chunks of samples and performs incremental learning on each chunk.
+
+    Args:
+        data_manager: A data manager instance that provides access to the dataset.
+        chunk_corset_params: An iterable of `ChunkSensitivitiesParams` objects, each containing the parameters for
+            building a coreset on a chunk of data. Default is `None`.
+        chunk_size: The maximum size of a chunk. If `None`, the entire dataset is treated as a single chunk.
+            Default is `None`.
+    """
 
     def __init__(
         self,
@@ -208,13 +296,25 @@ class ChunkLayer:
         self.chunk_index = chunk_index if chunk_index is not None else 0
 
     def has_buffer(self):
-        "\n        Checks if there is a buffer available.\n\n        Returns:\n            bool: True if there is a buffer available and not empty, False otherwise.\n        "
+        """
+        Checks if there is a buffer available.
+
+        Returns:
+            bool: True if there is a buffer available and not empty, False otherwise.
+        """
         if self.buffer is None:
             return False
         return self.buffer[1].shape[0] > 0
 
     def get_buffer(self) -> Union[Dataset, None]:
-        "\n        returns unhandled instances.\n\n        Returns\n        -------\n        a list of numpy arrays\n\n        "
+        """
+        returns unhandled instances.
+
+        Returns
+        -------
+        a list of numpy arrays
+
+        """
         if not self.has_buffer():
             return None
         removed_indices = self.data_manager.get_removed()
@@ -222,14 +322,29 @@ class ChunkLayer:
         return dataset
 
     def set_buffer(self, buffer: Union[List[np.ndarray], Tuple[np.ndarray]] = None):
-        "\n        set tree's internal buffer of unhandled instances\n\n        Parameters\n        ----------\n        buffer: list of numpy ndarrays\n\n        Returns\n        -------\n\n        "
+        """
+        set tree's internal buffer of unhandled instances
+
+        Parameters
+        ----------
+        buffer: list of numpy ndarrays
+
+        Returns
+        -------
+
+        """
         if buffer is None:
             self.buffer = None
         else:
             self.buffer = Dataset(*buffer)
 
     def _add_to_buffer(self, dataset):
-        "\n        Adds the given dataset to the buffer.\n\n        Args:\n            dataset: The dataset to be added to the buffer.\n        "
+        """
+        Adds the given dataset to the buffer.
+
+        Args:
+            dataset: The dataset to be added to the buffer.
+        """
         if self.has_buffer():
             self.buffer = tuple(
                 np.concatenate((b, d)) if d is not None else b for b, d in zip(self.buffer, dataset)
@@ -251,7 +366,16 @@ class ChunkLayer:
         ).build()
 
     def _create_node(self, dset, node_id=None, leaf_node_index=None) -> ChunkNode:
-        "\n        Creates a new ChunkNode object.\n\n        Args:\n            dset: The dataset used to build the ChunkNode.\n            node_id: Optional parameter specifying the ID of the new ChunkNode.\n            leaf_node_index: Optional parameter specifying the chunk index for verbose, can be None for buffer node.\n        Returns:\n            ChunkNode: A new ChunkNode object.\n        "
+        """
+        Creates a new ChunkNode object.
+
+        Args:
+            dset: The dataset used to build the ChunkNode.
+            node_id: Optional parameter specifying the ID of the new ChunkNode.
+            leaf_node_index: Optional parameter specifying the chunk index for verbose, can be None for buffer node.
+        Returns:
+            ChunkNode: A new ChunkNode object.
+        """
         t = time.time()
         chunk_node = ChunkNode(
             dset=dset, params=self.chunk_corset_params, node_id=node_id, data_manager=self.data_manager
@@ -262,7 +386,15 @@ class ChunkLayer:
         return chunk_node
 
     def _print_progress(self, chunk_build_time, leaf_node_index):
-        "\n        print progress in case n_instances is not None:\n        2024-04-01 14:10:37 Completed 19 out of 100 chunks, (chunk was built in 0.003 seconds)\n        else:\n        2024-04-01 14:10:37 Completed 19 chunks, (chunk was built in 0.003 seconds)\n        chunk build time is printed in yellow\n        Args:\n            chunk_build_time: time it took to build a chunk in seconds\n        "
+        """
+        print progress in case n_instances is not None:
+        2024-04-01 14:10:37 Completed 19 out of 100 chunks, (chunk was built in 0.003 seconds)
+        else:
+        2024-04-01 14:10:37 Completed 19 chunks, (chunk was built in 0.003 seconds)
+        chunk build time is printed in yellow
+        Args:
+            chunk_build_time: time it took to build a chunk in seconds
+        """
         chunks = ""
         if self.data_manager.n_instances is not None and self.build_params.get("chunk_size", 0) > 0:
             if leaf_node_index + 1 <= self.data_manager.n_instances // self.build_params["chunk_size"]:
@@ -274,13 +406,23 @@ class ChunkLayer:
         )
 
     def get_buffer_size(self):
-        "\n        Returns the size of the buffer.\n\n        Returns:\n            int: The size of the buffer.\n        "
+        """
+        Returns the size of the buffer.
+
+        Returns:
+            int: The size of the buffer.
+        """
         if not self.has_buffer():
             return 0
         return self.buffer[1].shape[0]
 
     def create_buffer_node(self, after_create_leaf_node=None):
-        "\n        Creates a new ChunkNode object using the data stored in the buffer.\n\n        Returns:\n            Union[None, ChunkNode]: A new ChunkNode object if there is a buffer available, None otherwise.\n        "
+        """
+        Creates a new ChunkNode object using the data stored in the buffer.
+
+        Returns:
+            Union[None, ChunkNode]: A new ChunkNode object if there is a buffer available, None otherwise.
+        """
         if not self.has_buffer():
             return None
         dset = Dataset(*self.buffer)
@@ -290,7 +432,15 @@ class ChunkLayer:
         return node
 
     def _get_from_buffer(self, after_create_leaf_node=None):
-        "\n        Generator that moves data from buffer to CoreSet tree if the length of buffer is greater than chunk_size.\n        If the buffer has not enough elements to form a chunk according to the chunk_size, no node will be yielded.\n        If the chunk_size is set to 0, the whole buffer will be consumed for creating a single coreset node.\n\n        Yields:\n            ChunkNode: A ChunkNode object that contains coreset information computed from the chunk of data\n            in the buffer.\n"
+        """
+        Generator that moves data from buffer to CoreSet tree if the length of buffer is greater than chunk_size.
+        If the buffer has not enough elements to form a chunk according to the chunk_size, no node will be yielded.
+        If the chunk_size is set to 0, the whole buffer will be consumed for creating a single coreset node.
+
+        Yields:
+            ChunkNode: A ChunkNode object that contains coreset information computed from the chunk of data
+            in the buffer.
+"""
         if not utils.is_simple_chunk_size(self.chunk_size) and not self.chunk_size == 0:
             return
         ignore_chunk_size = self.chunk_size == 0
@@ -340,7 +490,21 @@ class ChunkLayer:
                 yield node
 
     def process(self, dsets: Iterator = None, create_buffer=True, is_classification=False, after_create_leaf_node=None):
-        "\n        Process input datasets by adding them to the internal buffer and creating coreset nodes from the buffered data.\n\n        Args:\n            dsets (List[Dataset]): A list of input datasets to be processed.\n            create_buffer (bool, optional): Whether to create a buffer node from the remaining data in the buffer\n                after processing all input datasets. Defaults to True.\n            is_classification (bool, optional): Whether the task is classification. Defaults to False.\n            after_create_leaf_node: callable to be executed after node leaf creation\n        Yields:\n            ChunkNode: A coreset node created from the buffered data.\n\n        Returns:\n            None\n"
+        """
+        Process input datasets by adding them to the internal buffer and creating coreset nodes from the buffered data.
+
+        Args:
+            dsets (List[Dataset]): A list of input datasets to be processed.
+            create_buffer (bool, optional): Whether to create a buffer node from the remaining data in the buffer
+                after processing all input datasets. Defaults to True.
+            is_classification (bool, optional): Whether the task is classification. Defaults to False.
+            after_create_leaf_node: callable to be executed after node leaf creation
+        Yields:
+            ChunkNode: A coreset node created from the buffered data.
+
+        Returns:
+            None
+"""
         size_bytes = 0
         number_of_features_orig = 0
         number_of_samples = 0
