@@ -36,11 +36,8 @@ def table(start: int, stop: int, seed: int = 0) -> pd.DataFrame:
 
 
 def failing_table(start: int, stop: int, seed: int = 0) -> pd.DataFrame:
-    """Like ``table``, but every target is missing: the preprocessor drops every row, and the chunk's
-    coreset refuses to be built on none."""
-    frame = table(start, stop, seed)
-    frame[TARGET] = np.nan
-    return frame
+    """A partition that cannot be read, as a damaged file would be."""
+    raise ValueError(f"rows {start} to {stop} cannot be read")
 
 
 def whole(bounds: Sequence[int], seed: int = 0) -> List[pd.DataFrame]:
