@@ -712,19 +712,24 @@ class SpilledBatches:
         lengths = {len(np.asarray(a)) for a in arrays.values()}
         if len(lengths) > 1:
             raise ValueError("the arrays of a batch must have one entry per row each")
-        path = os.path.join(self.folder, f"batch-{self.n_batches:07d}.npz")
-        with open(path, "wb") as stream:
-            np.savez(stream, **{name: np.asarray(a) for name, a in arrays.items()})  # type: ignore[arg-type]
+        # One plain .npy file an array: read back mapped, without a zip member's copy and checksum.
+        folder = os.path.join(self.folder, f"batch-{self.n_batches:07d}")
+        os.mkdir(folder)
+        for name, values in arrays.items():
+            np.save(os.path.join(folder, f"{name}.npy"), np.asarray(values), allow_pickle=False)
         self.n_batches += 1
         self.n_rows += lengths.pop() if lengths else 0
         self.nbytes += sum(np.asarray(a).nbytes for a in arrays.values())
 
     def __iter__(self) -> Iterator[Dict[str, np.ndarray]]:
-        """Yield the batches in order, one at a time, as dicts of arrays by name."""
+        """Yield the batches in order, one at a time, as dicts of read-only arrays by name."""
         for number in range(self.n_batches):
-            path = os.path.join(self.folder, f"batch-{number:07d}.npz")
-            with np.load(path, allow_pickle=False) as data:
-                yield {name: data[name] for name in data.files}
+            folder = os.path.join(self.folder, f"batch-{number:07d}")
+            assert self._names is not None
+            # read-only arrays mapped from the files; the pages are the system's cache, shared, and go
+            # with the arrays
+            yield {name: np.load(os.path.join(folder, f"{name}.npy"), mmap_mode="r", allow_pickle=False)
+                   for name in self._names}
 
     def __len__(self) -> int:
         """Return the number of batches appended."""

@@ -45,9 +45,14 @@ def test_spilled_batches_come_back_in_order_any_number_of_times() -> None:
         for start in (0, 3, 6):
             spill.append(X=np.arange(start, start + 3, dtype=float)[:, None], held=np.array([0, 1, 0], bool))
         assert (spill.n_batches, spill.n_rows) == (3, 9)
+        spill.append(X=np.empty((0, 1)), held=np.empty(0, bool))  # a batch without rows
         for _ in range(2):
             X = np.concatenate([batch["X"] for batch in spill])
             assert X[:, 0].tolist() == list(range(9))
+        last = list(spill)[-1]
+        assert last["X"].shape == (0, 1) and last["held"].dtype == bool
+        first = next(iter(spill))
+        assert first["held"].tolist() == [False, True, False] and not first["X"].flags.writeable
         with pytest.raises(ValueError, match="every batch holds"):
             spill.append(X=np.ones((1, 1)))
     assert not os.path.exists(folder)
