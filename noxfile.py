@@ -217,7 +217,8 @@ def type_check(session: nox.Session) -> None:
                 "src/quillmarsh", *session.posargs, env={"MYPYPATH": str(ROOT / "src")})
 
 
-@nox.session(python=PYTHONS[NEWEST])
+# The interpreter that runs nox (whatever $PYTHON says, so the environment is kept between runs).
+@nox.session(python=None)
 def lint(session: nox.Session) -> None:
     """ruff on the Python sources and clang-format on the C++ ones (checks only)."""
     install_packages(session, LINT_PACKAGES)
