@@ -23,8 +23,8 @@ everything in one run:
 
 Usage::
 
-    .venvs/3.13/bin/python benchmarks/bench_main_job.py              # about 3 minutes
-    .venvs/3.13/bin/python benchmarks/bench_main_job.py --rows 100000
+    .nox/env-3-13/bin/python benchmarks/bench_main_job.py              # about 2 minutes
+    .nox/env-3-13/bin/python benchmarks/bench_main_job.py --rows 100000
 """
 
 from __future__ import annotations

@@ -22,7 +22,7 @@ from types import ModuleType
 ROOT = Path(__file__).resolve().parents[1]
 SOURCE = ROOT / "tests" / "chunk_layer" / "reference.py"
 DIRECTIVES = {"binding": True, "annotation_typing": False, "language_level": 3}
-# The release scripts/dev installs for the benchmarks.
+# The release the bench session installs (its pin in constraints.txt).
 CYTHON_VERSION = "3.3.1"
 
 

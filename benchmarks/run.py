@@ -2,7 +2,7 @@
 ``build/bench/<version>/all.json``, split into one file per implementation, pyperf's ``compare_to`` of
 the three into ``compare.md``, and, unless ``--quick``, the instruction counts into ``instructions.md``.
 
-    python benchmarks/run.py --python .venvs/3.9/bin/python --python .venvs/3.13/bin/python
+    python benchmarks/run.py --python .nox/env-3-9/bin/python --python .nox/env-3-13/bin/python
     python benchmarks/run.py --quick        # the first interpreter only, 3 worker processes, no counts
 
 Each ``--python`` is that of an environment with quillmarsh, pyperf and Cython installed.
