@@ -13,6 +13,7 @@ from typing import Any, Callable, Dict, List
 import pytest
 
 from chunk_support import RecordingDataManager, RecordingParent, make_dataset
+from quillmarsh.core.tree import chunk_layer
 
 
 def assign(impl, name: str, value: Any) -> None:
@@ -141,7 +142,10 @@ def test_a_value_replaced_during_the_call_that_uses_it_stays_alive(impl, restore
     assert alive_during_call == [True]
 
 
+# The compiled module makes its names itself; Python source gets them from the compiler, and class
+# machinery may add keys of its own (3.11's named tuples add an "__annotations__" that is not interned).
+@pytest.mark.compiled_only
 @pytest.mark.parametrize("namespace", ["module", "ChunkNode", "ChunkLayer", "ChunkSensitivitiesParams"])
-def test_names_are_interned_as_the_compiler_interns_them(impl, namespace: str) -> None:
-    names = vars(impl) if namespace == "module" else vars(getattr(impl, namespace))
+def test_names_are_interned_as_the_compiler_interns_them(namespace: str) -> None:
+    names = vars(chunk_layer) if namespace == "module" else vars(getattr(chunk_layer, namespace))
     assert [name for name in names if name is not sys.intern(name)] == []
