@@ -246,7 +246,9 @@ def test_ctrl_c_exits_130_and_leaves_no_half_written_folder(tmp_path: Path) -> N
     process = subprocess.Popen(
         [sys.executable, "-m", "quillmarsh", "--rows", "5000000", "--features", "4", "--quiet",
          "--out", str(tmp_path / "summary")],
-        cwd=tmp_path, env=env, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+        cwd=tmp_path, env=env, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True,
+        # Ctrl-C as a terminal gives it, also when the tests run where it is ignored (a background job)
+        preexec_fn=lambda: signal.signal(signal.SIGINT, signal.SIG_DFL))
     try:
         deadline = time.monotonic() + 60
         while not [p for p in tmp_path.iterdir() if p.name.startswith(".summary.partial-")]:

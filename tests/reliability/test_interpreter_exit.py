@@ -24,9 +24,16 @@ pytestmark = [pytest.mark.compiled_only,
                                  reason="forced unwinding is reported by AddressSanitizer itself")]
 
 
+def default_sigint() -> None:
+    """Ctrl-C as a terminal gives it, also when these tests run where it is ignored (a background job):
+    a child that starts with it ignored never turns it into KeyboardInterrupt."""
+    signal.signal(signal.SIGINT, signal.SIG_DFL)
+
+
 def run(script: str, *args: str) -> subprocess.CompletedProcess:
     return subprocess.run(
-        [sys.executable, str(SCRIPTS / script), *args], capture_output=True, text=True, timeout=120
+        [sys.executable, str(SCRIPTS / script), *args], capture_output=True, text=True, timeout=120,
+        preexec_fn=default_sigint,
     )
 
 
