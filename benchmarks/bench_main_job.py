@@ -198,8 +198,11 @@ def command(path: Path, *extra: str, keep: Any = None) -> Dict[str, Any]:
 def regression_quality(saved: List[Path], csv: Path, seeds: int = 8) -> Dict[str, Any]:
     """Excess squared loss on all kept rows of the weighted least squares of a sample, against the least
     squares of all kept rows: the job's summaries (one per seed of the command, saved in ``saved``),
-    one-shot coresets and uniform samples of their size."""
+    one-shot coresets and uniform samples of their size. The features are standardised, as the job's
+    judgement does: unscaled, a timestamp column 1e9 times the others' scale makes the least squares
+    drop the one-hot columns as rounding."""
     from sklearn.linear_model import LinearRegression
+    from sklearn.preprocessing import StandardScaler
 
     from quillmarsh import CoresetLinearRegression, CoresetTree
     from quillmarsh.core.coreset.sampling import sample_rows
@@ -218,6 +221,7 @@ def regression_quality(saved: List[Path], csv: Path, seeds: int = 8) -> Dict[str
                     for i in range(0, len(kept), CHUNK)
                 ]
             )
+    X = StandardScaler().fit_transform(X)
     y = kept[TARGET].to_numpy(dtype=np.float64)
     position = {row: i for i, row in enumerate(kept.index)}
     summary_rows = [np.array([position[row] for row in summary.ids]) for summary in summaries]

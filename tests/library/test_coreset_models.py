@@ -2,6 +2,8 @@
 
 from __future__ import annotations
 
+from typing import Any
+
 import numpy as np
 import pytest
 
@@ -63,34 +65,65 @@ def test_kmeans_coreset_weights(blobs: np.ndarray) -> None:
     assert d["weights"].sum() == pytest.approx(len(blobs), rel=0.2)
 
 
-def test_linear_regression_leverage() -> None:
+def _expected_regression_sensitivities(X: np.ndarray, y: np.ndarray, w: np.ndarray) -> np.ndarray:
+    """The two shares computed the plain way: an SVD for the leverage, lstsq for the residuals."""
+    Z = np.sqrt(w)[:, None] * np.column_stack([X, np.ones(len(X))])
+    U, singular, _ = np.linalg.svd(Z, full_matrices=False)
+    leverage = (U[:, singular > singular[0] * 1e-12] ** 2).sum(axis=1)
+    target = np.sqrt(w) * y
+    residuals = target - Z @ np.linalg.lstsq(Z, target, rcond=None)[0]
+    with_y = leverage + residuals**2 / (residuals**2).sum()
+    spread = np.abs(residuals) * np.sqrt(leverage)
+    expected: np.ndarray = with_y / with_y.sum() + spread / spread.sum()
+    return expected
+
+
+@pytest.mark.parametrize("weighted", [False, True])
+def test_linear_regression_sensitivities_are_leverage_and_residual_shares(weighted: bool) -> None:
     rng = np.random.default_rng(0)
-    X = rng.normal(size=(500, 4))
-    y = X @ np.array([1.0, -2.0, 0.5, 3.0]) + rng.normal(size=500)
+    X = rng.normal(size=(500, 4)) + 3.0
+    y = X @ np.array([1.0, -2.0, 0.5, 3.0]) + 7.0 + rng.standard_t(3, size=500)
+    w = rng.uniform(0.5, 4.0, size=500) if weighted else np.ones(500)
     c = CoresetLinearRegression(dtype="float64")
-    s = c.compute_sensitivities(X=X, y=y)
+    s = c.compute_sensitivities(X=X, y=y, sample_weight=w if weighted else None)
     assert s.shape == (500,) and (s > 0).all() and s.dtype == np.float64
-    # Leverage scores sum to the rank of [X, y] (5); the uniform terms add 1.
-    assert s.sum() == pytest.approx(6.0, rel=1e-6)
-    without_y = c.compute_sensitivities(X=X)
-    assert without_y.sum() == pytest.approx(5.0, rel=1e-6)
+    np.testing.assert_allclose(s, _expected_regression_sensitivities(X, y, w), rtol=1e-7)
+    assert s.sum() == pytest.approx(2.0)
+
+
+def test_linear_regression_without_target_is_leverage_with_the_intercept() -> None:
+    rng = np.random.default_rng(1)
+    X = rng.normal(size=(300, 3))
+    s = CoresetLinearRegression(dtype="float64").compute_sensitivities(X=X)
+    U = np.linalg.svd(np.column_stack([X, np.ones(300)]), full_matrices=False)[0]
+    np.testing.assert_allclose(s, (U**2).sum(axis=1) / 4.0, rtol=1e-7)
+
+
+def test_linear_regression_rows_far_from_the_fit_weigh_more() -> None:
+    rng = np.random.default_rng(2)
+    X = rng.normal(size=(1000, 2))
+    y = X @ np.array([1.0, 1.0]) + 0.1 * rng.normal(size=1000)
+    y[:10] += 5.0  # the same leverage as their neighbours, far larger residuals
+    s = CoresetLinearRegression(dtype="float64").compute_sensitivities(X=X, y=y)
+    assert s[:10].min() > 5 * np.median(s[10:])
 
 
 def test_linear_regression_outlier_and_float32() -> None:
     rng = np.random.default_rng(1)
     X = rng.normal(size=(1000, 3)).astype(np.float32)
     X[17] = [40.0, -40.0, 40.0]
-    y = X.sum(axis=1)
+    y = X.sum(axis=1)  # fitted exactly: the leverage share alone is left
     s = CoresetLinearRegression().compute_sensitivities(X=X, y=y)
     assert s.dtype == np.float32
-    assert s.argmax() == 17 and s[17] > 0.5
+    assert s.argmax() == 17 and s[17] > 100 * np.median(s)
 
 
 def test_linear_regression_rank_deficient() -> None:
     X = np.zeros((20, 3))
     X[:, 0] = np.arange(20)
     s = CoresetLinearRegression(dtype="float64").compute_sensitivities(X=X)
-    assert s.sum() == pytest.approx(2.0)  # rank 1, plus the uniform term
+    U = np.linalg.svd(np.column_stack([X[:, 0], np.ones(20)]), full_matrices=False)[0]
+    np.testing.assert_allclose(s, (U**2).sum(axis=1) / 2.0, rtol=1e-9)  # rank 2 with the intercept
 
 
 def test_linear_regression_too_few_rows() -> None:
@@ -112,6 +145,12 @@ def test_linear_regression_sample_reproducible() -> None:
     assert {"sensitivities", "important_idxs"} <= set(dicts[0])
 
 
+def _scores(models: Any, Z: np.ndarray, dtype: str) -> np.ndarray:
+    basis = models._orthonormal_basis(Z, np.dtype(dtype))
+    scores: np.ndarray = (basis**2).sum(axis=1)
+    return scores
+
+
 @pytest.mark.parametrize("dtype", ["float32", "float64"])
 def test_leverage_from_the_gram_matrix_equals_the_svd_scores(dtype: str) -> None:
     from quillmarsh.core.coreset import models
@@ -119,7 +158,7 @@ def test_leverage_from_the_gram_matrix_equals_the_svd_scores(dtype: str) -> None
     rng = np.random.default_rng(3)
     Z = (rng.normal(size=(2000, 8)) * rng.uniform(0.1, 10.0, size=8)).astype(dtype)
     U = np.linalg.svd(Z.astype(np.float64), full_matrices=False)[0]
-    np.testing.assert_allclose(models._leverage(Z, np.dtype(dtype)), (U**2).sum(axis=1), rtol=1e-6, atol=1e-9)
+    np.testing.assert_allclose(_scores(models, Z, dtype), (U**2).sum(axis=1), rtol=1e-6, atol=1e-9)
 
 
 def test_ill_conditioned_rows_get_their_leverage_from_the_svd(monkeypatch: pytest.MonkeyPatch) -> None:
@@ -136,10 +175,10 @@ def test_ill_conditioned_rows_get_their_leverage_from_the_svd(monkeypatch: pytes
         return svd(*args, **kwargs)  # type: ignore[call-overload]
 
     monkeypatch.setattr(models.np.linalg, "svd", recording)
-    scores = models._leverage(X, np.dtype("float64"))
+    scores = _scores(models, X, "float64")
     assert calls and scores.sum() == pytest.approx(3.0, rel=1e-6)
     calls.clear()
-    models._leverage(rng.normal(size=(500, 3)), np.dtype("float64"))
+    _scores(models, rng.normal(size=(500, 3)), "float64")
     assert not calls
 
 
@@ -152,4 +191,4 @@ def test_structurally_rank_deficient_rows_need_no_svd(monkeypatch: pytest.Monkey
     Z = np.column_stack([np.eye(3)[colour], np.eye(4)[size], np.full(800, 2013.0), rng.normal(size=800)])
     expected = (np.linalg.svd(Z, full_matrices=False)[0][:, :7] ** 2).sum(axis=1)  # rank 7 of 9
     monkeypatch.setattr(models.np.linalg, "svd", None)  # never called
-    np.testing.assert_allclose(models._leverage(Z, np.dtype("float64")), expected, rtol=1e-7, atol=1e-10)
+    np.testing.assert_allclose(_scores(models, Z, "float64"), expected, rtol=1e-7, atol=1e-10)

@@ -99,11 +99,21 @@ class CoresetKMeans(CoresetBase):
 
 
 class CoresetLinearRegression(CoresetBase):
-    """Coreset for linear regression by leverage scores.
+    """Coreset for linear regression (with an intercept) by leverage and residual.
 
-    A row's sensitivity is its leverage score in ``diag(sqrt(w)) [X, y]`` (in ``X`` alone when ``y``
-    is None), plus the uniform term ``w_i / sum(w)``. The scores come from the Gram matrix, in float64,
-    also when ``[X, y]`` is rank-deficient; from a thin SVD when it is ill-conditioned.
+    With ``Z = diag(sqrt(w)) [X, 1]``, ``h_i`` the leverage score of row ``i`` in ``Z`` and ``r_i`` its
+    residual in the weighted least squares of ``y`` on ``Z``, a row's sensitivity is the sum of two
+    shares, each adding up to 1 over the rows:
+
+    - its leverage score in ``diag(sqrt(w)) [X, 1, y]``, ``h_i + r_i^2 / sum(r^2)``, over their sum:
+      the rows every fit depends on, such as rare categories and extreme values, are kept whatever the
+      residuals;
+    - ``|r_i| sqrt(h_i)``, over its sum: the draw that makes the least squares of the sample vary least
+      around that of all rows (the variance of a weighted sample's fit is ``sum((1 / p_i - 1) r_i^2
+      h_i)`` to first order, smallest with ``p_i`` in proportion to ``|r_i| sqrt(h_i)``).
+
+    Without ``y`` only the leverage in ``diag(sqrt(w)) [X, 1]`` is left. The scores come from the Gram
+    matrix, in float64, also when ``Z`` is rank-deficient; from a thin SVD when it is ill-conditioned.
     Without weights every row weighs 1, and a row of weight 3 scores as much as three copies of it
     together. Needs at least as many rows as ``[X, y]`` has columns.
 
@@ -123,29 +133,37 @@ class CoresetLinearRegression(CoresetBase):
     def _sensitivities(
         self, X: np.ndarray, y: np.ndarray | None, sample_weight: np.ndarray | None
     ) -> np.ndarray:
-        Z = X if y is None else np.hstack([X, y])
-        n = Z.shape[0]
-        if sample_weight is not None:
-            Z = Z * np.sqrt(sample_weight).astype(Z.dtype)[:, None]
-        leverage = _leverage(Z, self.dtype)
-        uniform = 1.0 / n if sample_weight is None else sample_weight / sample_weight.sum()
-        sensitivities: np.ndarray = (leverage + uniform).astype(self.dtype)
+        n = X.shape[0]
+        root = np.ones(n) if sample_weight is None else np.sqrt(sample_weight)
+        Z = np.hstack([np.asarray(X, dtype=np.float64) * root[:, None], root[:, None]])
+        basis = _orthonormal_basis(Z, self.dtype)
+        leverage = np.einsum("ij,ij->i", basis, basis)
+        if y is None:
+            return (leverage / leverage.sum()).astype(self.dtype)
+        target = np.asarray(y, dtype=np.float64) * root[:, None]
+        residuals = target - basis @ (basis.T @ target)
+        squared = np.einsum("ij,ij->i", residuals, residuals)
+        total = squared.sum()
+        if not total > 0:  # y is a fit of X: no residual to weigh
+            return (leverage / leverage.sum()).astype(self.dtype)
+        with_y = leverage + squared / total
+        spread = np.sqrt(squared * leverage)
+        sensitivities: np.ndarray = (with_y / with_y.sum() + spread / spread.sum()).astype(self.dtype)
         return sensitivities
 
 
-def _leverage(Z: np.ndarray, dtype: np.dtype) -> np.ndarray:
-    """Return the leverage score of every row of ``Z``.
+def _orthonormal_basis(Z: np.ndarray, dtype: np.dtype) -> np.ndarray:
+    """Return an orthonormal basis of the column space of ``Z``, one row per row of ``Z``, in float64.
 
-    The scores are the squared norms of the rows of an orthonormal basis of its column space.
     From the eigendecomposition of the Gram matrix in float64 (``Z = U S V^T`` gives ``Z^T Z = V S^2
     V^T``, so ``U = Z V S^-1`` on the directions kept): a product of the rows with a small matrix, and
     a structural rank deficiency (a constant column, one-hot columns that add up alike) costs nothing
     more. An eigenvalue between the two thresholds is a direction that may be real or rounding; then
-    the scores come from a thin SVD of ``Z`` itself.
+    the basis comes from a thin SVD of ``Z`` itself, in ``dtype``.
     """
     Z64 = np.asarray(Z, dtype=np.float64)
-    # Scaling columns leaves the column space, and so the scores, as they are; scaled to unit norm,
-    # a timestamp and a one-hot column no longer make the Gram matrix look ill-conditioned.
+    # Scaling columns leaves the column space as it is; scaled to unit norm, a timestamp and a one-hot
+    # column no longer make the Gram matrix look ill-conditioned.
     norms = np.sqrt(np.einsum("ij,ij->j", Z64, Z64))
     Z64 = Z64[:, norms > 0] / norms[norms > 0]
     eigenvalues, vectors = np.linalg.eigh(Z64.T @ Z64)
@@ -155,11 +173,9 @@ def _leverage(Z: np.ndarray, dtype: np.dtype) -> np.ndarray:
         kept = relative > GRAM_KEPT
         zero = relative < Z64.shape[1] * np.finfo(np.float64).eps
         if (kept | zero).all():
-            basis = Z64 @ (vectors[:, kept] / np.sqrt(eigenvalues[kept]))
-            scores: np.ndarray = np.einsum("ij,ij->i", basis, basis)
-            return scores
+            basis: np.ndarray = Z64 @ (vectors[:, kept] / np.sqrt(eigenvalues[kept]))
+            return basis
     U, singular, _ = np.linalg.svd(Z64.astype(dtype, copy=False), full_matrices=False)
     tolerance = singular.max(initial=0) * max(Z.shape) * np.finfo(dtype).eps
     rank = int((singular > tolerance).sum())
-    svd_scores: np.ndarray = (U[:, :rank] ** 2).sum(axis=1)
-    return svd_scores
+    return np.asarray(U[:, :rank], dtype=np.float64)
