@@ -137,15 +137,16 @@ class CoresetLinearRegression(CoresetBase):
         root = np.ones(n) if sample_weight is None else np.sqrt(sample_weight)
         Z = np.hstack([np.asarray(X, dtype=np.float64) * root[:, None], root[:, None]])
         basis = _orthonormal_basis(Z, self.dtype)
-        leverage = np.einsum("ij,ij->i", basis, basis)
+        leverage: np.ndarray = np.einsum("ij,ij->i", basis, basis)
+        leverage_share: np.ndarray = (leverage / leverage.sum()).astype(self.dtype)
         if y is None:
-            return (leverage / leverage.sum()).astype(self.dtype)
+            return leverage_share
         target = np.asarray(y, dtype=np.float64) * root[:, None]
         residuals = target - basis @ (basis.T @ target)
         squared = np.einsum("ij,ij->i", residuals, residuals)
         total = squared.sum()
         if not total > 0:  # y is a fit of X: no residual to weigh
-            return (leverage / leverage.sum()).astype(self.dtype)
+            return leverage_share
         with_y = leverage + squared / total
         spread = np.sqrt(squared * leverage)
         sensitivities: np.ndarray = (with_y / with_y.sum() + spread / spread.sum()).astype(self.dtype)
