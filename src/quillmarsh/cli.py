@@ -33,7 +33,8 @@ if TYPE_CHECKING:
 
     from quillmarsh.core.tree.coreset_tree import Coreset, CoresetTree
     from quillmarsh.data.feature_space import FeatureSpace
-    from quillmarsh.evaluation import QualityRow
+    from quillmarsh.evaluation import QualityRow, StreamingStandardizer
+    from quillmarsh.io import SpilledBatches
 
 __all__ = ["main", "build_parser"]
 
@@ -786,8 +787,6 @@ def judge(args: argparse.Namespace, tree: CoresetTree, summaries: Dict[str, Core
     list of QualityRow
         The quality rows of every model; empty when every feature column is constant.
     """
-    from tqdm import tqdm
-
     spill, standardizer, reservoir = state["spill"], state["standardizer"], state["reservoir"]
     names = feature_space(tree).feature_names
     width = len(names)
@@ -799,40 +798,83 @@ def judge(args: argparse.Namespace, tree: CoresetTree, summaries: Dict[str, Core
         notes.append("every feature column is constant: nothing to judge")
         return []
 
-    def pieces(held: bool) -> Iterator[Tuple[np.ndarray, np.ndarray]]:
-        for batch in spill:
-            rows = batch["held"] == held
-            if rows.any():
-                yield standardizer.transform(batch["X"][rows]), batch["y"][rows]
-
-    def kept() -> Iterator[Tuple[np.ndarray, np.ndarray]]:
-        return pieces(False)
-
-    def held_out() -> Iterator[Tuple[np.ndarray, np.ndarray]]:
-        return pieces(True)
+    from tqdm import tqdm
 
     uniform = (standardizer.transform(reservoir.X), reservoir.y, reservoir.weights)
 
     def samples_of(summary: Coreset) -> Tuple[np.ndarray, Optional[np.ndarray], np.ndarray]:
         return standardizer.transform(pad(summary.X, width)), summary.y, summary.weights
 
-    steps = {"linear_regression": 5, "kmeans": 5}
-    bar = tqdm(total=sum(steps[model] for model in args.models), desc="judging", unit=" steps",
-               file=sys.stderr, disable=args.quiet, leave=False, dynamic_ncols=True,
-               bar_format="{desc}: {n_fmt}/{total_fmt} steps done, {elapsed}{postfix}")
-
-    started = [False]
-
-    def step(name: str) -> None:
-        bar.set_postfix_str(name, refresh=not started[0])
-        if started[0]:
-            bar.update(1)
-        started[0] = True
-
+    parted = standardized_parts(spill, standardizer)
+    spill.close()
     try:
-        return judged(args, summaries, samples_of, kept, held_out, uniform, step)
+        steps = {"linear_regression": 5, "kmeans": 5}
+        bar = tqdm(total=sum(steps[model] for model in args.models), desc="judging", unit=" steps",
+                   file=sys.stderr, disable=args.quiet, leave=False, dynamic_ncols=True,
+                   bar_format="{desc}: {n_fmt}/{total_fmt} steps done, {elapsed}{postfix}")
+
+        started = [False]
+
+        def step(name: str) -> None:
+            bar.set_postfix_str(name, refresh=not started[0])
+            if started[0]:
+                bar.update(1)
+            started[0] = True
+
+        def pieces(held: bool) -> Iterator[Tuple[np.ndarray, np.ndarray]]:
+            for batch in parted[held]:
+                yield batch["X"], batch["y"]
+
+        def kept() -> Iterator[Tuple[np.ndarray, np.ndarray]]:
+            return pieces(False)
+
+        def held_out() -> Iterator[Tuple[np.ndarray, np.ndarray]]:
+            return pieces(True)
+
+        try:
+            return judged(args, summaries, samples_of, kept, held_out, uniform, step)
+        finally:
+            bar.close()
     finally:
-        bar.close()
+        for part in parted.values():
+            part.close()
+
+
+def standardized_parts(spill: SpilledBatches,
+                       standardizer: StreamingStandardizer) -> Dict[bool, SpilledBatches]:
+    """Spill the judgement's rows again, standardised, the held-out rows apart from the kept ones.
+
+    The judgement reads the kept rows about ten times: standardised and parted once, they are read back
+    as they are on every pass, without a copy.
+
+    Parameters
+    ----------
+    spill : SpilledBatches
+        Batches of ``X``, ``y`` and ``held`` (True for a held-out row).
+    standardizer : StreamingStandardizer
+        Fitted on the kept rows.
+
+    Returns
+    -------
+    dict of bool to SpilledBatches
+        Batches of standardised ``X`` and of ``y``: the kept rows under False, the held-out ones under
+        True. The caller closes both.
+    """
+    from quillmarsh.io import SpilledBatches
+
+    parted = {False: SpilledBatches(), True: SpilledBatches()}
+    try:
+        for batch in spill:
+            X = standardizer.transform(batch["X"])
+            for held, part in parted.items():
+                rows = batch["held"] == held
+                if rows.any():
+                    part.append(X=X[rows], y=batch["y"][rows])
+    except BaseException:
+        for part in parted.values():
+            part.close()
+        raise
+    return parted
 
 
 def judged(args: argparse.Namespace, summaries: Dict[str, Coreset], samples_of: Callable[[Coreset], Any],

@@ -1043,6 +1043,14 @@ def _minibatches(X: np.ndarray, weight: np.ndarray, carry: List[Tuple[np.ndarray
         carry.append((X[start:], weight[start:]))
 
 
+def _openmp_limit(threads: Optional[int]) -> Any:
+    """Return a context that runs scikit-learn's OpenMP loops on ``threads`` threads (None: no limit)."""
+    if threads is None:
+        return contextlib.nullcontext()
+    threadpoolctl: Any = importlib.import_module("threadpoolctl")
+    return threadpoolctl.threadpool_limits(limits=_positive_int(threads, "openmp_threads"), user_api="openmp")
+
+
 def _unit_or(weight: np.ndarray) -> Optional[np.ndarray]:
     """Return None for weights that are all 1, which scikit-learn then need not check every time."""
     return None if bool((weight == 1.0).all()) else weight
@@ -1105,12 +1113,7 @@ def reference_kmeans(batches: BatchStream, n_clusters: int, *, n_init: int = 3, 
     models = [cluster.MiniBatchKMeans(n_clusters=n_clusters, batch_size=batch_size, n_init=1,
                                       random_state=np.random.RandomState(seed), **params) for seed in seeds]
     passes = n_passes + 1
-    limits: Any = contextlib.nullcontext()
-    if openmp_threads is not None:
-        threadpoolctl: Any = importlib.import_module("threadpoolctl")
-        limits = threadpoolctl.threadpool_limits(limits=_positive_int(openmp_threads, "openmp_threads"),
-                                                 user_api="openmp")
-    with _Measure(measure_memory) as measured, limits:
+    with _Measure(measure_memory) as measured, _openmp_limit(openmp_threads):
         fed = 0
         for _ in range(n_passes):
             carry: List[Tuple[np.ndarray, np.ndarray]] = []
@@ -1192,7 +1195,7 @@ def reference_sgd_regressor(batches: BatchStream, *, n_passes: int = 1, random_s
 
 
 def fit_in_memory(estimator: Any, X: Any, y: Any = None, sample_weight: Any = None, *,
-                  measure_memory: bool = False) -> ReferenceResult:
+                  measure_memory: bool = False, openmp_threads: Optional[int] = 1) -> ReferenceResult:
     """Fit ``estimator`` on weighted rows held in memory (a coreset, a uniform sample), timed and measured.
 
     Parameters
@@ -1207,6 +1210,10 @@ def fit_in_memory(estimator: Any, X: Any, y: Any = None, sample_weight: Any = No
         One non-negative weight per row; 1 by default.
     measure_memory : bool, default False
         Trace the allocations of the fit (``peak_memory_bytes``).
+    openmp_threads : int or None, default 1
+        OpenMP threads of scikit-learn's loops during the fit (None: its own choice). On a busy 2-core
+        machine ``KMeans(8, n_init=3)`` on 2,000 rows x 133 features took 0.43 to 0.75 s with the default
+        threads and 0.04 s with one.
 
     Returns
     -------
@@ -1221,7 +1228,7 @@ def fit_in_memory(estimator: Any, X: Any, y: Any = None, sample_weight: Any = No
     X = _check_2d(X)
     weight = _check_weight(sample_weight, len(X))
     target = None if y is None else _check_y(y, len(X))
-    with _Measure(measure_memory) as measured:
+    with _Measure(measure_memory) as measured, _openmp_limit(openmp_threads):
         estimator.fit(X, target, sample_weight=weight)
     return ReferenceResult(estimator, measured.seconds, 1, measured.peak, _peak_rss_bytes())
 

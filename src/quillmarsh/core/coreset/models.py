@@ -133,15 +133,21 @@ class CoresetLinearRegression(CoresetBase):
     def _sensitivities(
         self, X: np.ndarray, y: np.ndarray | None, sample_weight: np.ndarray | None
     ) -> np.ndarray:
-        n = X.shape[0]
-        root = np.ones(n) if sample_weight is None else np.sqrt(sample_weight)
-        Z = np.hstack([np.asarray(X, dtype=np.float64) * root[:, None], root[:, None]])
+        n, d = X.shape
+        Z = np.empty((n, d + 1))
+        Z[:, :d] = X
+        Z[:, d] = 1.0
+        root = None if sample_weight is None else np.sqrt(sample_weight)
+        if root is not None:
+            Z *= root[:, None]
         basis = _orthonormal_basis(Z, self.dtype)
         leverage: np.ndarray = np.einsum("ij,ij->i", basis, basis)
         leverage_share: np.ndarray = (leverage / leverage.sum()).astype(self.dtype)
         if y is None:
             return leverage_share
-        target = np.asarray(y, dtype=np.float64) * root[:, None]
+        target = np.asarray(y, dtype=np.float64)
+        if root is not None:
+            target = target * root[:, None]
         residuals = target - basis @ (basis.T @ target)
         squared = np.einsum("ij,ij->i", residuals, residuals)
         total = squared.sum()
@@ -163,18 +169,22 @@ def _orthonormal_basis(Z: np.ndarray, dtype: np.dtype) -> np.ndarray:
     the basis comes from a thin SVD of ``Z`` itself, in ``dtype``.
     """
     Z64 = np.asarray(Z, dtype=np.float64)
-    # Scaling columns leaves the column space as it is; scaled to unit norm, a timestamp and a one-hot
-    # column no longer make the Gram matrix look ill-conditioned.
-    norms = np.sqrt(np.einsum("ij,ij->j", Z64, Z64))
-    Z64 = Z64[:, norms > 0] / norms[norms > 0]
-    eigenvalues, vectors = np.linalg.eigh(Z64.T @ Z64)
+    gram = Z64.T @ Z64
+    # Scaling columns leaves the column space as it is. Scaled to unit norm, a timestamp and a one-hot
+    # column no longer make the Gram matrix look ill-conditioned; the scaling is done on the Gram matrix
+    # and on the small matrix that makes the basis, never on the rows.
+    norms = np.sqrt(np.diagonal(gram))
+    used = norms > 0
+    scaled = gram[np.ix_(used, used)] / np.outer(norms[used], norms[used])
+    eigenvalues, vectors = np.linalg.eigh(scaled)
     top = float(eigenvalues.max(initial=0.0))
     if top > 0:
         relative = eigenvalues / top
         kept = relative > GRAM_KEPT
-        zero = relative < Z64.shape[1] * np.finfo(np.float64).eps
+        zero = relative < scaled.shape[1] * np.finfo(np.float64).eps
         if (kept | zero).all():
-            basis: np.ndarray = Z64 @ (vectors[:, kept] / np.sqrt(eigenvalues[kept]))
+            to_basis = vectors[:, kept] / np.sqrt(eigenvalues[kept]) / norms[used][:, None]
+            basis: np.ndarray = (Z64 if used.all() else Z64[:, used]) @ to_basis
             return basis
     U, singular, _ = np.linalg.svd(Z64.astype(dtype, copy=False), full_matrices=False)
     tolerance = singular.max(initial=0) * max(Z.shape) * np.finfo(dtype).eps
