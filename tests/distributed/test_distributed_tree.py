@@ -79,3 +79,48 @@ def test_a_loaded_tree_goes_on_building_on_the_cluster(client: Any, tmp_path: An
     for X, _ in data[2:]:
         loaded.add(X)
     np.testing.assert_array_equal(loaded.coreset().ids, whole.coreset().ids)
+
+
+def test_leaves_are_built_and_nodes_merged_by_the_cluster_s_workers(client: Any) -> None:
+    from distributed import get_task_stream
+
+    with get_task_stream(client) as stream:
+        tree = build(client)
+    keys = [task["key"] for task in stream.data]
+    leaves = [key for key in keys if key.startswith("quillmarsh-leaf-")]
+    merges = [key for key in keys if key.startswith("quillmarsh-merge-")]
+    # 14 leaves, of which 8, 4 and 2 make full subtrees: 7 + 3 + 1 merges, 3 + 1 and 1 of them above
+    assert len(set(leaves)) == tree.n_leaves_ == 14
+    assert len(set(merges)) == 7 + 3 + 1
+    workers = {task["worker"] for task in stream.data if task["key"] in leaves}
+    assert workers <= set(client.scheduler_info()["workers"])
+
+
+class _Done:
+    """A finished future of the recording client below."""
+
+    def __init__(self, value: Any) -> None:
+        self.value = value
+
+
+class RecordingClient:
+    """Runs each task at once in this process, recording its function and key, as a cluster would run it."""
+
+    def __init__(self) -> None:
+        self.calls: list = []
+
+    def submit(self, function: Any, *args: Any, key: str, pure: bool) -> _Done:
+        self.calls.append((function.__name__, pure))
+        return _Done(function(*[a.value if isinstance(a, _Done) else a for a in args]))
+
+    def gather(self, futures: list) -> list:
+        return [future.value for future in futures]
+
+
+def test_a_tree_with_a_client_hands_every_leaf_and_merge_to_it() -> None:
+    recording = RecordingClient()
+    remote, local = build(recording), build()
+    names = [name for name, _ in recording.calls]
+    assert names.count("build_leaf") == 14 and names.count("merge_nodes") == 11
+    assert {pure for _, pure in recording.calls} == {False}  # each node is its own task
+    np.testing.assert_array_equal(remote.coreset(1).ids, local.coreset(1).ids)

@@ -869,9 +869,19 @@ class CoresetTree:
         )
         manager.n_jobs = self.n_jobs
         chunk_size = self.chunk_size if self.chunk_size is not None else CHUNK_SIZE_FACTOR * self.coreset_size
-        return ChunkLayer(
+        if self.client is None:
+            return ChunkLayer(
+                manager, self._layer_params(), chunk_size=chunk_size, parent=self, chunk_index=chunk_index
+            )
+        from quillmarsh.distributed.tree import RemoteLayer, RemoteMerges
+
+        layer = RemoteLayer(
             manager, self._layer_params(), chunk_size=chunk_size, parent=self, chunk_index=chunk_index
         )
+        layer.client = self.client
+        layer.reducer = self._reducer
+        self._remote = RemoteMerges(self, self.client)
+        return layer
 
     def _check_block(
         self, X: Any, y: Any, ids: Any
