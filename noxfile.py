@@ -262,7 +262,7 @@ def bench(session: nox.Session) -> None:
         session.run(python, "-m", "pip", "install", "--quiet", "--disable-pip-version-check",
                     "-c", str(CONSTRAINTS), "Cython")
     options = [option for python in pythons for option in ("--python", python)]
-    session.run(pythons[0], "benchmarks/run.py", *options, *session.posargs)
+    session.run(pythons[0], "benchmarks/bench_chunk_layer.py", "--all", *options, *session.posargs)
 
 
 @nox.session(python=PYTHONS[NEWEST], default=False)

@@ -1,23 +1,26 @@
-"""Per-call cost of the chunk layer's operations, timed with pyperf in three implementations: ``module``
-(the compiled ``quillmarsh.core.tree.chunk_layer``), ``cython`` (the tests' reference compiled by Cython 3)
-and ``python`` (the reference run by the interpreter); see ``peers.py``. The three are timed one after
-the other for each operation, so that a change in the machine's load falls on all three alike.
+"""The compiled chunk layer against its peers, per call: timed with pyperf, counted in instructions.
 
-Every collaborator is a no-op stand-in, so that what is timed is the layer itself: a data manager of
-plain values, a parent whose ``update_build_params`` does nothing, a task pool that queues nothing, a
-preprocessor and a coreset class that hand back what they are given, standard output that keeps nothing,
-and
-``ChunkNode`` replaced by a trivial class for the layer's operations (the node's own operations use the
-implementation's real one). Arrays have 2 to 4 rows, so that numpy's share is small. A statement that
-changes state starts by putting it back (``layer.buffer = half; ...``), in every implementation alike.
-pyperf calibrates the loops and runs each benchmark, named "OPERATION | IMPLEMENTATION", in worker
-processes; ``split`` makes one file per implementation of the results, for pyperf's ``compare_to``:
+The same statements (``OPERATIONS``) run in three implementations: ``module``, the compiled
+``quillmarsh.core.tree.chunk_layer``; ``python``, the tests' reference (``tests/chunk_layer/reference.py``)
+run by the interpreter; ``cython``, that reference compiled by Cython 3 (``binding=True``,
+``annotation_typing=False``, otherwise the defaults) with the interpreter's flags into
+``build/cython/<tag>/``. Every collaborator is a no-op stand-in and the arrays have 2 to 4 rows, so that
+what is measured is the layer itself. pyperf times each operation in the three one after the other
+("OPERATION | IMPLEMENTATION"), so that a change in the machine's load falls on all three alike;
+``--split`` makes one file per implementation of them, for ``compare_to``. ``--count`` runs each
+operation ``--calls`` times under callgrind, less an empty loop as long: instructions per call, which do
+not move with the load (needs valgrind). ``--all`` does every step under each ``--python`` (an
+environment with quillmarsh, pyperf and Cython), into ``build/bench/<version>/``.
 
-    python benchmarks/bench_chunk_layer.py -o build/bench/all.json [--fast]
+    python benchmarks/bench_chunk_layer.py --all --python .nox/env-3-9/bin/python --python ...
+    python benchmarks/bench_chunk_layer.py --all --quick    # one interpreter, 3 worker processes, no counts
+    python benchmarks/bench_chunk_layer.py -o build/bench/all.json [--fast]      # pyperf's options
     python benchmarks/bench_chunk_layer.py --split build/bench/all.json
-    python -m pyperf compare_to build/bench/module.json build/bench/cython.json build/bench/python.json
+    python benchmarks/bench_chunk_layer.py --count [--calls 500] [--output build/bench/instructions.md]
+    python benchmarks/bench_chunk_layer.py --peer       # builds the Cython peer if needed, prints its path
 """
 
+# ruff: noqa: E402
 from __future__ import annotations
 
 import os
@@ -26,20 +29,87 @@ import sys
 # One BLAS thread: the benchmark measures call overhead, and shares two cores with other work.
 os.environ.setdefault("OPENBLAS_NUM_THREADS", "1")
 
-import json  # noqa: E402
-from pathlib import Path  # noqa: E402
-from types import ModuleType, SimpleNamespace  # noqa: E402
-from typing import Any, Dict, List  # noqa: E402
+import argparse
+import hashlib
+import importlib.util
+import json
+import re
+import shlex
+import shutil
+import subprocess
+import sysconfig
+import tempfile
+from concurrent.futures import ThreadPoolExecutor
+from pathlib import Path
+from types import ModuleType, SimpleNamespace
+from typing import Any, Dict, List, Optional
 
-import numpy as np  # noqa: E402
-import peers  # noqa: E402
-import pyperf  # noqa: E402
+import numpy as np
+import pyperf
 
-from quillmarsh.core.tree import chunk_layer  # noqa: E402
-from quillmarsh.data.common import Dataset  # noqa: E402
+from quillmarsh.core.tree import chunk_layer
+from quillmarsh.data.common import Dataset
 
-IMPLEMENTATIONS = {"module": lambda: chunk_layer, "cython": peers.cython, "python": peers.python}
+ROOT = Path(__file__).resolve().parents[1]
+OUTPUT = ROOT / "build" / "bench"
+SOURCE = ROOT / "tests" / "chunk_layer" / "reference.py"
+DIRECTIVES = {"binding": True, "annotation_typing": False, "language_level": 3}
 CHUNK_SIZE = 4
+
+
+# -- the peers ---------------------------------------------------------------------------------------
+
+
+def _load(name: str, path: Path) -> ModuleType:
+    if name not in sys.modules:
+        spec = importlib.util.spec_from_file_location(name, path)
+        assert spec is not None and spec.loader is not None
+        sys.modules[name] = module = importlib.util.module_from_spec(spec)
+        spec.loader.exec_module(module)
+    return sys.modules[name]
+
+
+def build() -> Path:
+    """Compiles the reference into ``build/cython/<tag>/chunk_layer_cython*.so`` unless it is up to date."""
+    import Cython
+    from Cython.Compiler import Options
+    from Cython.Compiler.Main import CompilationOptions, compile_single, default_options
+
+    directory = ROOT / "build" / "cython" / f"{sys.implementation.cache_tag}-{sysconfig.get_platform()}"
+    target = directory / ("chunk_layer_cython" + (sysconfig.get_config_var("EXT_SUFFIX") or ".so"))
+    settings = repr((Cython.__version__, sys.version, DIRECTIVES)).encode()
+    stamp = hashlib.sha256(SOURCE.read_bytes() + settings)
+    stamp_file = directory / "chunk_layer_cython.stamp"
+    if target.exists() and stamp_file.exists() and stamp_file.read_text() == stamp.hexdigest():
+        return target
+    directory.mkdir(parents=True, exist_ok=True)
+    c_file = directory / "chunk_layer_cython.c"
+    Options.docstrings = True
+    options = CompilationOptions(default_options, compiler_directives=dict(DIRECTIVES),
+                                 output_file=str(c_file), module_name="chunk_layer_cython", language_level=3)
+    if compile_single(str(SOURCE), options, full_module_name="chunk_layer_cython").num_errors:
+        raise RuntimeError(f"Cython could not compile {SOURCE}")
+    # Compiled and linked as setuptools builds an extension for this interpreter.
+    var = sysconfig.get_config_var
+    cc = shlex.split(os.environ.get("CC") or var("CC") or "cc")
+    cflags = shlex.split(var("CFLAGS") or "") + shlex.split(var("CCSHARED") or "")
+    obj = c_file.with_suffix(".o")
+    subprocess.run([*cc, *cflags, f"-I{sysconfig.get_paths()['include']}", "-c", str(c_file), "-o", str(obj)],
+                   check=True)
+    ldshared = shlex.split(var("LDSHARED") or "cc -shared") + shlex.split(var("LDFLAGS") or "")
+    subprocess.run([*ldshared, str(obj), "-o", str(target)], check=True)
+    stamp_file.write_text(stamp.hexdigest())
+    return target
+
+
+IMPLEMENTATIONS = {
+    "module": lambda: chunk_layer,
+    "cython": lambda: _load("chunk_layer_cython", build()),
+    "python": lambda: _load("chunk_layer_python", SOURCE),
+}
+
+
+# -- the stand-ins and the operations ------------------------------------------------------------------
 
 
 class DataManager:
@@ -185,6 +255,73 @@ OPERATIONS = [
 ]
 
 
+# -- instruction counts ------------------------------------------------------------------------------
+
+TOTAL = re.compile(r"^(?:summary|totals):\s+(\d+)", re.MULTILINE)
+LOOP = "def loop(n):\n    for _ in range(n):\n{body}\n"
+
+
+def marked(impl: str, calls: int) -> None:
+    """Runs under callgrind: every operation in three parts (warm-up, the calls, an empty loop as long),
+    each closed by ``os.getppid()``, before which callgrind dumps (``--dump-before=getppid``)."""
+    names = namespace(IMPLEMENTATIONS[impl]())
+    for _name, statement in OPERATIONS:
+        loops = []
+        for body in (statement, "pass"):
+            scope = dict(names)
+            exec(LOOP.format(body="\n".join("        " + line for line in body.splitlines())), scope)
+            loops.append(scope["loop"])
+        loops[0](20)
+        loops[1](20)
+        os.getppid()  # dump: warm-up
+        loops[0](calls)
+        os.getppid()  # dump: the calls
+        loops[1](calls)
+        os.getppid()  # dump: the empty loop
+
+
+def count(impl: str, calls: int, directory: Path) -> Dict[str, float]:
+    """Instructions per call of every operation under one implementation: (calls - empty loop) / N."""
+    out = directory / f"{impl}.callgrind"
+    subprocess.run([shutil.which("valgrind") or "valgrind", "--tool=callgrind", "--dump-before=getppid",
+                    f"--callgrind-out-file={out}", sys.executable, __file__, "--marked", impl, str(calls)],
+                   env=dict(os.environ, PYTHONHASHSEED="0", OPENBLAS_NUM_THREADS="1"), check=True,
+                   stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+
+    def total(number: int) -> int:
+        match = TOTAL.search(Path(f"{out}.{number}").read_text(errors="replace"))
+        assert match is not None, f"no total in {out}.{number}"
+        return int(match.group(1))
+
+    return {name: (total(3 * index + 2) - total(3 * index + 3)) / calls
+            for index, (name, _) in enumerate(OPERATIONS)}
+
+
+def instructions(calls: int, output: Optional[Path]) -> None:
+    """The table of instructions per call, one valgrind run per implementation (run side by side)."""
+    if shutil.which("valgrind") is None:
+        print("bench_chunk_layer: valgrind is not on the PATH; no counts")
+        return
+    build()  # not under valgrind
+    impls = list(IMPLEMENTATIONS)
+    with tempfile.TemporaryDirectory(prefix="chunk-layer-callgrind-") as directory:
+        with ThreadPoolExecutor() as pool:
+            counted = dict(zip(impls, pool.map(lambda impl: count(impl, calls, Path(directory)), impls)))
+    lines = [f"Instructions per call (callgrind, {calls:,} calls, Python {sys.version.split()[0]})", "",
+             "| operation | " + " | ".join(impls) + " | module / cython |", "| --- |" + " ---: |" * 4]
+    for name, _ in OPERATIONS:
+        figures = [counted[impl][name] for impl in impls]
+        lines.append(f"| {name} | " + " | ".join(f"{n:,.0f}" for n in figures)
+                     + f" | {figures[0] / figures[1]:.2f} |")
+    print("\n".join(lines))
+    if output:
+        output.parent.mkdir(parents=True, exist_ok=True)
+        output.write_text("\n".join(lines) + "\n")
+
+
+# -- the runs -----------------------------------------------------------------------------------------
+
+
 def split(path: Path) -> List[Path]:
     """One pyperf file per implementation beside ``path``, each benchmark named by its operation alone."""
     suite = json.loads(path.read_text())
@@ -201,15 +338,65 @@ def split(path: Path) -> List[Path]:
     return written
 
 
+def every(python: str, quick: bool) -> None:
+    """Every step under one interpreter, into ``build/bench/<version>/``: the Cython peer, the times
+    (``all.json``) and their split, pyperf's ``compare_to`` of the three (``compare.md``) and, unless
+    ``quick``, the counts (``instructions.md``)."""
+    version = subprocess.run([python, "-c", "import sys; print('%d.%d.%d' % sys.version_info[:3])"],
+                             capture_output=True, text=True, check=True).stdout.strip()
+    directory = OUTPUT / version
+    directory.mkdir(parents=True, exist_ok=True)
+    bench = [python, __file__]
+    subprocess.run([*bench, "--peer"], check=True)  # before any timing
+    timed = directory / "all.json"
+    timed.unlink(missing_ok=True)  # pyperf writes no file over an existing one
+    print(f"### Python {version}", flush=True)
+    # pyperf's worker processes and values per process (each of loops calibrated to 100 ms). Every
+    # worker imports numpy, pandas and quillmarsh first (about a second), which the process counts pay.
+    processes, values = ("3", "2") if quick else ("10", "3")
+    subprocess.run([*bench, "--quiet", "-o", str(timed), "--processes", processes, "--values", values],
+                   check=True)
+    results = subprocess.run([*bench, "--split", str(timed)], capture_output=True, text=True,
+                             check=True).stdout.split()
+    compare = [python, "-m", "pyperf", "compare_to", "--table", "--table-format", "md", *results]
+    table = subprocess.run(compare, capture_output=True, text=True, check=True).stdout
+    (directory / "compare.md").write_text(table)
+    print(table, flush=True)
+    if not quick:
+        subprocess.run([*bench, "--count", "--output", str(directory / "instructions.md")], check=True)
+
+
 def main() -> None:
-    if sys.argv[1:2] == ["--split"]:
+    command = sys.argv[1:2]
+    if command == ["--split"]:
         print(" ".join(str(p) for p in split(Path(sys.argv[2]))))
-        return
-    runner = pyperf.Runner()
-    names = {impl: namespace(load()) for impl, load in IMPLEMENTATIONS.items()}
-    for operation, statement in OPERATIONS:
-        for impl in IMPLEMENTATIONS:
-            runner.timeit(f"{operation} | {impl}", stmt=statement, globals=names[impl])
+    elif command == ["--peer"]:
+        print(build())
+    elif command == ["--marked"]:  # under callgrind, run by count()
+        marked(sys.argv[2], int(sys.argv[3]))
+    elif command in (["--count"], ["--all"]):
+        parser = argparse.ArgumentParser(description=__doc__,
+                                         formatter_class=argparse.RawDescriptionHelpFormatter)
+        parser.add_argument("--count", action="store_true", help="the instruction counts alone, here")
+        parser.add_argument("--all", action="store_true", help="every step under each --python")
+        parser.add_argument("--python", action="append", dest="pythons", metavar="PATH")
+        parser.add_argument("--quick", action="store_true", help="the first --python, 3 processes, no counts")
+        parser.add_argument("--calls", type=int, default=500)
+        parser.add_argument("--output", type=Path, help="also write the counts' table to this file")
+        args = parser.parse_args()
+        if args.count:
+            instructions(args.calls, args.output)
+            return
+        pythons = args.pythons or [sys.executable]
+        for python in pythons[:1] if args.quick else pythons:
+            every(python, args.quick)
+        print(f"results in {OUTPUT}")
+    else:
+        runner = pyperf.Runner()
+        names = {impl: namespace(load()) for impl, load in IMPLEMENTATIONS.items()}
+        for operation, statement in OPERATIONS:
+            for impl in IMPLEMENTATIONS:
+                runner.timeit(f"{operation} | {impl}", stmt=statement, globals=names[impl])
 
 
 if __name__ == "__main__":

@@ -1,63 +1,66 @@
-"""The coreset tree against its references: quality, memory and the cost of merging.
+"""The coreset tree against its references: quality, memory, the cost of merging, upkeep and Dask.
 
-Quality. A stream of N rows goes through ``CoresetTree`` (m rows in the summary); the model solved on
-the summary is scored on all rows. Excess cost is, for k-means, (cost on all rows of the k-means
-solved on the summary) / (cost of the one solved on all rows) - 1, and for regression the relative
-excess squared loss of the weighted least squares solved on the summary over the least squares of
-all rows. The same is measured, in the same run and on the same rows, for:
-
-- the one-shot coreset: the same coreset class on all rows at once, sampled to m rows (the ideal);
-- a uniform sample of m rows, weighted N / m.
-
-Every figure is the mean over ``--seeds`` seeds, with its spread (the lowest and the highest). The
-datasets: a balanced mixture of Gaussians (k-means) and a linear model (regression), and two
-imbalanced ones that a uniform sample misses: a small cluster far from the rest, and a few rows of
-high leverage with their own slope.
-
-Memory. Streaming 2,000,000 rows against streaming 200,000 rows, each in a fresh process that makes
-its blocks as it goes and reads its own high-water mark (``VmHWM``).
-
-Cost. The tree's time against the chunk layer's alone building the same leaves: what the merges add.
-
-Upkeep. Removing the rows of one leaf from a 100-leaf tree against building the tree again; the k-means
-quality after removing a small far cluster against a tree built without it; ``save`` plus ``load``
-against the build; and the build on a local Dask cluster of 2 workers against the sequential and the
-threaded builds (rows per second, and whether the summaries are equal).
+- quality: the excess cost on all rows of the model solved on the tree's summary of m rows (k-means:
+  cost over the cost of the k-means of all rows, less 1; regression: the relative excess squared loss
+  of the weighted least squares), beside the one-shot coreset (the same class on all rows at once, the
+  ideal) and a uniform sample of m rows weighted N / m, on the same rows: mean, lowest and highest over
+  ``--seeds`` seeds. Balanced data (a Gaussian mixture, a linear model), and two imbalanced sets that a
+  uniform sample misses (a small far cluster; a few rows of high leverage with a slope of their own);
+- memory: the peak RSS (``VmHWM``) of streaming 2,000,000 rows against 200,000, each in a new process;
+- cost: the tree against its chunk layer alone building the same leaves, and the merges' own time;
+- upkeep: removing a leaf's rows, and ``save`` plus ``load``, against the build; the k-means quality
+  after removing the far cluster against a tree that never held it;
+- dask: the tree on a local cluster of 2 workers against the sequential and threaded builds (rows per
+  second, equal summaries); ``build_leaves`` over several numbers of workers and partitions against one
+  chunk layer in this process (wall time, the workers' time, the client's tail). For every run, each
+  process's CPU seconds and peak memory (``VmHWM``, reset before the run): the client's and the workers'.
 
 Usage::
 
-    python benchmarks/bench_tree.py                 # everything, about 15 minutes on 2 cores
-    python benchmarks/bench_tree.py --quick         # 200,000 rows, 3 seeds
-    python benchmarks/bench_tree.py --only quality --rows 1000000 --seeds 8
+    python benchmarks/bench_tree.py                 # everything
+    python benchmarks/bench_tree.py --quick         # 200,000 rows, m = 200, 3 seeds, fewer points
+    python benchmarks/bench_tree.py --only quality --only dask --rows 2000000 --seeds 8
 """
 
+# ruff: noqa: E402
 from __future__ import annotations
 
 import argparse
+import contextlib
 import json
+import logging
 import os
 import subprocess
 import sys
+import tempfile
 import time
 from pathlib import Path
-from typing import Any, Callable, Dict, List, Tuple
+from types import SimpleNamespace
+from typing import Any, Callable, Dict, Iterable, Iterator, List, Optional, Tuple
 
-os.environ.setdefault("OPENBLAS_NUM_THREADS", "1")  # two cores: BLAS threads would compete
+# One BLAS thread per process (unless the caller chose): two cores, shared with the workers.
+for _variable in ("OPENBLAS_NUM_THREADS", "OMP_NUM_THREADS", "MKL_NUM_THREADS"):
+    os.environ.setdefault(_variable, "1")
 
-import numpy as np  # noqa: E402
-from quillmarsh.core.tree.chunk_layer import ChunkLayer, ChunkSensitivitiesParams  # noqa: E402
-from sklearn.cluster import KMeans  # noqa: E402
-from sklearn.linear_model import LinearRegression  # noqa: E402
+import numpy as np
+import pandas as pd
+from quillmarsh.core.tree.chunk_layer import ChunkLayer, ChunkSensitivitiesParams
+from sklearn.cluster import KMeans
+from sklearn.linear_model import LinearRegression
 
-from quillmarsh import CoresetKMeans, CoresetLinearRegression, CoresetTree  # noqa: E402
-from quillmarsh.core.coreset.sampling import sample_rows  # noqa: E402
-from quillmarsh.data.common import Dataset  # noqa: E402
-from quillmarsh.data.manager import DataManager, DataParams, FeatureField  # noqa: E402
+from quillmarsh import CoresetKMeans, CoresetLinearRegression, CoresetTree
+from quillmarsh.core.coreset.sampling import sample_rows
+from quillmarsh.data.common import Dataset
+from quillmarsh.data.manager import DataManager, DataParams, FeatureField
 
 HERE = Path(__file__).resolve().parent
 K = 10
 FEATURES = 10
-BLOCK = 50_000
+NAMES = [f"f{i}" for i in range(FEATURES)]
+BLOCK = 50_000  # rows a block added; also the chunk of the build_leaves runs
+# (workers, partitions) of the build_leaves runs.
+LAYOUTS = [(1, 4), (2, 2), (2, 4), (2, 8), (2, 16)]
+QUICK_LAYOUTS = [(1, 4), (2, 4)]
 
 Data = Tuple[np.ndarray, np.ndarray]
 
@@ -93,15 +96,92 @@ def linear(n: int, seed: int, high_leverage: bool) -> Data:
     return X, y
 
 
+def partition(start: int, stop: int) -> pd.DataFrame:
+    """Rows ``start`` to ``stop`` of one table, made where they are used (on a worker for the cluster):
+    a linear target with noise, 1% of the features missing, indexed by row number."""
+    rng = np.random.default_rng([0, start])
+    X = rng.normal(size=(stop - start, FEATURES))
+    y = X @ np.random.default_rng(0).normal(size=FEATURES) + rng.normal(scale=0.1, size=stop - start)
+    X[rng.random(X.shape) < 0.01] = np.nan
+    return pd.DataFrame(X, columns=NAMES, index=pd.RangeIndex(start, stop)).assign(y=y)
+
+
+def bounds(rows: int, partitions: int) -> List[int]:
+    """Partition bounds of slightly uneven lengths, so that partitions leave rows over."""
+    cuts = np.linspace(0, rows, partitions + 1).round().astype(int)
+    cuts[1:-1] += np.arange(1, partitions) * 7
+    return [int(c) for c in cuts]
+
+
+# -- measuring -------------------------------------------------------------------------------------
+
+
+def timed(work: Callable[[], Any]) -> Tuple[float, Any]:
+    start = time.perf_counter()
+    result = work()
+    return time.perf_counter() - start, result
+
+
+def best_of(repeats: int, run: Callable[[], Dict[str, Any]]) -> Dict[str, Any]:
+    """The run with the lowest wall time of ``repeats``."""
+    return min((run() for _ in range(repeats)), key=lambda result: float(result["wall_s"]))
+
+
+def spread(values: List[float]) -> Dict[str, float]:
+    return {"mean": float(np.mean(values)), "min": float(np.min(values)), "max": float(np.max(values))}
+
+
+def memory_mb(status: str) -> List[float]:
+    """The resident memory now and at its peak (``VmRSS``, ``VmHWM``) in MB, from ``/proc/<pid>/status``."""
+    fields = dict(line.split(":", 1) for line in status.strip().splitlines())
+    return [round(int(fields[key].split()[0]) / 1024, 1) for key in ("VmRSS", "VmHWM")]
+
+
+def usage(reset: bool = False) -> Dict[str, float]:
+    """This process's memory (``memory_mb``) and CPU seconds; ``reset`` first brings the peak down to now."""
+    if reset:
+        Path("/proc/self/clear_refs").write_text("5")
+    rss, peak = memory_mb(Path("/proc/self/status").read_text())
+    return {"rss_mb": rss, "peak_mb": peak, "cpu_s": sum(os.times()[:2])}
+
+
+@contextlib.contextmanager
+def measured(client: Any = None) -> Iterator[Dict[str, Dict[str, float]]]:
+    """Yields a dict that the block's end fills with, for this process (the client) and every worker of
+    ``client``: the resident memory before the block, the peak within it and the CPU seconds spent."""
+
+    def now(reset: bool = False) -> Dict[str, Dict[str, float]]:
+        workers = {} if client is None else client.run(usage, reset)
+        return {"client": usage(reset), **{f"worker {i}": workers[a] for i, a in enumerate(sorted(workers))}}
+
+    report: Dict[str, Dict[str, float]] = {}
+    before = now(reset=True)
+    yield report
+    for name, after in now().items():
+        cpu = round(after["cpu_s"] - before[name]["cpu_s"], 2)
+        report[name] = {"before_mb": before[name]["rss_mb"], "peak_mb": after["peak_mb"], "cpu_s": cpu}
+
+
 # -- the summaries ---------------------------------------------------------------------------------
+
+
+def stream(tree: CoresetTree, X: np.ndarray, y: Optional[np.ndarray] = None) -> CoresetTree:
+    """Adds the rows to ``tree`` in blocks of ``BLOCK`` rows, as a stream comes."""
+    for start in range(0, X.shape[0], BLOCK):
+        tree.add(X[start : start + BLOCK], None if y is None else y[start : start + BLOCK])
+    return tree
+
+
+def kmeans_tree(X: np.ndarray, m: int, chunk: int, seed: int, **kwargs: Any) -> CoresetTree:
+    tree = CoresetTree(CoresetKMeans(k=K), coreset_size=m, chunk_size=chunk, random_state=seed, **kwargs)
+    return stream(tree, X)
 
 
 def tree_summary(model: str, X: np.ndarray, y: np.ndarray, m: int, chunk: int, seed: int) -> Any:
     coreset = CoresetKMeans(k=K) if model == "kmeans" else CoresetLinearRegression()
     tree = CoresetTree(coreset, coreset_size=m, chunk_size=chunk, random_state=seed)
-    for start in range(0, X.shape[0], BLOCK):
-        tree.add(X[start : start + BLOCK], None if model == "kmeans" else y[start : start + BLOCK])
-    c = tree.coreset()
+    with stream(tree, X, None if model == "kmeans" else y):
+        c = tree.coreset()
     return c.ids, c.weights
 
 
@@ -118,7 +198,29 @@ def uniform(n: int, m: int, seed: int) -> Any:
     return idxs, np.full(m, n / m)
 
 
-# -- scoring on all rows ---------------------------------------------------------------------------
+def data_params() -> DataParams:
+    return DataParams(features=[FeatureField(name) for name in NAMES])
+
+
+def chunk_params(m: int) -> List[ChunkSensitivitiesParams]:
+    """A k-means and a regression coreset of m rows for every leaf, as the trees here hold."""
+    return [
+        ChunkSensitivitiesParams(coreset_cls=CoresetKMeans, coreset_params={"k": K, "coreset_size": m}),
+        ChunkSensitivitiesParams(coreset_cls=CoresetLinearRegression, coreset_params={"coreset_size": m}),
+    ]
+
+
+def layer_leaves(batches: Iterable[Dataset], m: int, chunk: int, create_buffer: bool = False) -> int:
+    """The chunk layer alone building the leaves of ``batches`` in this process; returns their number."""
+    manager = DataManager(data_params=data_params())
+    parent = SimpleNamespace(update_build_params=lambda: None)  # no tree above the layer
+    layer = ChunkLayer(manager, chunk_params(m), chunk_size=chunk, parent=parent)
+    leaves = sum(1 for _ in layer.process(batches, create_buffer=create_buffer))
+    manager.close()
+    return leaves
+
+
+# -- quality: scoring on all rows ------------------------------------------------------------------
 
 
 class Scorer:
@@ -152,10 +254,7 @@ def quality_point(
         out["tree"].append(scorer.excess(*tree_summary(model, X, y, m, chunk, seed), seed))
         out["one_shot"].append(scorer.excess(*one_shot(model, X, y, m, seed), seed))
         out["uniform"].append(scorer.excess(*uniform(X.shape[0], m, seed), seed))
-    return {
-        name: {"mean": float(np.mean(v)), "min": float(np.min(v)), "max": float(np.max(v))}
-        for name, v in out.items()
-    }
+    return {name: spread(values) for name, values in out.items()}
 
 
 def run_quality(rows: int, m: int, seeds: int, quick: bool) -> Dict[str, Any]:
@@ -176,9 +275,8 @@ def run_quality(rows: int, m: int, seeds: int, quick: bool) -> Dict[str, Any]:
         points: List[Tuple[str, int, int, int]] = [("leaves 100", rows, m, chunk)]
         if not skewed:
             points += [(f"depth {d}", 2**d * chunk, m, chunk) for d in depths]
-            points += (
-                [] if quick else [(f"m {size}", rows, size, 10 * size) for size in (250, 500, 1000, 2000)]
-            )
+        if not skewed and not quick:
+            points += [(f"m {size}", rows, size, 10 * size) for size in (250, 500, 1000, 2000)]
         scorers: Dict[int, Scorer] = {}
         for label, n, size, leaf_rows in points:
             data = make(n, 1, skewed)
@@ -205,59 +303,44 @@ for start in range(0, rows, 10_000):
     X = rng.normal(size=(10_000, 10))
     tree.add(X, X.sum(axis=1))
 tree.coreset(0), tree.coreset(1)
-with open("/proc/self/status") as status:
-    print(next(line for line in status if line.startswith("VmHWM")).split()[1])
+print(open("/proc/self/status").read())
 """
 
 
-def peak_kib(rows: int, m: int) -> int:
-    done = subprocess.run(
-        [sys.executable, "-c", _STREAM, str(rows), str(m)], capture_output=True, text=True, check=True
-    )
-    return int(done.stdout.strip())
+def peak_mb(rows: int, m: int) -> float:
+    command = [sys.executable, "-c", _STREAM, str(rows), str(m)]
+    return memory_mb(subprocess.run(command, capture_output=True, text=True, check=True).stdout)[1]
 
 
 def run_memory(m: int) -> Dict[str, Any]:
-    small = min(peak_kib(200_000, m) for _ in range(2))
-    large = min(peak_kib(2_000_000, m) for _ in range(2))
-    return {"200k_MB": small / 1024, "2M_MB": large / 1024, "difference_MB": (large - small) / 1024}
+    small = min(peak_mb(200_000, m) for _ in range(2))
+    large = min(peak_mb(2_000_000, m) for _ in range(2))
+    out = {"200k_MB": small, "2M_MB": large, "difference_MB": round(large - small, 1)}
+    print("memory", json.dumps(out), flush=True)
+    return out
 
 
 # -- cost of the merges ----------------------------------------------------------------------------
 
 
-def leaves_only(X: np.ndarray, y: np.ndarray, m: int, chunk: int) -> None:
-    manager = DataManager(data_params=DataParams(features=[FeatureField(f"f{i}") for i in range(FEATURES)]))
-    params = [
-        ChunkSensitivitiesParams(coreset_cls=CoresetKMeans, coreset_params={"k": K, "coreset_size": m}),
-        ChunkSensitivitiesParams(coreset_cls=CoresetLinearRegression, coreset_params={"coreset_size": m}),
-    ]
-
-    class Parent:
-        def update_build_params(self) -> None:
-            pass
-
-    layer = ChunkLayer(manager, params, chunk_size=chunk, parent=Parent())
-    for start in range(0, X.shape[0], BLOCK):
-        dataset = Dataset(np.arange(start, start + BLOCK), X[start : start + BLOCK], y[start : start + BLOCK])
-        for _ in layer.process([dataset], create_buffer=False):
-            pass
-
-
-def tree_both(X: np.ndarray, y: np.ndarray, m: int, chunk: int) -> None:
-    tree = CoresetTree([CoresetKMeans(k=K), CoresetLinearRegression()], coreset_size=m, chunk_size=chunk)
-    for start in range(0, X.shape[0], BLOCK):
-        tree.add(X[start : start + BLOCK], y[start : start + BLOCK])
-    tree.coreset(0), tree.coreset(1)
-
-
 def run_cost(rows: int, m: int, repeats: int) -> Dict[str, Any]:
     """The tree against the chunk layer alone on the same leaves; the merges' own time, measured inside
     the tree run, against the leaves' time."""
+    from unittest import mock
+
     from quillmarsh.core.tree import coreset_tree
 
     X, y = linear(rows, 0, False)
     chunk = 10 * m
+
+    def blocks() -> Iterator[Dataset]:
+        for start in range(0, rows, BLOCK):
+            yield Dataset(np.arange(start, start + BLOCK), X[start : start + BLOCK], y[start : start + BLOCK])
+
+    def tree_both() -> None:
+        tree = CoresetTree([CoresetKMeans(k=K), CoresetLinearRegression()], coreset_size=m, chunk_size=chunk)
+        stream(tree, X, y).coreset(0), tree.coreset(1)
+
     merging = [0.0]
     original = coreset_tree.Reducer.merge
 
@@ -269,105 +352,142 @@ def run_cost(rows: int, m: int, repeats: int) -> Dict[str, Any]:
             merging[0] += time.perf_counter() - start
 
     timings: Dict[str, List[float]] = {"leaves": [], "tree": [], "merges": []}
-    coreset_tree.Reducer.merge = timed_merge  # type: ignore[method-assign]
-    try:
+    with mock.patch.object(coreset_tree.Reducer, "merge", timed_merge):
         for _ in range(repeats):
-            for name, work in (("leaves", leaves_only), ("tree", tree_both)):
-                merging[0] = 0.0
-                start = time.perf_counter()
-                work(X, y, m, chunk)
-                timings[name].append(time.perf_counter() - start)
+            merging[0] = 0.0
+            timings["leaves"].append(timed(lambda: layer_leaves(blocks(), m, chunk))[0])
+            timings["tree"].append(timed(tree_both)[0])
             timings["merges"].append(merging[0])
-    finally:
-        coreset_tree.Reducer.merge = original  # type: ignore[method-assign]
     leaves, tree, merges = min(timings["leaves"]), min(timings["tree"]), min(timings["merges"])
-    return {
-        "leaves_s": leaves,
-        "tree_s": tree,
-        "merges_s": merges,
-        "merges_add": merges / leaves,
-        "tree_adds": tree / leaves - 1.0,
-        "rows_per_s": rows / tree,
-    }
+    out = {"leaves_s": leaves, "tree_s": tree, "merges_s": merges, "merges_add": merges / leaves,
+           "tree_adds": tree / leaves - 1.0, "rows_per_s": rows / tree}
+    print("cost", json.dumps(out), flush=True)
+    return out
 
 
-# -- upkeep: removing rows, saving and loading, building on Dask --------------------------------------
-
-
-def _timed(work: Callable[[], Any]) -> Tuple[float, Any]:
-    start = time.perf_counter()
-    result = work()
-    return time.perf_counter() - start, result
-
-
-def _kmeans_tree(X: np.ndarray, m: int, seed: int, **kwargs: Any) -> CoresetTree:
-    tree = CoresetTree(
-        CoresetKMeans(k=K), coreset_size=m, chunk_size=X.shape[0] // 100, random_state=seed, **kwargs
-    )
-    for start in range(0, X.shape[0], BLOCK):
-        tree.add(X[start : start + BLOCK], ids=np.arange(start, min(start + BLOCK, X.shape[0])))
-    return tree
+# -- upkeep: removing rows, saving and loading -------------------------------------------------------
 
 
 def run_upkeep(rows: int, m: int, seeds: int) -> Dict[str, Any]:
-    import tempfile
-
     X, _ = mixture(rows, 1, True)
     far = np.flatnonzero(X[:, 0] > 100)
-    out: Dict[str, Any] = {"rows": rows, "m": m}
-    build_s, tree = _timed(lambda: _kmeans_tree(X, m, 0))
     chunk = rows // 100
+    out: Dict[str, Any] = {"rows": rows, "m": m}
+    build_s, tree = timed(lambda: kmeans_tree(X, m, chunk, 0))
     # Half a leaf: the leaf is rebuilt from its stored chunk; then the rest: it is left empty.
-    half_s, _ = _timed(lambda: tree.remove(np.arange(3 * chunk, 3 * chunk + chunk // 2)))
-    rest_s, _ = _timed(lambda: tree.remove(np.arange(3 * chunk + chunk // 2, 4 * chunk)))
+    half_s, _ = timed(lambda: tree.remove(np.arange(3 * chunk, 3 * chunk + chunk // 2)))
+    rest_s, _ = timed(lambda: tree.remove(np.arange(3 * chunk + chunk // 2, 4 * chunk)))
     out["build_s"], out["remove_half_leaf_s"], out["remove_rest_of_leaf_s"] = build_s, half_s, rest_s
     out["remove_speedup"] = build_s / max(half_s, rest_s)
     with tempfile.TemporaryDirectory() as folder:
-        save_s, _ = _timed(lambda: tree.save(os.path.join(folder, "tree")))
-        load_s, loaded = _timed(lambda: CoresetTree.load(os.path.join(folder, "tree")))
+        save_s, _ = timed(lambda: tree.save(os.path.join(folder, "tree")))
+        load_s, loaded = timed(lambda: CoresetTree.load(os.path.join(folder, "tree")))
         loaded.close()
     out["save_s"], out["load_s"] = save_s, load_s
     out["save_load_share_of_build"] = (save_s + load_s) / build_s
     tree.close()
     print("upkeep", json.dumps(out), flush=True)
-    # The far cluster removed against never added, over seeds.
-    scorer = Scorer("kmeans", np.delete(X, far, axis=0), np.zeros(rows - far.size))
-    removed, never = [], []
+    # The far cluster removed against never added, over seeds (ids: the running row count).
     keep = np.setdiff1d(np.arange(rows), far)
+    scorer = Scorer("kmeans", X[keep], np.zeros(keep.size))
+    removed, never = [], []
     for seed in range(seeds):
-        with _kmeans_tree(X, m, seed) as tree:
+        with kmeans_tree(X, m, chunk, seed) as tree:
             tree.remove(far)
             c = tree.coreset()
             removed.append(scorer.excess(np.searchsorted(keep, c.ids), c.weights, seed))
-        with CoresetTree(CoresetKMeans(k=K), coreset_size=m, chunk_size=chunk, random_state=seed) as tree:
-            for start in range(0, keep.size, BLOCK):
-                tree.add(X[keep[start : start + BLOCK]], ids=np.arange(start, min(start + BLOCK, keep.size)))
+        with kmeans_tree(X[keep], m, chunk, seed) as tree:
             c = tree.coreset()
             never.append(scorer.excess(c.ids, c.weights, seed))
-    out["far_cluster_removed"] = {"mean": float(np.mean(removed)), "min": min(removed), "max": max(removed)}
-    out["far_cluster_never_added"] = {"mean": float(np.mean(never)), "min": min(never), "max": max(never)}
+    out["far_cluster_removed"], out["far_cluster_never_added"] = spread(removed), spread(never)
     print("upkeep", json.dumps(out), flush=True)
     return out
 
 
-def run_dask(rows: int, m: int) -> Dict[str, Any]:
-    import logging
+# -- on a Dask cluster -------------------------------------------------------------------------------
 
+
+def tree_on_dask(rows: int, m: int) -> Dict[str, Any]:
+    """The tree built sequentially, on 2 pool threads and on a local cluster of 2 workers."""
     from quillmarsh.distributed import connect
 
     X, _ = mixture(rows, 2, False)
-    seconds: Dict[str, float] = {}
+    chunk = rows // 100
+    out: Dict[str, Any] = {}
     summaries: Dict[str, Any] = {}
     with connect("local", n_workers=2, silence_logs=logging.ERROR) as client:
-        _kmeans_tree(X[: rows // 10], m, 0, client=client).close()  # warm the workers
+        kmeans_tree(X[: rows // 10], m, chunk, 0, client=client).close()  # warm the workers
         for name, kwargs in (("sequential", {}), ("threads", {"n_jobs": 2}), ("dask", {"client": client})):
-            seconds[name], tree = _timed(lambda kwargs=kwargs: _kmeans_tree(X, m, 0, **kwargs))
-            summaries[name] = tree.coreset()
-            tree.close()
-    equal = all(np.array_equal(summaries[name].ids, summaries["sequential"].ids) for name in summaries)
-    out = {f"{name}_rows_per_s": rows / s for name, s in seconds.items()}
-    out["summaries_equal"] = equal
-    print("dask", json.dumps(out), flush=True)
+            with measured(client) as memory:
+                seconds, tree = timed(lambda kwargs=kwargs: kmeans_tree(X, m, chunk, 0, **kwargs))
+            with tree:
+                summaries[name] = tree.coreset()
+            out[name] = {"rows_per_s": rows / seconds, "memory": memory}
+    first = summaries["sequential"]  # ids, rows, targets and weights, each exactly equal
+    out["summaries_equal"] = all(all(map(np.array_equal, c, first)) for c in summaries.values())
+    return out
+
+
+def one_process(rows: int, m: int) -> Dict[str, Any]:
+    """The chunk layer alone over the rows of ``partition``, made here partition by partition."""
+    cuts = bounds(rows, 4)
+
+    def batches() -> Iterator[Dataset]:
+        for start, stop in zip(cuts[:-1], cuts[1:]):
+            frame = partition(start, stop)
+            for first in range(0, len(frame), BLOCK):
+                part = frame.iloc[first : first + BLOCK]
+                yield Dataset(part.index.to_numpy(), part[NAMES].to_numpy(), part["y"].to_numpy())
+
+    with measured() as memory:
+        wall, leaves = timed(lambda: layer_leaves(batches(), m, BLOCK, create_buffer=True))
+    return {"layout": "one process", "leaves": leaves, "wall_s": wall, "memory": memory}
+
+
+def on_cluster(rows: int, m: int, workers: int, partitions: int) -> Dict[str, Any]:
+    """``build_leaves`` on a new local cluster of ``workers`` processes (one thread each), over
+    ``partitions`` partitions made on the workers."""
+    from dask import delayed
+
+    from quillmarsh.distributed import ManagerSettings, build_leaves, connect
+
+    begun = time.perf_counter()
+    with connect("local", n_workers=workers, silence_logs=logging.ERROR) as client:
+        # The library's import on every worker belongs to the cluster's start, timed apart.
+        client.run(lambda: __import__("quillmarsh.distributed.leaves"))
+        start_s = time.perf_counter() - begun
+        cuts = bounds(rows, partitions)
+        parts = [delayed(partition, pure=True)(a, b) for a, b in zip(cuts[:-1], cuts[1:])]
+        with measured(client) as memory:
+            result = build_leaves(parts, "y", ManagerSettings(data_params()), chunk_params(m), BLOCK,
+                                  client=client, progress=False, n_rows=rows)
+    assert result.n_rows == rows and not result.failed
+    per_worker: Dict[str, float] = {}
+    for stats in result.partitions:
+        per_worker[stats.worker] = per_worker.get(stats.worker, 0.0) + stats.seconds
+    return {
+        "layout": f"{workers} worker{'s' if workers > 1 else ''}, {partitions} partitions",
+        "leaves": len(result.leaves),
+        "tail_leaves": sum(1 for leaf in result.leaves if leaf.partition is None),
+        "cluster_start_s": start_s,
+        "wall_s": result.wall_seconds,
+        "workers_s": sum(per_worker.values()),
+        "busiest_worker_s": max(per_worker.values()),
+        "tail_s": result.tail_seconds,
+        "memory": memory,
+    }
+
+
+def run_dask(rows: int, m: int, repeats: int, layouts: List[Tuple[int, int]]) -> Dict[str, Any]:
+    out: Dict[str, Any] = {"tree": tree_on_dask(rows, m)}
+    print("dask", json.dumps(out["tree"]), flush=True)
+    runs = [best_of(repeats, lambda: one_process(rows, m))]
+    for workers, partitions in layouts:
+        runs.append(best_of(repeats, lambda w=workers, p=partitions: on_cluster(rows, m, w, p)))
+    for run in runs:
+        run["vs_one_process"] = runs[0]["wall_s"] / run["wall_s"]
+        print("dask", json.dumps(run), flush=True)
+    out["build_leaves"] = runs
     return out
 
 
@@ -385,9 +505,7 @@ def plot(results: Dict[str, Any], path: Path) -> None:
     for column, name in enumerate(cases):
         case = results["cases"][name]
         for row, prefix in enumerate(("depth", "m")):
-            keys = sorted(
-                (key for key in case if key.startswith(prefix + " ")), key=lambda k: int(k.split()[1])
-            )
+            keys = sorted((k for k in case if k.startswith(prefix + " ")), key=lambda k: int(k.split()[1]))
             xs = [case[key]["rows"] if prefix == "depth" else int(key.split()[1]) for key in keys]
             ax = axes[row][column]
             for method, style in (("tree", "o-"), ("one_shot", "s--"), ("uniform", "^:")):
@@ -414,29 +532,25 @@ def main() -> None:
     parser.add_argument("--rows", type=int, default=1_000_000)
     parser.add_argument("--m", type=int, default=1000)
     parser.add_argument("--seeds", type=int, default=8)
+    parser.add_argument("--repeats", type=int, default=3, help="timings kept at their best (1 with --quick)")
     parser.add_argument("--quick", action="store_true", help="200,000 rows, m = 200, 3 seeds, fewer points")
     parser.add_argument("--only", choices=["quality", "memory", "cost", "upkeep", "dask"], action="append")
     parser.add_argument("--out", type=Path, default=HERE.parent / "build" / "bench" / "tree_results.json")
     parser.add_argument("--plot", type=Path, default=HERE / "tree_quality.png")
     args = parser.parse_args()
     if args.quick:
-        args.rows, args.m, args.seeds = 200_000, 200, 3
-    parts = args.only or ["quality", "memory", "cost", "upkeep", "dask"]
-    results: Dict[str, Any] = {}
-    if "cost" in parts:
-        results["cost"] = run_cost(args.rows, args.m, 1 if args.quick else 3)
-        print("cost", json.dumps(results["cost"]), flush=True)
-    if "memory" in parts:
-        results["memory"] = run_memory(args.m)
-        print("memory", json.dumps(results["memory"]), flush=True)
-    if "upkeep" in parts:
-        results["upkeep"] = run_upkeep(args.rows, args.m, args.seeds)
-    if "dask" in parts:
-        results["dask"] = run_dask(args.rows, args.m)
-    if "quality" in parts:
-        results["quality"] = run_quality(args.rows, args.m, args.seeds, args.quick)
-        if not args.quick:
-            plot(results["quality"], args.plot)
+        args.rows, args.m, args.seeds, args.repeats = 200_000, 200, 3, 1
+    layouts = QUICK_LAYOUTS if args.quick else LAYOUTS
+    parts: Dict[str, Callable[[], Dict[str, Any]]] = {  # in this order
+        "cost": lambda: run_cost(args.rows, args.m, args.repeats),
+        "memory": lambda: run_memory(args.m),
+        "upkeep": lambda: run_upkeep(args.rows, args.m, args.seeds),
+        "dask": lambda: run_dask(args.rows, args.m, args.repeats, layouts),
+        "quality": lambda: run_quality(args.rows, args.m, args.seeds, args.quick),
+    }
+    results = {name: run() for name, run in parts.items() if name in (args.only or parts)}
+    if "quality" in results and not args.quick:
+        plot(results["quality"], args.plot)
     args.out.parent.mkdir(parents=True, exist_ok=True)
     args.out.write_text(json.dumps(results, indent=1) + "\n")
     print(f"wrote {args.out}")
