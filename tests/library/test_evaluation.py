@@ -575,3 +575,26 @@ def _centres_of_best(batches: list) -> np.ndarray:
     from sklearn.cluster import KMeans
 
     return KMeans(n_clusters=2, n_init=5, random_state=0).fit(np.vstack(batches)).cluster_centers_
+
+
+def test_streamed_references_trace_memory_over_their_first_pass_only() -> None:
+    import tracemalloc
+
+    X, _ = blobs(n=2000)
+    y = X.sum(axis=1)
+    for fit in (
+        lambda stream: reference_kmeans(stream, 4, n_init=2, n_passes=2, batch_size=256, random_state=0,
+                                        measure_memory=True),
+        lambda stream: reference_sgd_regressor(stream, n_passes=3, random_state=0, measure_memory=True),
+    ):
+        tracing: List[bool] = []
+
+        def stream(tracing: List[bool] = tracing) -> Iterator[Tuple[np.ndarray, np.ndarray]]:
+            tracing.append(tracemalloc.is_tracing())  # at the start of every pass
+            for start in range(0, len(X), 500):
+                yield X[start: start + 500], y[start: start + 500]
+
+        result = fit(stream)
+        assert tracing[0] and not any(tracing[1:]) and len(tracing) >= 3
+        assert result.peak_memory_bytes is not None and result.peak_memory_bytes > X[:500].nbytes
+        assert not tracemalloc.is_tracing()
