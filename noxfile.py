@@ -188,16 +188,25 @@ def make_environment(session: nox.Session) -> None:
     install_quillmarsh(session, ENVIRONMENTS[name])
 
 
+# The reliability tests whose subject is the interpreter, not the arrays: one run per interpreter.
+INTERPRETER_TESTS = ["test_interpreter_exit", "test_python_corners", "test_bad_input",
+                     "test_interpreter_support", "test_module_namespace"]
+
+
 def run_tests(session: nox.Session) -> None:
     """The test suite in this environment.
 
     Arguments after ``--`` go to pytest. The type checks (one set of stubs is enough) and the wheel of
     the running interpreter (built and installed afresh: minutes) run under the newest CPython only;
-    ``scripts/dev wheels`` checks every version.
+    ``scripts/dev wheels`` checks every version. A numpy variant leaves out the reliability tests that
+    drive the interpreter itself (exit, signals, recursion, protocol misuse, sub-interpreters), which
+    the plain environment of the same interpreter runs; everything that handles arrays runs again.
     """
     name = session.name.removeprefix("tests-")
     selection = "not slow" if name == NEWEST else "not slow and not typing and not wheel"
-    session.run(env_python(session, name), "-m", "pytest", "-m", selection, *session.posargs)
+    variant = [] if name == ENVIRONMENTS[name] else [f"--ignore=tests/reliability/{test}.py"
+                                                    for test in INTERPRETER_TESTS]
+    session.run(env_python(session, name), "-m", "pytest", "-m", selection, *variant, *session.posargs)
 
 
 for _name, _version in ENVIRONMENTS.items():
