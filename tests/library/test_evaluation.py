@@ -598,3 +598,24 @@ def test_streamed_references_trace_memory_over_their_first_pass_only() -> None:
         assert tracing[0] and not any(tracing[1:]) and len(tracing) >= 3
         assert result.peak_memory_bytes is not None and result.peak_memory_bytes > X[:500].nbytes
         assert not tracemalloc.is_tracing()
+
+
+def test_in_memory_fits_run_scikit_learn_s_openmp_loops_on_the_threads_asked() -> None:
+    from sklearn.cluster import KMeans  # loads scikit-learn's OpenMP runtime
+    from threadpoolctl import threadpool_info
+
+    from quillmarsh.evaluation import fit_in_memory
+
+    class Recording(KMeans):  # type: ignore[misc]
+        seen: List[int] = []
+
+        def fit(self, X: np.ndarray, y: object = None, sample_weight: object = None) -> Recording:
+            pools = threadpool_info()
+            Recording.seen += [pool["num_threads"] for pool in pools if pool["user_api"] == "openmp"]
+            return self
+
+    X, _ = blobs(n=200)
+    fit_in_memory(Recording(n_clusters=2), X)
+    if not Recording.seen:
+        pytest.skip("scikit-learn runs without OpenMP here")
+    assert set(Recording.seen) == {1}
