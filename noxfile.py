@@ -215,7 +215,12 @@ for _name, _version in ENVIRONMENTS.items():
         make_environment, python=PYTHONS[_version], name=f"env-{_name}", tags=["env"], default=False,
         allow_parallel=True, requires=[f"env-{_version}"] if _name != _version else [],
     )
-    nox.session(run_tests, python=False, name=f"tests-{_name}", tags=["tests"], requires=[f"env-{_name}"])
+# The suites may run side by side (``--parallel``): each has its own interpreter, environment and
+# temporary folders. The newest comes first: it also runs the type checks and builds a wheel, and a
+# long suite started last would run alone at the end.
+for _name in sorted(ENVIRONMENTS, key=lambda name: ENVIRONMENTS[name] != NEWEST):
+    nox.session(run_tests, python=False, name=f"tests-{_name}", tags=["tests"], requires=[f"env-{_name}"],
+                allow_parallel=True)
 
 
 @nox.session(python=False, name="typing", requires=[f"env-{NEWEST}"], default=False)
