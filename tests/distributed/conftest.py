@@ -22,5 +22,6 @@ def client() -> Iterator[object]:
     from quillmarsh.distributed import connect
 
     cloudpickle.register_pickle_by_value(stream_tables)
-    with connect("local", n_workers=2, silence_logs=logging.ERROR) as connected:
+    # any free port for the dashboard: another suite may run its own cluster at the same time
+    with connect("local", n_workers=2, silence_logs=logging.ERROR, dashboard_address=":0") as connected:
         yield connected
