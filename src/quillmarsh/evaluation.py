@@ -1061,6 +1061,15 @@ def _openmp_limit(threads: Optional[int]) -> Any:
     return threadpoolctl.threadpool_limits(limits=_positive_int(threads, "openmp_threads"), user_api="openmp")
 
 
+def _checked_already() -> Any:
+    """Return a context in which scikit-learn skips its finiteness check.
+
+    The caller checked each batch (``_check_2d``); a minibatch cut from it needs no second check.
+    """
+    sklearn: Any = importlib.import_module("sklearn")
+    return sklearn.config_context(assume_finite=True)
+
+
 def _unit_or(weight: np.ndarray) -> Optional[np.ndarray]:
     """Return None for weights that are all 1, which scikit-learn then need not check every time."""
     return None if bool((weight == 1.0).all()) else weight
@@ -1123,7 +1132,7 @@ def reference_kmeans(batches: BatchStream, n_clusters: int, *, n_init: int = 3, 
     models = [cluster.MiniBatchKMeans(n_clusters=n_clusters, batch_size=batch_size, n_init=1,
                                       random_state=np.random.RandomState(seed), **params) for seed in seeds]
     passes = n_passes + 1
-    with _Measure(measure_memory) as measured, _openmp_limit(openmp_threads):
+    with _Measure(measure_memory) as measured, _openmp_limit(openmp_threads), _checked_already():
         fed = 0
         for _ in range(n_passes):
             carry: List[Tuple[np.ndarray, np.ndarray]] = []
@@ -1189,7 +1198,7 @@ def reference_sgd_regressor(batches: BatchStream, *, n_passes: int = 1, random_s
     linear_model: Any = importlib.import_module("sklearn.linear_model")
     model = linear_model.SGDRegressor(random_state=_seeds(random_state, 1)[0], **params)
     fed = 0
-    with _Measure(measure_memory) as measured:
+    with _Measure(measure_memory) as measured, _checked_already():
         for _ in range(n_passes):
             for batch in _one_pass(batches, n_passes):
                 X, y, weight = _unpack(batch)

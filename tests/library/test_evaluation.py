@@ -619,3 +619,15 @@ def test_in_memory_fits_run_scikit_learn_s_openmp_loops_on_the_threads_asked() -
     if not Recording.seen:
         pytest.skip("scikit-learn runs without OpenMP here")
     assert set(Recording.seen) == {1}
+
+
+def test_streamed_references_refuse_a_batch_with_missing_values_themselves() -> None:
+    X, _ = blobs(n=600)
+    y = X.sum(axis=1)
+    bad = X.copy()
+    bad[450, 1] = np.nan  # in the last batch, after scikit-learn has seen clean minibatches
+    batches = [(bad[start: start + 200], y[start: start + 200]) for start in range(0, 600, 200)]
+    with pytest.raises(ValueError, match="missing or infinite"):
+        reference_kmeans(batches, 3, n_init=1, batch_size=64, random_state=0)
+    with pytest.raises(ValueError, match="missing or infinite"):
+        reference_sgd_regressor(batches, random_state=0)
