@@ -329,7 +329,8 @@ def test_a_killed_save_leaves_the_previous_one_loadable(tmp_path: Path) -> None:
         from quillmarsh import CoresetTree, CoresetKMeans
         from quillmarsh.core.tree import persist
 
-        tree = CoresetTree(CoresetKMeans(k=3), coreset_size=30, chunk_size=100, random_state=0)
+        tree = CoresetTree(CoresetKMeans(k=3), coreset_size=30, chunk_size=100, random_state=0,
+                           data_dir={str(tmp_path / "work")!r})  # the killed process leaves it here
         tree.add(np.random.default_rng(0).normal(size=(500, 3)))
         tree.save({str(save)!r})
         print(tree.coreset().ids.sum(), flush=True)
