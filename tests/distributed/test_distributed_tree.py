@@ -89,7 +89,7 @@ def test_leaves_are_built_and_nodes_merged_by_the_cluster_s_workers(client: Any)
     keys = [task["key"] for task in stream.data]
     leaves = [key for key in keys if key.startswith("quillmarsh-leaf-")]
     merges = [key for key in keys if key.startswith("quillmarsh-merge-")]
-    # 14 leaves, of which 8, 4 and 2 make full subtrees: 7 + 3 + 1 merges, 3 + 1 and 1 of them above
+    # 14 leaves make full subtrees of 8, 4 and 2 leaves: 7 + 3 + 1 merges
     assert len(set(leaves)) == tree.n_leaves_ == 14
     assert len(set(merges)) == 7 + 3 + 1
     workers = {task["worker"] for task in stream.data if task["key"] in leaves}
@@ -104,7 +104,7 @@ class _Done:
 
 
 class RecordingClient:
-    """Runs each task at once in this process, recording its function and key, as a cluster would run it."""
+    """Runs each task at once in this process, as a cluster would run it, and records its function."""
 
     def __init__(self) -> None:
         self.calls: list = []
