@@ -71,7 +71,7 @@ def found_pythons() -> Dict[str, str]:
 
 PYTHONS = found_pythons()
 NEWEST = max(PYTHONS, key=lambda version: tuple(int(part) for part in version.split(".")))
-# The environments, by name, in the order the tests run: each version, 3.9 twice.
+# The environments, by name: each version, 3.9 twice (the second with the oldest supported numpy).
 ENVIRONMENTS: Dict[str, str] = {}
 for _version in PYTHONS:
     ENVIRONMENTS[_version] = _version
@@ -266,10 +266,10 @@ def stress(session: nox.Session) -> None:
 
 @nox.session(python=False, requires=[f"env-{name}" for name in ENVIRONMENTS], default=False)
 def bench(session: nox.Session) -> None:
-    """The benchmarks under every environment, in version order (``-- --quick``: one version).
+    """The chunk layer's benchmarks under every environment, in version order (``-- --quick``: one).
 
-    Cython, at its pinned release, compiles the peer in each; the first aggregates the tables and
-    draws the plots.
+    Cython, at its pinned release, compiles the peer in each; ``bench_chunk_layer.py --all`` times
+    them with pyperf, counts their instructions and writes the tables under ``build/bench/``.
     """
     pythons = [env_python(session, name) for name in ENVIRONMENTS]
     for python in pythons:
