@@ -731,7 +731,7 @@ def second_pass(args: argparse.Namespace, table: Table, target: str, tree: Cores
                 batch = split(frame, target)
                 usable = batch.usable
                 if usable.any():
-                    X = space.transform(batch.X.to_numpy()[usable])
+                    X = space.transform(batch.X[usable])
                     held = batch.held[usable]
                     y = batch.y[usable]
                     kept = ~held
@@ -845,7 +845,7 @@ def standardized_parts(spill: SpilledBatches,
     """Spill the judgement's rows again, standardised, the held-out rows apart from the kept ones.
 
     The judgement reads the kept rows about ten times: standardised and parted once, they are read back
-    as they are on every pass, without a copy.
+    as they are on every pass, without a copy. ``spill`` is drained: its pages go to the new spills.
 
     Parameters
     ----------
@@ -864,7 +864,7 @@ def standardized_parts(spill: SpilledBatches,
 
     parted = {False: SpilledBatches(), True: SpilledBatches()}
     try:
-        for batch in spill:
+        for batch in spill.drain():
             X = standardizer.transform(batch["X"])
             for held, part in parted.items():
                 rows = batch["held"] == held

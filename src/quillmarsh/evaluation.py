@@ -45,6 +45,7 @@ from dataclasses import dataclass, field
 from typing import Any, Callable, Dict, Iterable, Iterator, List, Optional, Tuple, Union
 
 import numpy as np
+from scipy.linalg.lapack import dtpqrt as _tpqrt
 
 from quillmarsh.core.distances import squared_distances
 from quillmarsh.validation import check_positive_int
@@ -73,8 +74,10 @@ __all__ = [
 ]
 
 RandomState = Union[None, int, np.random.Generator]
-_QR_ROWS = 4096
-"""Rows of a batch stacked under the R factor of ``StreamingLeastSquares`` at once."""
+_QR_ROWS = 2048
+"""Rows of a batch put under the R factor of ``StreamingLeastSquares`` at once."""
+_QR_BLOCK = 32
+"""Columns of LAPACK's blocks in that update."""
 Batch = Union[np.ndarray, Tuple[Any, ...]]
 """An array ``X``, ``(X, y)`` or ``(X, y, sample_weight)``."""
 BatchStream = Union[Iterable[Batch], Callable[[], Iterable[Batch]]]
@@ -366,9 +369,9 @@ class StreamingLeastSquares:
     """The exact least squares of every row fed, updated batch by batch from a QR decomposition.
 
     The state is the upper-triangular R factor of ``[1, X - s, y - t]`` (every row scaled by the square
-    root of its weight), where the shifts ``s`` and ``t`` are the medians of the first batch: each batch
-    is stacked under R and decomposed again (Householder QR), so the state has ``d + 2`` rows and
-    columns whatever the stream's length, and the normal equations are never formed. The solve moves to
+    root of its weight), where the shifts ``s`` and ``t`` are the medians of the first batch: R is updated
+    by the Householder QR of R over each batch, so the state has ``d + 2`` rows and columns whatever
+    the stream's length, and the normal equations are never formed. The solve moves to
     standardised columns within R (centring and scaling are column operations, exact on R), drops the
     constant columns (coefficient 0), and takes the minimum-norm least-squares solution there: a column
     that repeats others (rank deficiency) shares the weight with them instead of getting a huge
@@ -448,22 +451,26 @@ class StreamingLeastSquares:
         if self._shift is None:
             self._shift = np.append(np.median(X, axis=0), np.median(y))
             self._min, self._max = X.min(axis=0), X.max(axis=0)
-            self._R = np.zeros((0, d + 2))
+            self._R = np.zeros((d + 2, d + 2), order="F")  # R of no rows; its lower part stays 0
         assert self._R is not None and self._min is not None and self._max is not None
         np.minimum(self._min, X.min(axis=0), out=self._min)
         np.maximum(self._max, X.max(axis=0), out=self._max)
-        # A few thousand rows at a time under R: the work is the same, the copies stay small.
+        # A few thousand rows at a time under R: the work is the same, the copies stay small. LAPACK's
+        # QR of a triangle over a block (tpqrt) updates R in place, without factoring R again: 0.55 s
+        # for 295,000 rows x 135 columns here, against 0.82 s for a QR of R stacked over the rows.
         step = max(_QR_ROWS, 4 * (d + 2))
+        block = np.empty((min(step, len(X)), d + 2), order="F")
         for start in range(0, len(X), step):
             root = np.sqrt(weight[start: start + step])
-            stacked = np.empty((len(self._R) + len(root), d + 2))
-            stacked[: len(self._R)] = self._R
-            block = stacked[len(self._R):]
-            block[:, 0] = root
-            np.subtract(X[start: start + step], self._shift[:d], out=block[:, 1:-1])
-            block[:, -1] = y[start: start + step] - self._shift[-1]
-            block[:, 1:] *= root[:, None]
-            self._R = np.linalg.qr(stacked, mode="r")[: d + 2]
+            rows = block[: len(root)]
+            rows[:, 0] = root
+            np.subtract(X[start: start + step], self._shift[:d], out=rows[:, 1:-1])
+            rows[:, -1] = y[start: start + step] - self._shift[-1]
+            rows[:, 1:] *= root[:, None]
+            self._R, _, _, info = _tpqrt(0, min(_QR_BLOCK, d + 2), self._R, np.asfortranarray(rows),
+                                         overwrite_a=1, overwrite_b=1)
+            if info != 0:  # only for arguments out of range, which the shapes here rule out
+                raise RuntimeError(f"LAPACK's tpqrt failed (info {info})")
         self.sum_weights_ += float(weight.sum())
         self._solution = None
         return self
@@ -487,9 +494,7 @@ class StreamingLeastSquares:
             return self._solution
         if self._R is None or self._shift is None or self._min is None or self._max is None:
             raise _not_fitted(type(self).__name__)
-        R, shift, d = self._R, self._shift, len(self._shift) - 1
-        if R.shape[0] < d + 2:  # fewer rows than columns so far: pad R with zero rows
-            R = np.vstack([R, np.zeros((d + 2 - R.shape[0], d + 2))])
+        R, shift, d = np.triu(self._R), self._shift, len(self._shift) - 1
         eps = np.finfo(np.float64).eps
         coef = np.zeros(d)
         means = np.zeros(d + 1)
@@ -1107,7 +1112,8 @@ def reference_kmeans(batches: BatchStream, n_clusters: int, *, n_init: int = 3, 
         is too small to share: on a busy 2-core machine one ``partial_fit`` of 1,024 rows x 134
         features took 45 ms with the default threads and 0.9 ms with one.
     **params
-        Passed on to ``MiniBatchKMeans`` (``reassignment_ratio``, ``max_no_improvement``, ...).
+        Passed on to ``MiniBatchKMeans`` (``reassignment_ratio``, ``max_no_improvement``, ...);
+        ``compute_labels`` is False unless given.
 
     Returns
     -------
@@ -1127,6 +1133,9 @@ def reference_kmeans(batches: BatchStream, n_clusters: int, *, n_init: int = 3, 
     n_passes = _positive_int(n_passes, "n_passes")
     cluster: Any = importlib.import_module("sklearn.cluster")
     seeds = _seeds(random_state, n_init)
+    # Each start's cost is computed here, on all rows: labelling every minibatch as well (scikit-learn's
+    # default) would more than double the time of each partial_fit and change nothing else.
+    params.setdefault("compute_labels", False)
     # A generator per start rather than its seed: partial_fit would make a new one from the seed on
     # every call (a millisecond each, thousands of calls), and draw the same numbers every time.
     models = [cluster.MiniBatchKMeans(n_clusters=n_clusters, batch_size=batch_size, n_init=1,

@@ -488,6 +488,21 @@ def test_reference_kmeans_is_the_same_for_the_same_seed() -> None:
     assert first.details["costs"] == again.details["costs"]
 
 
+def test_reference_kmeans_is_scikit_learn_s_own_partial_fit_without_the_minibatch_labels() -> None:
+    from sklearn.cluster import MiniBatchKMeans
+
+    X, _ = blobs(1000)
+    batches = [X[start: start + 250] for start in range(0, len(X), 250)]
+    result = reference_kmeans(batches, 4, n_init=2, batch_size=100, n_passes=2, random_state=7)
+    seed = result.details["seeds"][int(np.argmin(result.details["costs"]))]
+    plain = MiniBatchKMeans(n_clusters=4, batch_size=100, n_init=1, random_state=np.random.RandomState(seed))
+    for _ in range(2):
+        for start in range(0, len(X), 100):
+            plain.partial_fit(X[start: start + 100])
+    np.testing.assert_array_equal(result.model.cluster_centers_, plain.cluster_centers_)
+    assert hasattr(plain, "labels_") and not hasattr(result.model, "labels_")
+
+
 def test_reference_kmeans_needs_a_fresh_stream_per_pass() -> None:
     X, _ = blobs(300)
     with pytest.raises(ValueError, match="callable"):

@@ -149,6 +149,47 @@ def test_transform_encodes_new_rows_in_the_stream_space_without_learning() -> No
         space.transform(np.zeros((1, 3)))
 
 
+def mixed_table(rows: int, seed: int) -> pd.DataFrame:
+    rng = np.random.default_rng(seed)
+    floats = rng.normal(size=rows) * 1e3
+    floats[rng.random(rows) < 0.2] = np.nan
+    floats[rng.random(rows) < 0.05] = np.inf
+    text = rng.choice(np.array(["a", "b", "c", None], dtype=object), rows)
+    return pd.DataFrame({
+        "int": rng.integers(-(2**40), 2**40, rows),
+        "small_int": rng.integers(0, 5, rows).astype(np.int8),
+        "unsigned": rng.integers(0, 2**60, rows).astype(np.uint64),
+        "float": floats,
+        "float32": floats.astype(np.float32),
+        "bool": rng.random(rows) < 0.5,
+        "text": text,
+        "string": pd.array(text, dtype="string"),
+        "nullable": pd.array(np.where(rng.random(rows) < 0.3, None, rng.integers(0, 9, rows)), dtype="Int64"),
+        "category": pd.Categorical(rng.choice(["x", "y"], rows)),
+        "when": pd.Timestamp("2024-01-01") + pd.to_timedelta(rng.integers(0, 10**6, rows), unit="s"),
+        "when_text": (pd.Timestamp("2024-01-01") + pd.to_timedelta(rng.integers(0, 10**6, rows), unit="s"))
+        .strftime("%Y-%m-%d %H:%M:%S"),
+        "number_text": rng.choice(np.array(["1.5", "2", "x", None], dtype=object), rows),
+        "words": rng.choice(np.array([f"w{i}" for i in range(50)], dtype=object), rows),
+    })
+
+
+@pytest.mark.parametrize("seed", [0, 1])
+def test_a_table_is_encoded_as_its_objects_are(seed: int) -> None:
+    space = FeatureSpace()
+    names = list(mixed_table(1, 0).columns)
+    for number in range(3):  # learnt from object arrays, as a tree's chunks are
+        process(mixed_table(40, seed + 10 * number).to_numpy(), names=names,
+                config={"feature_space": space, "max_text_values": 20})
+    assert "words" not in {name.split("=")[0] for name in space.feature_names}  # left out: too many values
+    table = mixed_table(60, seed + 100)
+    expected = space.transform(table.to_numpy())
+    np.testing.assert_array_equal(space.transform(table), expected)
+    np.testing.assert_array_equal(space.transform(table.iloc[7:31]), expected[7:31])
+    with pytest.raises(ValueError, match="input columns"):
+        space.transform(table.iloc[:, 1:])
+
+
 def test_one_space_serves_one_set_of_columns() -> None:
     space = FeatureSpace()
     process(np.zeros((2, 2)), names=["a", "b"], config={"feature_space": space})

@@ -236,7 +236,7 @@ class FeatureSpace:
 
     def encode(
         self,
-        X: np.ndarray,
+        X: np.ndarray | Sequence[np.ndarray],
         missing: np.ndarray,
         input_names: Sequence[str],
         columns: Sequence[int],
@@ -250,9 +250,9 @@ class FeatureSpace:
 
         Parameters
         ----------
-        X : ndarray of shape (n_rows, n_input_columns)
-            The chunk's input columns.
-        missing : ndarray of bool, shaped like ``X``
+        X : ndarray of shape (n_rows, n_input_columns), or a sequence of n_input_columns arrays
+            The chunk's input columns: a 2-D array, or one 1-D array of ``n_rows`` per column.
+        missing : ndarray of bool of shape (n_rows, n_input_columns)
             The mask of missing entries of ``X``.
         input_names : sequence of str
             The names of the input columns; the same for every chunk of the stream.
@@ -288,7 +288,8 @@ class FeatureSpace:
         ValueError
             If ``input_names`` differ from the names the space holds.
         """
-        n_rows = X.shape[0]
+        n_rows = missing.shape[0]
+        column_of = list(X) if not isinstance(X, np.ndarray) else [X[:, c] for c in range(X.shape[1])]
         with self._lock:
             names = list(input_names)
             if self._input_names is None:
@@ -305,7 +306,7 @@ class FeatureSpace:
                 col = self._columns[c]
                 if col.kind is None and learn:
                     col.kind, numbers[c] = self._decide(
-                        X[:, c], missing[:, c], c in declared, max_text_values
+                        column_of[c], missing[:, c], c in declared, max_text_values
                     )
                     if col.kind == EXCLUDED:
                         col.note = (
@@ -315,7 +316,7 @@ class FeatureSpace:
                 if col.kind in (NUMERIC, TIMESTAMP):
                     values = numbers.get(c)
                     if values is None:
-                        values = as_numbers(X[:, c]) if col.kind == NUMERIC else as_seconds(X[:, c])
+                        values = as_numbers(column_of[c]) if col.kind == NUMERIC else as_seconds(column_of[c])
                     bad = ~np.isfinite(values)
                     if learn:
                         col.not_numbers += int((bad & ~missing[:, c]).sum())
@@ -333,7 +334,7 @@ class FeatureSpace:
                 if col.kind != CATEGORICAL:
                     continue
                 present = ~missing[:, c]
-                codes, keys = _category_codes(X[present, c])
+                codes, keys = _category_codes(column_of[c][present])
                 if learn:
                     seen = np.bincount(codes, minlength=len(keys))
                     for u in np.argsort(-seen, kind="stable"):  # most frequent first, ties in order seen
@@ -376,8 +377,9 @@ class FeatureSpace:
 
         Parameters
         ----------
-        X : array-like of shape (n_rows, n_input_columns)
-            The input columns, in order.
+        X : array-like or pandas DataFrame of shape (n_rows, n_input_columns)
+            The input columns, in order. A table's numeric columns that the stream holds as numbers are
+            read as they are; its other columns as objects, as from ``X.to_numpy()``.
         replacements : sequence or None, default=None
             One fill value per input column; None entries (or None) use the stream's.
 
@@ -391,16 +393,45 @@ class FeatureSpace:
         ValueError
             If ``X`` is not 2-D or has not one column per input column.
         """
+        names = self.input_names
+        if isinstance(X, pd.DataFrame):
+            if len(names) != X.shape[1]:
+                raise ValueError(f"the stream has {len(names)} input columns, X has {X.shape[1]}")
+            columns, missing = self._table_columns(X)
+            matrix, _, _ = self.encode(columns, missing, names, range(len(columns)),
+                                       replacements=replacements, learn=False)
+            return matrix
         X = np.asarray(X)
         if X.ndim != 2:
             raise ValueError(f"X must be 2-D, got {X.ndim}-D")
-        names = self.input_names
         if len(names) != X.shape[1]:
             raise ValueError(f"the stream has {len(names)} input columns, X has {X.shape[1]}")
         matrix, _, _ = self.encode(
             X, missing_or_inf_mask(X), names, range(X.shape[1]), replacements=replacements, learn=False
         )
         return matrix
+
+    def _table_columns(self, table: pd.DataFrame) -> Tuple[List[np.ndarray], np.ndarray]:
+        """Return a table's columns and their missing entries, as ``encode`` takes them.
+
+        A numeric column of integers or floats becomes float64 the same way from its own array as from
+        objects, without boxing every value: it is taken as it is. Any other column is taken as objects,
+        as ``table.to_numpy()`` gives it for a table of mixed types.
+        """
+        with self._lock:
+            kinds = [col.kind for col in self._columns]
+        columns: List[np.ndarray] = []
+        missing = np.empty(table.shape, dtype=bool)
+        for c, kind in enumerate(kinds):
+            series = table.iloc[:, c]
+            if kind == NUMERIC and isinstance(series.dtype, np.dtype) and series.dtype.kind in "iuf":
+                values = series.to_numpy()
+                missing[:, c] = ~np.isfinite(values) if values.dtype.kind == "f" else False
+            else:
+                values = series.to_numpy(dtype=object)
+                missing[:, c] = missing_or_inf_mask(values)
+            columns.append(values)
+        return columns, missing
 
     def _decide(
         self, column: np.ndarray, missing: np.ndarray, declared: bool, max_text_values: int | None

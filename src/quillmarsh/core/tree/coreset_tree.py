@@ -501,7 +501,7 @@ class CoresetTree:
         if isinstance(X, pd.DataFrame):
             if self._kind != "frame" or [str(c) for c in X.columns] != self.feature_names_in_:
                 raise ValueError(f"X must be a table with the columns {self.feature_names_in_}")
-            return self._layer.data_manager.feature_space.transform(X.to_numpy())
+            return self._layer.data_manager.feature_space.transform(X)
         values = np.asarray(X, dtype=np.float64)
         if self._kind != "array" or values.ndim != 2 or values.shape[1] != self.n_features_in_:
             raise ValueError(f"X must be a 2-D array of {self.n_features_in_} columns")
