@@ -60,6 +60,7 @@ __all__ = [
     "ReservoirSample",
     "StreamingLeastSquares",
     "StreamingStandardizer",
+    "TRACED_BATCHES",
     "fit_in_memory",
     "judge_kmeans",
     "judge_regression",
@@ -938,8 +939,8 @@ class ReferenceResult:
         Passes over the stream.
     peak_memory_bytes : int or None
         Peak of the memory allocated during the fit (Python objects and numpy arrays, by
-        ``tracemalloc``), when asked for with ``measure_memory=True``; for a fit of several passes,
-        during its first pass (every later pass repeats its work batch by batch).
+        ``tracemalloc``), when asked for with ``measure_memory=True``; for a streamed fit, during the
+        first ``TRACED_BATCHES`` batches of its first pass (every later batch repeats that work).
     peak_rss_bytes : int or None
         The process's peak resident memory at the end of the fit (all it did before included), where
         the platform tells it.
@@ -967,6 +968,10 @@ def _peak_rss_bytes() -> Optional[int]:
     return peak if sys.platform == "darwin" else peak * 1024
 
 
+TRACED_BATCHES = 4
+"""Batches of a streamed reference's first pass over which its memory is traced (see ``_Measure``)."""
+
+
 class _Measure:
     """Wall time and, when asked, the tracemalloc peak of a block."""
 
@@ -976,6 +981,7 @@ class _Measure:
         self.peak: Optional[int] = None
         self._started_tracing = False
         self._start = 0.0
+        self._batches = 0
 
     def __enter__(self) -> _Measure:
         if self.memory:
@@ -989,14 +995,21 @@ class _Measure:
     def settle(self) -> None:
         """Keep the peak so far and stop tracing, while the clock goes on.
 
-        Called after a streamed fit's first pass: its state and its work per batch are the same on
-        every later pass, so the peak is reached, and tracing every allocation (40% of the k-means
-        reference's time) would only slow the later passes.
+        Called after a streamed fit's first batches (``batch_done``) or its first pass, whichever comes
+        first: its state is made on the first batch and its work per batch is the same for every
+        batch of a size, so the peak is reached, and tracing every allocation (a quarter to two
+        fifths of a streamed reference's time) would only slow the rest.
         """
         if self.memory and self.peak is None:
             self.peak = tracemalloc.get_traced_memory()[1]
             if self._started_tracing:
                 tracemalloc.stop()
+
+    def batch_done(self) -> None:
+        """Count a batch of a streamed fit's first pass; settle after ``TRACED_BATCHES`` of them."""
+        self._batches += 1
+        if self._batches >= TRACED_BATCHES:
+            self.settle()
 
     def __exit__(self, *exc: object) -> None:
         self.seconds = time.perf_counter() - self._start
@@ -1019,7 +1032,8 @@ def reference_least_squares(batches: BatchStream, *, fit_intercept: bool = True,
     fit_intercept : bool, default True
         Whether to fit an intercept.
     measure_memory : bool, default False
-        Trace the allocations of the fit (``peak_memory_bytes``); it slows the fit a little.
+        Trace the allocations of the fit (``peak_memory_bytes``) over its first ``TRACED_BATCHES``
+        batches, where it reaches its peak; it slows those a little.
 
     Returns
     -------
@@ -1038,6 +1052,7 @@ def reference_least_squares(batches: BatchStream, *, fit_intercept: bool = True,
             if y is None:
                 raise ValueError("least squares needs batches of (X, y) or (X, y, sample_weight)")
             model.partial_fit(X, y, weight)
+            measured.batch_done()
     if model.sum_weights_ <= 0:
         raise ValueError("the stream held no rows (of positive weight)")
     return ReferenceResult(model, measured.seconds, 1, measured.peak, _peak_rss_bytes())
@@ -1045,12 +1060,21 @@ def reference_least_squares(batches: BatchStream, *, fit_intercept: bool = True,
 
 def _minibatches(X: np.ndarray, weight: np.ndarray, carry: List[Tuple[np.ndarray, np.ndarray]],
                  size: int) -> Iterator[Tuple[np.ndarray, np.ndarray]]:
-    """Yield the rows (after those carried over) in minibatches of ``size``; a short rest is carried."""
-    if carry:
-        X = np.concatenate([c[0] for c in carry] + [X])
-        weight = np.concatenate([c[1] for c in carry] + [weight])
-        carry.clear()
+    """Yield the rows (after those carried over) in minibatches of ``size``; a short rest is carried.
+
+    Only a minibatch that joins the rows carried over to the first rows of ``X`` is a new array; the
+    others are views of ``X``.
+    """
     start = 0
+    if carry:
+        start = size - sum(len(rows) for rows, _ in carry)
+        if start > len(X):  # still short of a minibatch
+            carry.append((X, weight))
+            return
+        joined = (np.concatenate([rows for rows, _ in carry] + [X[:start]]),
+                  np.concatenate([weights for _, weights in carry] + [weight[:start]]))
+        carry.clear()
+        yield joined
     while len(X) - start >= size:
         yield X[start: start + size], weight[start: start + size]
         start += size
@@ -1106,7 +1130,8 @@ def reference_kmeans(batches: BatchStream, n_clusters: int, *, n_init: int = 3, 
     random_state : None, int or numpy.random.Generator
         Seeds the starts.
     measure_memory : bool, default False
-        Trace the allocations of the fit (``peak_memory_bytes``).
+        Trace the allocations of the fit (``peak_memory_bytes``) over the first ``TRACED_BATCHES``
+        batches of its first pass, where it reaches its peak.
     openmp_threads : int or None, default 1
         OpenMP threads of scikit-learn's k-means steps during the fit (None: its own choice). A minibatch
         is too small to share: on a busy 2-core machine one ``partial_fit`` of 1,024 rows x 134
@@ -1154,11 +1179,13 @@ def reference_kmeans(batches: BatchStream, n_clusters: int, *, n_init: int = 3, 
                     for model in models:
                         model.partial_fit(part, sample_weight=unit)
                     fed += len(part)
-            if carry and (fed > 0 or len(carry[0][0]) >= n_clusters):
-                unit = _unit_or(carry[0][1])
+                measured.batch_done()
+            rest = np.concatenate([rows for rows, _ in carry]) if carry else None
+            if rest is not None and (fed > 0 or len(rest) >= n_clusters):
+                unit = _unit_or(np.concatenate([weights for _, weights in carry]))
                 for model in models:
-                    model.partial_fit(carry[0][0], sample_weight=unit)
-                fed += len(carry[0][0])
+                    model.partial_fit(rest, sample_weight=unit)
+                fed += len(rest)
             if fed == 0:
                 raise ValueError(f"the stream has fewer rows than n_clusters ({n_clusters})")
             measured.settle()
@@ -1188,7 +1215,8 @@ def reference_sgd_regressor(batches: BatchStream, *, n_passes: int = 1, random_s
     random_state : None, int or numpy.random.Generator
         Seeds the regressor.
     measure_memory : bool, default False
-        Trace the allocations of the fit (``peak_memory_bytes``).
+        Trace the allocations of the fit (``peak_memory_bytes``) over the first ``TRACED_BATCHES``
+        batches of its first pass, where it reaches its peak.
     **params
         Passed on to ``SGDRegressor`` (``alpha``, ``eta0``, ``learning_rate``, ...).
 
@@ -1218,6 +1246,7 @@ def reference_sgd_regressor(batches: BatchStream, *, n_passes: int = 1, random_s
                     continue
                 model.partial_fit(X, _check_y(y, len(X)), sample_weight=_check_weight(weight, len(X)))
                 fed += len(X)
+                measured.batch_done()
             measured.settle()
     if fed == 0:
         raise ValueError("the stream held no rows")
@@ -1278,7 +1307,8 @@ class QualityRow:
     seconds : float
         Wall time of the fit.
     peak_memory_bytes : int or None
-        Peak of the memory allocated during the fit (``tracemalloc``), when measured.
+        Peak of the memory allocated during the fit (``tracemalloc``), when measured: for a streamed fit,
+        over its first ``TRACED_BATCHES`` batches.
     cost : float
         Its cost on every row of the stream: the summed squared loss (regression) or the k-means cost.
     cost_ratio : float

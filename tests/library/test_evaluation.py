@@ -488,11 +488,12 @@ def test_reference_kmeans_is_the_same_for_the_same_seed() -> None:
     assert first.details["costs"] == again.details["costs"]
 
 
-def test_reference_kmeans_is_scikit_learn_s_own_partial_fit_without_the_minibatch_labels() -> None:
+@pytest.mark.parametrize("batch_rows", [250, 30, 1010])
+def test_reference_kmeans_is_scikit_learn_s_partial_fit_without_the_minibatch_labels(batch_rows: int) -> None:
     from sklearn.cluster import MiniBatchKMeans
 
-    X, _ = blobs(1000)
-    batches = [X[start: start + 250] for start in range(0, len(X), 250)]
+    X, _ = blobs(1010)  # minibatches of 100 rows, and a rest of 10 at the end of each pass
+    batches = [X[start: start + batch_rows] for start in range(0, len(X), batch_rows)]
     result = reference_kmeans(batches, 4, n_init=2, batch_size=100, n_passes=2, random_state=7)
     seed = result.details["seeds"][int(np.argmin(result.details["costs"]))]
     plain = MiniBatchKMeans(n_clusters=4, batch_size=100, n_init=1, random_state=np.random.RandomState(seed))
@@ -592,27 +593,35 @@ def _centres_of_best(batches: list) -> np.ndarray:
     return KMeans(n_clusters=2, n_init=5, random_state=0).fit(np.vstack(batches)).cluster_centers_
 
 
-def test_streamed_references_trace_memory_over_their_first_pass_only() -> None:
+def test_streamed_references_trace_memory_over_the_first_batches_of_their_first_pass_only() -> None:
     import tracemalloc
 
-    X, _ = blobs(n=2000)
+    from quillmarsh.evaluation import TRACED_BATCHES
+
+    X, _ = blobs(n=4000)
     y = X.sum(axis=1)
+    batches = 4000 // 250
+    assert batches > TRACED_BATCHES + 1
     for fit in (
-        lambda stream: reference_kmeans(stream, 4, n_init=2, n_passes=2, batch_size=256, random_state=0,
+        lambda stream: reference_kmeans(stream, 4, n_init=2, n_passes=2, batch_size=100, random_state=0,
                                         measure_memory=True),
         lambda stream: reference_sgd_regressor(stream, n_passes=3, random_state=0, measure_memory=True),
+        lambda stream: reference_least_squares(stream, measure_memory=True),
     ):
         tracing: List[bool] = []
 
         def stream(tracing: List[bool] = tracing) -> Iterator[Tuple[np.ndarray, np.ndarray]]:
-            tracing.append(tracemalloc.is_tracing())  # at the start of every pass
-            for start in range(0, len(X), 500):
-                yield X[start: start + 500], y[start: start + 500]
+            for start in range(0, len(X), 250):
+                tracing.append(tracemalloc.is_tracing())  # as each batch is handed out
+                yield X[start: start + 250], y[start: start + 250]
 
         result = fit(stream)
-        assert tracing[0] and not any(tracing[1:]) and len(tracing) >= 3
-        assert result.peak_memory_bytes is not None and result.peak_memory_bytes > X[:500].nbytes
+        assert tracing[:TRACED_BATCHES] == [True] * TRACED_BATCHES and not any(tracing[TRACED_BATCHES:])
+        assert len(tracing) >= batches
+        assert result.peak_memory_bytes is not None and result.peak_memory_bytes > X[:250].nbytes
         assert not tracemalloc.is_tracing()
+    short = reference_sgd_regressor([(X[:250], y[:250])], n_passes=2, random_state=0, measure_memory=True)
+    assert short.peak_memory_bytes is not None  # a pass of fewer batches settles at its end
 
 
 def test_in_memory_fits_run_scikit_learn_s_openmp_loops_on_the_threads_asked() -> None:
