@@ -170,15 +170,30 @@ def kmeans_cost(X: Any, centers: Any, sample_weight: Any = None) -> float:
         If ``X`` or ``centers`` is not 2-D and finite, they differ in features, ``centers`` is empty,
         or the weights are not one finite, non-negative value per row.
     """
+    return _kmeans_costs(X, [centers], sample_weight)[0]
+
+
+def _kmeans_costs(X: Any, center_sets: List[Any], sample_weight: Any = None) -> List[float]:
+    """Return the k-means cost of each set of centres on a batch (see ``kmeans_cost``).
+
+    The batch is checked once and the distances to every set come from one matrix product: a pass
+    that scores several models (the starts of a reference, the fits on samples) reads each batch once.
+    """
     X = _check_2d(X)
-    centers = _check_2d(centers, "centers", n_features=X.shape[1])
-    if len(centers) == 0:
+    sets = [_check_2d(centers, "centers", n_features=X.shape[1]) for centers in center_sets]
+    if any(len(centers) == 0 for centers in sets):
         raise ValueError("centers must hold at least one centre")
     weight = _check_weight(sample_weight, len(X))
-    if len(X) == 0:
-        return 0.0
-    nearest = squared_distances(X, centers).min(axis=1)
-    return float(np.dot(weight, nearest.astype(np.float64)))
+    if len(X) == 0 or not sets:
+        return [0.0] * len(sets)
+    distances = squared_distances(X, np.vstack(sets))
+    costs = []
+    start = 0
+    for centers in sets:
+        nearest = distances[:, start: start + len(centers)].min(axis=1)
+        costs.append(float(np.dot(weight, nearest.astype(np.float64))))
+        start += len(centers)
+    return costs
 
 
 def streamed_kmeans_cost(batches: BatchStream, centers: Any) -> float:
@@ -1192,8 +1207,8 @@ def reference_kmeans(batches: BatchStream, n_clusters: int, *, n_init: int = 3, 
         costs = [0.0] * n_init
         for batch in _one_pass(batches, passes):
             X, _, weight = _unpack(batch)
-            for number, model in enumerate(models):
-                costs[number] += kmeans_cost(X, model.cluster_centers_, weight)
+            found = _kmeans_costs(X, [model.cluster_centers_ for model in models], weight)
+            costs = [total + cost for total, cost in zip(costs, found)]
     best = int(np.argmin(costs))
     return ReferenceResult(models[best], measured.seconds, passes, measured.peak, _peak_rss_bytes(),
                            cost=costs[best], details={"costs": costs, "seeds": seeds})
@@ -1490,8 +1505,8 @@ def judge_kmeans(kept: BatchStream, samples: Dict[str, WeightedRows], n_clusters
         X, _, weight = _unpack(batch)
         X = _check_2d(X)
         n_rows += len(X)
-        for number, (_, model, _, _) in enumerate(fitted):
-            costs[number] += kmeans_cost(X, model.cluster_centers_, weight)
+        found = _kmeans_costs(X, [model.cluster_centers_ for _, model, _, _ in fitted], weight)
+        costs = [total + cost for total, cost in zip(costs, found)]
     reference = float(full.cost or 0.0)
     starts = f"{n_init} start{'s' if n_init > 1 else ''}"
     passes = f"best of {starts}, {n_passes} pass{'es' if n_passes > 1 else ''}"
