@@ -206,6 +206,9 @@ def test_out_round_trip(files: Dict[str, Path], tmp_path: Path, kind: str) -> No
         for index, model in enumerate(("kmeans", "linear_regression")):
             saved_rows = pd.read_parquet(out / f"coreset-{model}.parquet")
             assert sorted(tree.coreset(index).ids.tolist()) == sorted(saved_rows["row"].tolist())
+        summary_row = int(tree.coreset(0).ids[0])
+        assert tree.remove([summary_row]) == 1  # the saved tree kept its rows
+        assert summary_row not in tree.coreset(0).ids
     for model in ("kmeans", "linear_regression"):
         saved = pd.read_parquet(out / f"coreset-{model}.parquet")
         assert list(saved.columns) == [*source.columns, "weight", "row"]
@@ -219,6 +222,25 @@ def test_out_round_trip(files: Dict[str, Path], tmp_path: Path, kind: str) -> No
         np.testing.assert_allclose(pd.to_numeric(saved["price"]), pd.to_numeric(at_row["price"]))
         assert np.isfinite(pd.to_numeric(saved["price"], errors="coerce")).all()
     assert not [p for p in tmp_path.iterdir() if p.name.startswith(".summary")]
+
+
+def test_only_a_saved_tree_keeps_the_rows_of_its_chunks(files: Dict[str, Path], tmp_path: Path,
+                                                        monkeypatch: pytest.MonkeyPatch) -> None:
+    from quillmarsh import cli
+    from quillmarsh.core.tree import coreset_tree
+
+    kept: List[bool] = []
+
+    class Recording(coreset_tree.CoresetTree):
+        def __init__(self, *args: Any, **kwargs: Any) -> None:
+            super().__init__(*args, **kwargs)
+            kept.append(self.keep_rows)
+
+    monkeypatch.setattr(coreset_tree, "CoresetTree", Recording)
+    common = ["--data", str(files["csv"]), "--target", "price", *SMALL, "--no-eval", "--quiet"]
+    assert cli.main(common) == 0
+    assert cli.main([*common, "--out", str(tmp_path / "out")]) == 0
+    assert kept == [False, True]
 
 
 def test_out_not_empty_is_refused_then_replaced_with_overwrite(files: Dict[str, Path],

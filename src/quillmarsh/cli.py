@@ -424,7 +424,7 @@ def make_tree(args: argparse.Namespace, client: Any = None) -> CoresetTree:
     Returns
     -------
     CoresetTree
-        The empty tree.
+        The empty tree; it keeps the chunks' rows only when saved (``--out``), to remove rows later.
     """
     from quillmarsh.core.coreset import CoresetBase, CoresetKMeans, CoresetLinearRegression
     from quillmarsh.core.tree.coreset_tree import CoresetTree
@@ -435,9 +435,11 @@ def make_tree(args: argparse.Namespace, client: Any = None) -> CoresetTree:
             objects.append(CoresetKMeans(k=args.k, dtype="float64"))
         else:
             objects.append(CoresetLinearRegression(dtype="float64"))
+    # Only a saved tree (--out) may have rows removed later: without one, storing every chunk would
+    # write a copy of the whole input for nothing.
     return CoresetTree(objects, coreset_size=args.coreset_size, chunk_size=args.chunk_size,
                        n_jobs=None if client is not None else args.jobs, random_state=args.seed,
-                       client=client, max_text_values=args.max_text_values)
+                       client=client, max_text_values=args.max_text_values, keep_rows=args.out is not None)
 
 
 def feature_space(tree: CoresetTree) -> FeatureSpace:

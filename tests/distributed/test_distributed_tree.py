@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+from pathlib import Path
 from typing import Any
 
 import numpy as np
@@ -124,3 +125,18 @@ def test_a_tree_with_a_client_hands_every_leaf_and_merge_to_it() -> None:
     assert names.count("build_leaf") == 14 and names.count("merge_nodes") == 11
     assert {pure for _, pure in recording.calls} == {False}  # each node is its own task
     np.testing.assert_array_equal(remote.coreset(1).ids, local.coreset(1).ids)
+
+
+def test_a_tree_with_a_client_that_keeps_no_rows_stores_no_chunk(tmp_path: Path) -> None:
+    chunks = {}
+    for keep_rows in (True, False):
+        recording = RecordingClient()
+        with CoresetTree([CoresetKMeans(k=3), CoresetLinearRegression()], coreset_size=25, chunk_size=60,
+                         random_state=3, client=recording, keep_rows=keep_rows,
+                         data_dir=tmp_path / str(keep_rows)) as tree:
+            for X, y in blocks():
+                tree.add(X, y)
+            assert [name for name, _ in recording.calls].count("build_leaf") == 14
+            np.testing.assert_array_equal(tree.coreset(1).ids, build().coreset(1).ids)
+        chunks[keep_rows] = len(list((tmp_path / str(keep_rows) / "chunks").glob("*.npz")))
+    assert chunks == {True: 14, False: 0}

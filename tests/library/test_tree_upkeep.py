@@ -208,6 +208,38 @@ def test_the_temporary_data_dir_goes_with_close(tmp_path: Path) -> None:
         make_tree(data_dir=kept)
 
 
+@pytest.mark.parametrize("n_jobs", [None, 2])
+def test_a_tree_that_keeps_no_rows_writes_no_chunk_and_gives_the_same_summary(
+    tmp_path: Path, n_jobs: Any
+) -> None:
+    data = blocks(7, 90, seed=8)
+    with feed(make_tree(n_jobs=n_jobs), data) as keeping, \
+            feed(make_tree(n_jobs=n_jobs, keep_rows=False, data_dir=tmp_path / "bare"), data) as bare:
+        for index in (0, 1):
+            assert_same(bare.coreset(index), keeping.coreset(index))
+        assert bare.n_leaves_ == keeping.n_leaves_ == 6
+    assert [path for path in (tmp_path / "bare").rglob("*") if path.is_file()] == []
+
+
+def test_a_tree_that_keeps_no_rows_refuses_to_remove_and_changes_nothing(tmp_path: Path) -> None:
+    with feed(make_tree(keep_rows=False), blocks(4, 100)) as tree:
+        before = tree.coreset(1)
+        with pytest.raises(RuntimeError, match=r"keeps no rows \(keep_rows=False\)"):
+            tree.remove([5])
+        with pytest.raises(RuntimeError, match="keeps no rows"):
+            tree.remove_where(lambda rows: np.ones(len(rows.ind), dtype=bool))
+        assert tree.n_samples_ == 400 and tree.n_removed_ == 0
+        assert_same(tree.coreset(1), before)
+        tree.save(tmp_path / "save")
+    with CoresetTree.load(tmp_path / "save") as loaded:
+        assert loaded.keep_rows is False
+        assert_same(loaded.coreset(1), before)
+        with pytest.raises(RuntimeError, match="keeps no rows"):
+            loaded.remove([5])
+    with pytest.raises(TypeError, match="keep_rows must be True or False"):
+        make_tree(keep_rows="no")
+
+
 # -- saving and loading --------------------------------------------------------------------------------
 
 

@@ -123,20 +123,22 @@ class RemoteLeaf:
 
 
 class RemoteLayer(ChunkLayer):
-    """A chunk layer whose leaf chunks are stored here and built on the cluster.
+    """A chunk layer whose leaf chunks are stored here (when the tree keeps rows) and built on the cluster.
 
     The buffer node and the nodes rebuilt after a removal are built here, as by any layer.
     """
 
     client: Any
     reducer: Reducer
+    keep_rows: bool
 
     def _create_node(self, dset: Any, node_id: Any = None, leaf_node_index: Any = None) -> Any:
         if node_id == BUFFER_NODE_ID:
             return super()._create_node(dset, node_id, leaf_node_index)
         index = self.chunk_index  # the layer counts the leaf after handing it on
         node_id = f"leaf-{index}"
-        self.data_manager.save_selected_samples_async(dset, None, node_id)
+        if self.keep_rows:
+            self.data_manager.save_selected_samples_async(dset, None, node_id)
         encoded = self._encoded(dset)
         future = self.client.submit(
             build_leaf,

@@ -99,11 +99,14 @@ def node_file_name(key: NodeKey) -> str:
 class NodeStore:
     """The rows of every node, by key: the open nodes (no parent yet) in memory, the others in files.
 
-    Thread-safe: leaves built on the task pool place and merge their nodes from its threads.
+    Thread-safe: leaves built on the task pool place and merge their nodes from its threads. Only a
+    rebuild after a removal reads a node that has a parent: without ``keep_closed`` such nodes are
+    dropped, not written.
     """
 
-    def __init__(self, folder: str) -> None:
+    def __init__(self, folder: str, keep_closed: bool = True) -> None:
         self.folder = folder
+        self.keep_closed = keep_closed
         os.makedirs(folder, exist_ok=True)
         self.lock = threading.Lock()
         self.open: Dict[NodeKey, Coreset] = {}
@@ -119,6 +122,8 @@ class NodeStore:
             return sibling
 
     def put_closed(self, key: NodeKey, rows: Coreset) -> None:
+        if not self.keep_closed:
+            return
         write_atomic(os.path.join(self.folder, node_file_name(key)), rows_to_arrays(rows))
         with self.lock:
             self.closed.add(key)

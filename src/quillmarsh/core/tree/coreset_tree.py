@@ -244,6 +244,11 @@ class CoresetTree:
     max_text_values : int or None, default=1000
         Tables: a text column with more distinct values in the first chunk that holds it is left out
         (``feature_space_.notes`` names it).
+    keep_rows : bool, default=True
+        Whether every leaf's chunk and every node that has a parent are stored in ``data_dir``, so
+        that ``remove`` and ``remove_where`` can rebuild the leaves that held the rows and the nodes
+        above them. A tree that will never remove rows need not: it then writes nothing, not a copy
+        of the stream, keeps only the nodes without a parent, and refuses to remove.
 
     Attributes
     ----------
@@ -264,7 +269,7 @@ class CoresetTree:
     -----
     The tree holds at most ``(ceil(log2 L) + 2) * coreset_size`` rows per coreset object in memory for
     ``L`` leaves, besides the layer's buffer (less than one chunk) and the chunks being built; the
-    chunks and the nodes that have a parent are on disk.
+    chunks and the nodes that have a parent are on disk (or, with ``keep_rows=False``, nowhere).
 
     Examples
     --------
@@ -291,7 +296,10 @@ class CoresetTree:
         client: Any = None,
         max_categories: Optional[int] = 100,
         max_text_values: Optional[int] = 1000,
+        keep_rows: bool = True,
     ) -> None:
+        if not isinstance(keep_rows, (bool, np.bool_)):
+            raise TypeError(f"keep_rows must be True or False, got {keep_rows!r}")
         if isinstance(coreset, CoresetBase):
             templates = [coreset]
         else:
@@ -306,6 +314,7 @@ class CoresetTree:
         self.client = client
         self.max_categories = check_positive_int(max_categories, "max_categories", allow_none=True)
         self.max_text_values = check_positive_int(max_text_values, "max_text_values", allow_none=True)
+        self.keep_rows = bool(keep_rows)
         self._remote: Any = None
         self._entropy = _entropy(random_state)
         self._reducer = Reducer(templates, self.coreset_size, self._entropy)
@@ -322,7 +331,7 @@ class CoresetTree:
                     f"data_dir {self.data_dir!r} is not empty; load a saved tree with CoresetTree.load"
                 )
             self._cleanup = None
-        self._store = NodeStore(os.path.join(self.data_dir, NODES_DIR))
+        self._store = NodeStore(os.path.join(self.data_dir, NODES_DIR), keep_closed=self.keep_rows)
         self._lock = threading.Lock()
         self._summaries: Dict[int, Coreset] = {}
         self._buffer_rows: Optional[List[Coreset]] = None
@@ -542,9 +551,10 @@ class CoresetTree:
         TypeError
             If the ids are not integers.
         RuntimeError
-            If the tree is closed.
+            If the tree is closed, or keeps no rows (``keep_rows=False``).
         """
         self._check_open()
+        self._check_keeps_rows()
         raw = np.asarray(ids)
         if raw.size and (raw.dtype.kind not in "iu"):
             raise TypeError(f"ids must be ints, got dtype {raw.dtype}")
@@ -590,9 +600,10 @@ class CoresetTree:
         ValueError
             If ``predicate`` does not return a boolean mask of one entry per row.
         RuntimeError
-            If the tree is closed.
+            If the tree is closed, or keeps no rows (``keep_rows=False``).
         """
         self._check_open()
+        self._check_keeps_rows()
         if self._layer is None:
             return 0
 
@@ -714,7 +725,8 @@ class CoresetTree:
             return
         if leaf_index is None:  # sequential build: the layer counts the leaf after this call
             leaf_index = self._layer.chunk_index
-        node.save(self._layer.data_manager, save_all=True)
+        if self.keep_rows:
+            node.save(self._layer.data_manager, save_all=True)
         ids = np.asarray(node.dset.ind, dtype=np.int64)
         leaf = _Leaf.holding(node.node_id, ids)
         summaries = self._reducer.leaf(node, leaf_index)
@@ -836,6 +848,10 @@ class CoresetTree:
         if self._closed:
             raise RuntimeError("the tree is closed")
 
+    def _check_keeps_rows(self) -> None:
+        if not self.keep_rows:
+            raise RuntimeError("this tree keeps no rows (keep_rows=False), so it cannot remove any")
+
     def _rng(self, t: int, level: int, index: int) -> np.random.Generator:
         return self._reducer.rng(t, level, index)
 
@@ -880,6 +896,7 @@ class CoresetTree:
         )
         layer.client = self.client
         layer.reducer = self._reducer
+        layer.keep_rows = self.keep_rows
         self._remote = RemoteMerges(self, self.client)
         return layer
 

@@ -149,6 +149,7 @@ def _write_version(tree: Any, target: str) -> Dict[str, Any]:
             "entropy": tree._entropy,
             "max_categories": tree.max_categories,
             "max_text_values": tree.max_text_values,
+            "keep_rows": tree.keep_rows,
         },
         "coresets": [
             {
@@ -290,6 +291,7 @@ def _build(cls: Type[Any], manifest: Dict[str, Any], source: str, data_dir: Any,
         client=client,
         max_categories=params["max_categories"],
         max_text_values=params["max_text_values"],
+        keep_rows=params.get("keep_rows", True),  # saves from before the choice kept their rows
     )
     state = manifest["state"]
     tree.n_samples_ = state["n_samples_"]
