@@ -709,8 +709,9 @@ def second_pass(args: argparse.Namespace, table: Table, target: str, tree: Cores
     Returns
     -------
     state : dict or None
-        With ``evaluate``: the ``"spill"`` of the encoded usable rows (to be closed by the caller),
-        the ``"standardizer"`` and the uniform ``"reservoir"`` sample of the kept rows.
+        With ``evaluate``: the ``"spills"`` of the encoded usable rows, the kept ones under False and
+        the held-out ones under True (to be closed by the caller, ``close_spills``), the
+        ``"standardizer"`` and the uniform ``"reservoir"`` sample of the kept rows.
     rows : pandas.DataFrame or None
         With ``collect``: the summaries' source rows, by position.
     """
@@ -720,29 +721,30 @@ def second_pass(args: argparse.Namespace, table: Table, target: str, tree: Cores
     from quillmarsh.io import SpilledBatches, rows_at
 
     space = feature_space(tree)
-    standardizer = StreamingStandardizer()
+    # constant columns stay, as zeros: the rows are then standardised where they lie (see judge)
+    standardizer = StreamingStandardizer(drop_constant=False)
     reservoir = ReservoirSample(max(1, min(args.coreset_size, max(len(s.ids) for s in summaries.values()))),
                                 random_state=args.seed)
-    spill = SpilledBatches() if evaluate else None
+    spills = {False: SpilledBatches(), True: SpilledBatches()} if evaluate else None
     progress = Progress(table, "evaluating" if evaluate else "collecting rows", args.quiet)
 
     def batches() -> Iterator[pd.DataFrame]:
         for frame in table:
             if evaluate:
-                assert spill is not None
+                assert spills is not None
                 batch = split(frame, target)
                 usable = batch.usable
-                if usable.any():
-                    X = space.transform(batch.X[usable])
-                    held = batch.held[usable]
-                    y = batch.y[usable]
-                    kept = ~held
-                    if kept.any():
-                        standardizer.partial_fit(X[kept])
-                        reservoir.partial_fit(X[kept], y[kept], ids=batch.rows[usable][kept])
+                for held, spill in spills.items():
+                    rows = usable & (batch.held == held)
+                    if not rows.any():
+                        continue
+                    X, y = space.transform(batch.X[rows]), batch.y[rows]
+                    if not held:
+                        standardizer.partial_fit(X)
+                        reservoir.partial_fit(X, y, ids=batch.rows[rows])
                     for start in range(0, len(y), EVALUATION_ROWS):
                         piece = slice(start, start + EVALUATION_ROWS)
-                        spill.append(X=X[piece], y=y[piece], held=held[piece])
+                        spill.append(X=X[piece], y=y[piece])
             progress.update()
             yield frame
 
@@ -756,15 +758,27 @@ def second_pass(args: argparse.Namespace, table: Table, target: str, tree: Cores
             for _ in batches():
                 pass
     except BaseException:
-        if spill is not None:
-            spill.close()
+        if spills is not None:
+            close_spills(spills)
         raise
     finally:
         progress.close()
     stages.evaluation += time.perf_counter() - started
-    if spill is None:
+    if spills is None:
         return None, rows
-    return {"spill": spill, "standardizer": standardizer, "reservoir": reservoir}, rows
+    return {"spills": spills, "standardizer": standardizer, "reservoir": reservoir}, rows
+
+
+def close_spills(spills: Dict[bool, SpilledBatches]) -> None:
+    """Remove the judgement's spilled rows.
+
+    Parameters
+    ----------
+    spills : dict of bool to SpilledBatches
+        The spills of ``second_pass``.
+    """
+    for spill in spills.values():
+        spill.close()
 
 
 def judge(args: argparse.Namespace, tree: CoresetTree, summaries: Dict[str, Coreset], state: Dict[str, Any],
@@ -789,94 +803,77 @@ def judge(args: argparse.Namespace, tree: CoresetTree, summaries: Dict[str, Core
     list of QualityRow
         The quality rows of every model; empty when every feature column is constant.
     """
-    spill, standardizer, reservoir = state["spill"], state["standardizer"], state["reservoir"]
+    spills, standardizer, reservoir = state["spills"], state["standardizer"], state["reservoir"]
     names = feature_space(tree).feature_names
     width = len(names)
     constant = [names[i] for i in standardizer.constant_columns_]
     if constant:
         shown = ", ".join(constant[:10]) + (f" and {len(constant) - 10} more" if len(constant) > 10 else "")
         notes.append(f"{len(constant)} constant feature column(s) left out of the judgement: {shown}")
-    if len(standardizer.kept_columns_) == 0:
+    if len(constant) == width:
         notes.append("every feature column is constant: nothing to judge")
         return []
 
     from tqdm import tqdm
 
+    # The standardizer keeps the constant columns, as zeros everywhere: no model can use them.
     uniform = (standardizer.transform(reservoir.X), reservoir.y, reservoir.weights)
 
     def samples_of(summary: Coreset) -> Tuple[np.ndarray, Optional[np.ndarray], np.ndarray]:
         return standardizer.transform(pad(summary.X, width)), summary.y, summary.weights
 
-    parted = standardized_parts(spill, standardizer)
-    spill.close()
+    for spill in spills.values():
+        standardize_in_place(spill, standardizer)
+    steps = {"linear_regression": 5, "kmeans": 5}
+    bar = tqdm(total=sum(steps[model] for model in args.models), desc="judging", unit=" steps",
+               file=sys.stderr, disable=args.quiet, leave=False, dynamic_ncols=True,
+               bar_format="{desc}: {n_fmt}/{total_fmt} steps done, {elapsed}{postfix}")
+
+    started = [False]
+
+    def step(name: str) -> None:
+        bar.set_postfix_str(name, refresh=not started[0])
+        if started[0]:
+            bar.update(1)
+        started[0] = True
+
+    def pieces(held: bool) -> Iterator[Tuple[np.ndarray, np.ndarray]]:
+        for batch in spills[held]:
+            yield batch["X"], batch["y"]
+
+    def kept() -> Iterator[Tuple[np.ndarray, np.ndarray]]:
+        return pieces(False)
+
+    def held_out() -> Iterator[Tuple[np.ndarray, np.ndarray]]:
+        return pieces(True)
+
     try:
-        steps = {"linear_regression": 5, "kmeans": 5}
-        bar = tqdm(total=sum(steps[model] for model in args.models), desc="judging", unit=" steps",
-                   file=sys.stderr, disable=args.quiet, leave=False, dynamic_ncols=True,
-                   bar_format="{desc}: {n_fmt}/{total_fmt} steps done, {elapsed}{postfix}")
-
-        started = [False]
-
-        def step(name: str) -> None:
-            bar.set_postfix_str(name, refresh=not started[0])
-            if started[0]:
-                bar.update(1)
-            started[0] = True
-
-        def pieces(held: bool) -> Iterator[Tuple[np.ndarray, np.ndarray]]:
-            for batch in parted[held]:
-                yield batch["X"], batch["y"]
-
-        def kept() -> Iterator[Tuple[np.ndarray, np.ndarray]]:
-            return pieces(False)
-
-        def held_out() -> Iterator[Tuple[np.ndarray, np.ndarray]]:
-            return pieces(True)
-
-        try:
-            return judged(args, summaries, samples_of, kept, held_out, uniform, step)
-        finally:
-            bar.close()
+        return judged(args, summaries, samples_of, kept, held_out, uniform, step)
     finally:
-        for part in parted.values():
-            part.close()
+        bar.close()
 
 
-def standardized_parts(spill: SpilledBatches,
-                       standardizer: StreamingStandardizer) -> Dict[bool, SpilledBatches]:
-    """Spill the judgement's rows again, standardised, the held-out rows apart from the kept ones.
+def standardize_in_place(spill: SpilledBatches, standardizer: StreamingStandardizer) -> None:
+    """Standardise spilled rows where they lie, batch by batch: ``X`` becomes ``(X - mean_) / scale_``.
 
-    The judgement reads the kept rows about ten times: standardised and parted once, they are read back
-    as they are on every pass, without a copy. ``spill`` is drained: its pages go to the new spills.
+    The judgement reads the kept rows about ten times: standardised once, they are read back as they
+    are on every pass, without a copy, and no second spill is written. The standardizer keeps every
+    column (``drop_constant=False``), so the rows keep their width and a constant column becomes 0.
 
     Parameters
     ----------
     spill : SpilledBatches
-        Batches of ``X``, ``y`` and ``held`` (True for a held-out row).
+        Batches of encoded ``X`` (and ``y``).
     standardizer : StreamingStandardizer
-        Fitted on the kept rows.
-
-    Returns
-    -------
-    dict of bool to SpilledBatches
-        Batches of standardised ``X`` and of ``y``: the kept rows under False, the held-out ones under
-        True. The caller closes both.
+        Fitted on the kept rows, without ``drop_constant``.
     """
-    from quillmarsh.io import SpilledBatches
+    import numpy as np
 
-    parted = {False: SpilledBatches(), True: SpilledBatches()}
-    try:
-        for batch in spill.drain():
-            X = standardizer.transform(batch["X"])
-            for held, part in parted.items():
-                rows = batch["held"] == held
-                if rows.any():
-                    part.append(X=X[rows], y=batch["y"][rows])
-    except BaseException:
-        for part in parted.values():
-            part.close()
-        raise
-    return parted
+    mean, scale = standardizer.mean_, standardizer.scale_
+    for batch in spill.writable():
+        X = batch["X"]
+        np.subtract(X, mean, out=X)
+        np.divide(X, scale, out=X)
 
 
 def judged(args: argparse.Namespace, summaries: Dict[str, Coreset], samples_of: Callable[[Coreset], Any],
@@ -1071,7 +1068,7 @@ def _run_tree(args: argparse.Namespace, table: Table, target: str, folder: Optio
         try:
             quality = judge(args, tree, summaries, state, notes)
         finally:
-            state["spill"].close()
+            close_spills(state["spills"])
         stages.evaluation += time.perf_counter() - started
     written = None
     if folder is not None:

@@ -171,6 +171,7 @@ def mixed_table(rows: int, seed: int) -> pd.DataFrame:
         .strftime("%Y-%m-%d %H:%M:%S"),
         "number_text": rng.choice(np.array(["1.5", "2", "x", None], dtype=object), rows),
         "words": rng.choice(np.array([f"w{i}" for i in range(50)], dtype=object), rows),
+        "never": np.full(rows, None, dtype=object),
     })
 
 

@@ -58,34 +58,17 @@ def test_spilled_batches_come_back_in_order_any_number_of_times() -> None:
     assert not os.path.exists(folder)
 
 
-def test_a_drained_spill_gives_its_batches_once_and_frees_each_as_the_next_is_read() -> None:
+def test_what_is_written_into_a_spill_s_batches_is_read_back_later() -> None:
     with SpilledBatches() as spill:
         for start in (0, 3, 6):
-            spill.append(X=np.arange(start, start + 3, dtype=float)[:, None])
-
-        def on_disk() -> int:
-            return len(os.listdir(spill.folder))
-
-        seen, left = [], []
-        for batch in spill.drain():
-            left.append(on_disk())
-            seen += batch["X"][:, 0].tolist()
-        assert seen == list(range(9))
-        assert left == [3, 2, 1] and on_disk() == 0
-        assert list(spill) == [] and list(spill.drain()) == []
-
-
-def test_a_spill_drained_in_part_keeps_the_rest() -> None:
-    with SpilledBatches() as spill:
-        for start in (0, 3, 6):
-            spill.append(X=np.arange(start, start + 3, dtype=float)[:, None])
-        drained = spill.drain()
-        first = next(drained)
-        assert first["X"][:, 0].tolist() == [0, 1, 2]
-        next(drained)  # the first is removed, yet stays readable while held
-        assert first["X"][:, 0].tolist() == [0, 1, 2]
-        drained.close()
-        assert [batch["X"][0, 0] for batch in spill] == [3.0, 6.0]
+            spill.append(X=np.arange(start, start + 3, dtype=float)[:, None], y=np.zeros(3))
+        for batch in spill.writable():
+            assert batch["X"].flags.writeable
+            np.multiply(batch["X"], 10.0, out=batch["X"])
+        for _ in range(2):
+            values = np.concatenate([batch["X"][:, 0] for batch in spill])
+            assert values.tolist() == [10.0 * i for i in range(9)]
+        assert [batch["y"].shape for batch in spill] == [(3,)] * 3
 
 
 def test_atomic_folder_appears_whole_or_not_at_all(tmp_path: Path) -> None:

@@ -415,14 +415,19 @@ class FeatureSpace:
         """Return a table's columns and their missing entries, as ``encode`` takes them.
 
         A numeric column of integers or floats becomes float64 the same way from its own array as from
-        objects, without boxing every value: it is taken as it is. Any other column is taken as objects,
-        as ``table.to_numpy()`` gives it for a table of mixed types.
+        objects, without boxing every value: it is taken as it is. A column left out of the space is
+        not read. Any other column is taken as objects, as ``table.to_numpy()`` gives it for a table of
+        mixed types.
         """
         with self._lock:
             kinds = [col.kind for col in self._columns]
         columns: List[np.ndarray] = []
         missing = np.empty(table.shape, dtype=bool)
         for c, kind in enumerate(kinds):
+            if kind not in (NUMERIC, TIMESTAMP, CATEGORICAL):  # left out, or never seen: not read
+                columns.append(np.empty(len(table), dtype=object))
+                missing[:, c] = True
+                continue
             series = table.iloc[:, c]
             if kind == NUMERIC and isinstance(series.dtype, np.dtype) and series.dtype.kind in "iuf":
                 values = series.to_numpy()
