@@ -315,10 +315,11 @@ def main() -> None:
     print("reading", json.dumps(out["reading"]), flush=True)
     builds = [command(paths["csv"], "--no-eval") for _ in range(args.repeats)]
     build = min(builds, key=lambda r: r["wall"])
+    # judged without --out, as the build: with it, the second pass also collects the summaries' rows
+    judged = command(paths["csv"])
     saved = BUILD / "main_job_out"
-    judged = command(paths["csv"], keep=saved)
     seeded = [BUILD / f"main_job_seed_{seed}" for seed in range(1, 5)]
-    for seed, folder in enumerate(seeded, start=1):
+    for seed, folder in enumerate([saved, *seeded]):
         command(paths["csv"], "--no-eval", "--seed", str(seed), keep=folder)
     jobs = command(paths["csv"], "--no-eval", "--jobs", "2")
     extreme = command(files(args.rows, extreme=30)["csv"])

@@ -24,9 +24,11 @@ from __future__ import annotations
 import importlib
 import json
 import os
+import queue
 import re
 import shutil
 import tempfile
+import threading
 import warnings
 from contextlib import contextmanager
 from dataclasses import dataclass, field
@@ -35,6 +37,7 @@ from typing import (
     TYPE_CHECKING,
     Any,
     Dict,
+    Generator,
     Iterable,
     Iterator,
     List,
@@ -42,6 +45,7 @@ from typing import (
     Optional,
     Sequence,
     Tuple,
+    TypeVar,
     Union,
 )
 
@@ -57,6 +61,7 @@ FORMAT = "quillmarsh-coresets"
 VERSION = 1
 
 PathLike = Union[str, "os.PathLike[str]"]
+T = TypeVar("T")
 
 __all__ = [
     "SpilledBatches",
@@ -65,6 +70,7 @@ __all__ = [
     "atomic_folder",
     "iter_table",
     "load_coresets",
+    "read_ahead",
     "rows_at",
     "save_coresets",
     "write_parquet",
@@ -510,6 +516,83 @@ def iter_table(path: PathLike, batch_rows: int, columns: Optional[Sequence[str]]
     the whole file.
     """
     return TableReader(path, batch_rows, columns, format)
+
+
+_END = object()
+
+
+def read_ahead(batches: Iterable[T], depth: int = 1) -> Generator[T, None, None]:
+    """Yield the items of ``batches`` in order, each made on a background thread while the last is used.
+
+    Reading and parsing a batch (pandas' parser works without the interpreter's lock) then overlap
+    with whatever the caller does with the batch before. At most ``depth`` items wait, made and not
+    yet taken: memory holds ``depth + 2`` batches at most (the one in use, those waiting and the one
+    being made), however long the stream.
+
+    Parameters
+    ----------
+    batches : iterable
+        The stream, iterated on the background thread only.
+    depth : int, default=1
+        Items made ahead of the caller, at most.
+
+    Yields
+    ------
+    object
+        The items of ``batches``. An exception raised by the stream is raised here, after the items
+        before it.
+
+    Raises
+    ------
+    ValueError
+        If ``depth`` is not a positive integer.
+
+    Notes
+    -----
+    Leaving the loop early (``break``, an error, closing the generator) stops the thread after the item
+    it is making and closes the stream, before this generator finishes.
+    """
+    check_positive_int(depth, "depth")
+    waiting: queue.Queue[Tuple[bool, Any]] = queue.Queue(maxsize=depth)
+    stop = threading.Event()
+
+    def put(entry: Tuple[bool, Any]) -> bool:
+        while not stop.is_set():
+            try:
+                waiting.put(entry, timeout=0.05)
+                return True
+            except queue.Full:
+                continue
+        return False
+
+    def make() -> None:
+        stream = iter(batches)
+        try:
+            for item in stream:
+                if not put((True, item)):
+                    return
+            put((True, _END))
+        except BaseException as exc:  # raised where the items are taken
+            put((False, exc))
+        finally:
+            close = getattr(stream, "close", None)
+            if close is not None:
+                close()
+
+    maker = threading.Thread(target=make, name="quillmarsh-read-ahead", daemon=True)
+    maker.start()
+    try:
+        while True:
+            made, item = waiting.get()
+            if not made:
+                raise item
+            if item is _END:
+                return
+            yield item
+            del item
+    finally:
+        stop.set()
+        maker.join()
 
 
 # Taking rows back by position, writing them, and folders that appear whole or not at all.

@@ -3,14 +3,16 @@
 from __future__ import annotations
 
 import os
+import threading
+import time
 from pathlib import Path
-from typing import List, Type
+from typing import Iterator, List, Type
 
 import numpy as np
 import pandas as pd
 import pytest
 
-from quillmarsh.io import TableReader, iter_table
+from quillmarsh.io import TableReader, iter_table, read_ahead
 
 pa = pytest.importorskip("pyarrow")
 pq = pytest.importorskip("pyarrow.parquet")
@@ -212,3 +214,66 @@ def test_batch_rows_must_be_positive(tmp_path: Path, batch_rows: object) -> None
     path = write_csv(tmp_path / "t.csv", table())
     with pytest.raises(ValueError, match="batch_rows"):
         iter_table(path, batch_rows=batch_rows)  # type: ignore[arg-type]
+
+
+# Reading ahead on a thread
+
+
+class RecordingStream:
+    """A stream of numbered items that records how far it was read, on which thread, and its closing."""
+
+    def __init__(self, n: int, fail_at: int = -1) -> None:
+        self.n, self.fail_at = n, fail_at
+        self.made: List[int] = []
+        self.threads: set = set()
+        self.closed = False
+
+    def __iter__(self) -> Iterator[int]:
+        try:
+            for number in range(self.n):
+                if number == self.fail_at:
+                    raise ValueError(f"item {number} cannot be read")
+                self.threads.add(threading.get_ident())
+                self.made.append(number)
+                yield number
+        finally:
+            self.closed = True
+
+
+def test_read_ahead_yields_every_item_in_order_made_on_another_thread() -> None:
+    stream = RecordingStream(50)
+    assert list(read_ahead(stream)) == list(range(50))
+    assert stream.closed and stream.threads and threading.get_ident() not in stream.threads
+
+
+@pytest.mark.parametrize("depth", [1, 3])
+def test_read_ahead_makes_at_most_depth_items_ahead(depth: int) -> None:
+    stream = RecordingStream(40)
+    ahead = []
+    for taken, item in enumerate(read_ahead(stream, depth=depth)):
+        assert item == taken
+        time.sleep(0.005)  # time for the thread to run ahead as far as it may
+        ahead.append(len(stream.made) - (taken + 1))
+    assert max(ahead) <= depth + 1  # those waiting, and the one being made
+    assert max(ahead) >= 1  # it did read ahead
+
+
+def test_read_ahead_raises_the_stream_s_error_after_the_items_before_it() -> None:
+    stream = RecordingStream(10, fail_at=4)
+    taken = []
+    with pytest.raises(ValueError, match="item 4 cannot be read"):
+        for item in read_ahead(stream):
+            taken.append(item)
+    assert taken == [0, 1, 2, 3] and stream.closed
+
+
+def test_leaving_read_ahead_early_stops_its_thread_and_closes_the_stream() -> None:
+    stream = RecordingStream(10**6)
+    items = read_ahead(stream, depth=2)
+    assert [next(items) for _ in range(3)] == [0, 1, 2]
+    before = threading.active_count()
+    items.close()
+    assert stream.closed and len(stream.made) <= 3 + 3
+    assert threading.active_count() == before - 1
+    with pytest.raises(ValueError, match="depth"):
+        next(read_ahead([1], depth=0))
