@@ -733,23 +733,29 @@ def second_pass(args: argparse.Namespace, table: Table, target: str, tree: Cores
     spills = {False: SpilledBatches(), True: SpilledBatches()} if evaluate else None
     progress = Progress(table, "evaluating" if evaluate else "collecting rows", args.quiet)
 
+    def spill_rows(frame: pd.DataFrame) -> None:
+        assert spills is not None
+        batch = split(frame, target)
+        usable = batch.usable
+        if not usable.any():
+            return
+        encoded, held_out = space.transform(batch.X[usable]), batch.held[usable]
+        for held, spill in spills.items():
+            rows = held_out == held
+            if not rows.any():
+                continue
+            X, y = encoded[rows], batch.y[usable][rows]
+            if not held:
+                standardizer.partial_fit(X)
+                reservoir.partial_fit(X, y, ids=batch.rows[usable][rows])
+            for start in range(0, len(y), EVALUATION_ROWS):
+                piece = slice(start, start + EVALUATION_ROWS)
+                spill.append(X=X[piece], y=y[piece])
+
     def batches() -> Iterator[pd.DataFrame]:
         for frame in table:
             if evaluate:
-                assert spills is not None
-                batch = split(frame, target)
-                usable = batch.usable
-                for held, spill in spills.items():
-                    rows = usable & (batch.held == held)
-                    if not rows.any():
-                        continue
-                    X, y = space.transform(batch.X[rows]), batch.y[rows]
-                    if not held:
-                        standardizer.partial_fit(X)
-                        reservoir.partial_fit(X, y, ids=batch.rows[rows])
-                    for start in range(0, len(y), EVALUATION_ROWS):
-                        piece = slice(start, start + EVALUATION_ROWS)
-                        spill.append(X=X[piece], y=y[piece])
+                spill_rows(frame)
             progress.update()
             yield frame
 

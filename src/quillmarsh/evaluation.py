@@ -75,7 +75,7 @@ __all__ = [
 ]
 
 RandomState = Union[None, int, np.random.Generator]
-_QR_ROWS = 2048
+_QR_ROWS = 1024
 """Rows of a batch put under the R factor of ``StreamingLeastSquares`` at once."""
 _QR_BLOCK = 32
 """Columns of LAPACK's blocks in that update."""
@@ -472,7 +472,7 @@ class StreamingLeastSquares:
         np.minimum(self._min, X.min(axis=0), out=self._min)
         np.maximum(self._max, X.max(axis=0), out=self._max)
         # A few thousand rows at a time under R: the work is the same, the copies stay small. LAPACK's
-        # QR of a triangle over a block (tpqrt) updates R in place, without factoring R again: 0.55 s
+        # QR of a triangle over a block (tpqrt) updates R in place, without factoring R again: 0.51 s
         # for 295,000 rows x 135 columns here, against 0.82 s for a QR of R stacked over the rows.
         step = max(_QR_ROWS, 4 * (d + 2))
         block = np.empty((min(step, len(X)), d + 2), order="F")
@@ -1124,7 +1124,8 @@ def _unit_or(weight: np.ndarray) -> Optional[np.ndarray]:
 
 def reference_kmeans(batches: BatchStream, n_clusters: int, *, n_init: int = 3, batch_size: int = 1024,
                      n_passes: int = 1, random_state: RandomState = None, measure_memory: bool = False,
-                     openmp_threads: Optional[int] = 1, **params: Any) -> ReferenceResult:
+                     openmp_threads: Optional[int] = 1, cost_pass: bool = True,
+                     **params: Any) -> ReferenceResult:
     """Full-data k-means over a stream: ``MiniBatchKMeans.partial_fit``, the best of ``n_init`` starts.
 
     Every start is a ``MiniBatchKMeans`` of its own seed, fed the same minibatches of ``batch_size`` rows
@@ -1154,6 +1155,10 @@ def reference_kmeans(batches: BatchStream, n_clusters: int, *, n_init: int = 3, 
         OpenMP threads of scikit-learn's k-means steps during the fit (None: its own choice). A minibatch
         is too small to share: on a busy 2-core machine one ``partial_fit`` of 1,024 rows x 134
         features took 45 ms with the default threads and 0.9 ms with one.
+    cost_pass : bool, default True
+        Whether to make the pass that computes each start's cost on all rows. It chooses among several
+        starts; a caller that scores one start with other models in a pass of its own can leave it out
+        (then ``cost`` is None).
     **params
         Passed on to ``MiniBatchKMeans`` (``reassignment_ratio``, ``max_no_improvement``, ...);
         ``compute_labels`` is False unless given.
@@ -1162,16 +1167,19 @@ def reference_kmeans(batches: BatchStream, n_clusters: int, *, n_init: int = 3, 
     -------
     ReferenceResult
         ``model`` is the best ``MiniBatchKMeans``; ``cost`` its cost on all rows; ``details["costs"]``
-        the cost of every start.
+        the cost of every start (without ``cost_pass``: the one start, no cost).
 
     Raises
     ------
     ValueError
         If a count is not a positive int, a batch holds invalid arrays, more than one pass is asked of
-        a one-shot iterator, or the stream has fewer rows than ``n_clusters``.
+        a one-shot iterator, the stream has fewer rows than ``n_clusters``, or several starts are asked
+        for without ``cost_pass``.
     """
     n_clusters = _positive_int(n_clusters, "n_clusters")
     n_init = _positive_int(n_init, "n_init")
+    if n_init > 1 and not cost_pass:
+        raise ValueError("choosing among several starts (n_init > 1) needs the cost pass")
     batch_size = _positive_int(batch_size, "batch_size")
     n_passes = _positive_int(n_passes, "n_passes")
     cluster: Any = importlib.import_module("sklearn.cluster")
@@ -1183,7 +1191,7 @@ def reference_kmeans(batches: BatchStream, n_clusters: int, *, n_init: int = 3, 
     # every call (a millisecond each, thousands of calls), and draw the same numbers every time.
     models = [cluster.MiniBatchKMeans(n_clusters=n_clusters, batch_size=batch_size, n_init=1,
                                       random_state=np.random.RandomState(seed), **params) for seed in seeds]
-    passes = n_passes + 1
+    passes = n_passes + 1 if cost_pass else n_passes
     with _Measure(measure_memory) as measured, _openmp_limit(openmp_threads), _checked_already():
         fed = 0
         for _ in range(n_passes):
@@ -1208,10 +1216,13 @@ def reference_kmeans(batches: BatchStream, n_clusters: int, *, n_init: int = 3, 
                 raise ValueError(f"the stream has fewer rows than n_clusters ({n_clusters})")
             measured.settle()
         costs = [0.0] * n_init
-        for batch in _one_pass(batches, passes):
+        for batch in _one_pass(batches, passes) if cost_pass else ():
             X, _, weight = _unpack(batch)
             found = _kmeans_costs(X, [model.cluster_centers_ for model in models], weight)
             costs = [total + cost for total, cost in zip(costs, found)]
+    if not cost_pass:
+        return ReferenceResult(models[0], measured.seconds, passes, measured.peak, _peak_rss_bytes(),
+                               details={"seeds": seeds})
     best = int(np.argmin(costs))
     return ReferenceResult(models[best], measured.seconds, passes, measured.peak, _peak_rss_bytes(),
                            cost=costs[best], details={"costs": costs, "seeds": seeds})
@@ -1491,8 +1502,9 @@ def judge_kmeans(kept: BatchStream, samples: Dict[str, WeightedRows], n_clusters
     full = reference_kmeans(kept, n_clusters, n_init=n_init, n_passes=n_passes, random_state=seeds[0],
                             measure_memory=measure_memory)
     tell("MiniBatchKMeans.partial_fit")
+    # its cost comes from the scoring pass below, with the samples'
     streaming = reference_kmeans(kept, n_clusters, n_init=1, n_passes=1, random_state=seeds[1],
-                                 measure_memory=measure_memory)
+                                 measure_memory=measure_memory, cost_pass=False)
     n_rows = 0
     fitted: List[Tuple[str, Any, int, ReferenceResult]] = []
     for name, (X, _, weight) in samples.items():
@@ -1502,14 +1514,14 @@ def judge_kmeans(kept: BatchStream, samples: Dict[str, WeightedRows], n_clusters
                                random_state=seeds[2])
         result = fit_in_memory(model, X, None, weight, measure_memory=measure_memory)
         fitted.append((name, result.model, len(X), result))
-    costs = [0.0] * len(fitted)
+    scored = [model.cluster_centers_ for _, model, _, _ in fitted] + [streaming.model.cluster_centers_]
+    costs = [0.0] * len(scored)
     tell("scoring")
     for batch in _one_pass(kept, 1):
         X, _, weight = _unpack(batch)
         X = _check_2d(X)
         n_rows += len(X)
-        found = _kmeans_costs(X, [model.cluster_centers_ for _, model, _, _ in fitted], weight)
-        costs = [total + cost for total, cost in zip(costs, found)]
+        costs = [total + cost for total, cost in zip(costs, _kmeans_costs(X, scored, weight))]
     reference = float(full.cost or 0.0)
     starts = f"{n_init} start{'s' if n_init > 1 else ''}"
     passes = f"best of {starts}, {n_passes} pass{'es' if n_passes > 1 else ''}"
@@ -1518,7 +1530,8 @@ def judge_kmeans(kept: BatchStream, samples: Dict[str, WeightedRows], n_clusters
     for number, (name, _, count, result) in enumerate(fitted):
         rows.append(QualityRow("kmeans", name, count, result.seconds, result.peak_memory_bytes, costs[number],
                                _ratio(costs[number], reference)))
-    cost = float(streaming.cost or 0.0)
+    streamed_cost = costs[-1]
     rows.append(QualityRow("kmeans", "streaming: MiniBatchKMeans.partial_fit, 1 pass", n_rows,
-                           streaming.seconds, streaming.peak_memory_bytes, cost, _ratio(cost, reference)))
+                           streaming.seconds, streaming.peak_memory_bytes, streamed_cost,
+                           _ratio(streamed_cost, reference)))
     return rows

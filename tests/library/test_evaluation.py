@@ -504,6 +504,25 @@ def test_reference_kmeans_is_scikit_learn_s_partial_fit_without_the_minibatch_la
     assert hasattr(plain, "labels_") and not hasattr(result.model, "labels_")
 
 
+def test_one_start_of_reference_kmeans_can_leave_its_scoring_to_the_caller() -> None:
+    X, _ = blobs(900)
+    read: List[int] = []
+
+    def stream() -> Iterator[np.ndarray]:
+        read.append(1)
+        return iter([X[:450], X[450:]])
+
+    scored = reference_kmeans(stream, 3, n_init=1, n_passes=2, random_state=4)
+    assert (len(read), scored.passes) == (3, 3)
+    read.clear()
+    unscored = reference_kmeans(stream, 3, n_init=1, n_passes=2, random_state=4, cost_pass=False)
+    assert (len(read), unscored.passes, unscored.cost) == (2, 2, None)
+    np.testing.assert_array_equal(unscored.model.cluster_centers_, scored.model.cluster_centers_)
+    assert streamed_kmeans_cost(stream, unscored.model.cluster_centers_) == pytest.approx(scored.cost)
+    with pytest.raises(ValueError, match="several starts"):
+        reference_kmeans(stream, 3, n_init=2, cost_pass=False)
+
+
 def test_reference_kmeans_needs_a_fresh_stream_per_pass() -> None:
     X, _ = blobs(300)
     with pytest.raises(ValueError, match="callable"):
