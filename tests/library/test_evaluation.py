@@ -14,6 +14,7 @@ from scipy.stats import chisquare
 
 from quillmarsh.core.distances import squared_distances
 from quillmarsh.evaluation import (
+    SOLVERS,
     RegressionScore,
     ReservoirSample,
     StreamingLeastSquares,
@@ -185,11 +186,12 @@ def with_ones(X: np.ndarray) -> np.ndarray:
     return np.column_stack([X, np.ones(len(X))])
 
 
-def test_least_squares_equals_lstsq() -> None:
+@pytest.mark.parametrize("solver", SOLVERS)
+def test_least_squares_equals_lstsq(solver: str) -> None:
     rng = np.random.default_rng(10)
     X = rng.normal(size=(800, 5)) * [1, 10, 0.1, 3, 1] + [0, 5, -2, 100, 0]
     y = X @ [1.0, -0.5, 4.0, 0.2, 0.0] + 3.0 + rng.normal(size=800)
-    model = fit_streamed(X, y)
+    model = fit_streamed(X, y, solver=solver)
     expected = lstsq(with_ones(X), y)
     np.testing.assert_allclose(model.coef_, expected[:-1], rtol=1e-9, atol=1e-12)
     assert model.intercept_ == pytest.approx(expected[-1], rel=1e-9)
@@ -198,7 +200,8 @@ def test_least_squares_equals_lstsq() -> None:
     assert model.loss(X, y) == pytest.approx(float(residual @ residual), rel=1e-10)
 
 
-def test_weighted_least_squares_equals_lstsq_on_scaled_rows() -> None:
+@pytest.mark.parametrize("solver", SOLVERS)
+def test_weighted_least_squares_equals_lstsq_on_scaled_rows(solver: str) -> None:
     rng = np.random.default_rng(11)
     X = rng.normal(size=(600, 3))
     y = X @ [2.0, 0.0, -1.0] + rng.normal(size=600)
@@ -206,7 +209,7 @@ def test_weighted_least_squares_equals_lstsq_on_scaled_rows() -> None:
     w[::7] = 0.0
     root = np.sqrt(w)
     expected = lstsq(with_ones(X) * root[:, None], y * root)
-    model = fit_streamed(X, y, w)
+    model = fit_streamed(X, y, w, solver=solver)
     np.testing.assert_allclose(np.append(model.coef_, model.intercept_), expected, rtol=1e-9, atol=1e-12)
     assert model.loss(X, y, w) == pytest.approx(float(w @ (y - with_ones(X) @ expected) ** 2), rel=1e-10)
 
@@ -220,11 +223,12 @@ def test_least_squares_without_intercept() -> None:
     assert model.intercept_ == 0.0
 
 
-def test_constant_column_gets_coefficient_zero() -> None:
+@pytest.mark.parametrize("solver", SOLVERS)
+def test_constant_column_gets_coefficient_zero(solver: str) -> None:
     rng = np.random.default_rng(13)
     X = np.column_stack([rng.normal(size=500), np.full(500, 2010.0), rng.normal(size=500) * 1e3])
     y = 2.0 * X[:, 0] - 1e-3 * X[:, 2] + 7.0 + rng.normal(size=500)
-    model = fit_streamed(X, y)
+    model = fit_streamed(X, y, solver=solver)
     assert model.constant_columns_.tolist() == [1]
     assert model.coef_[1] == 0.0
     expected = lstsq(with_ones(X[:, [0, 2]]), y)
@@ -233,7 +237,8 @@ def test_constant_column_gets_coefficient_zero() -> None:
     assert model.rank_ == 2
 
 
-def test_rank_deficient_design_gets_the_minimum_norm_solution_on_standardised_columns() -> None:
+@pytest.mark.parametrize("solver", SOLVERS)
+def test_rank_deficient_design_gets_the_minimum_norm_solution_on_standardised_columns(solver: str) -> None:
     rng = np.random.default_rng(14)
     n = 700
     base = rng.normal(size=(n, 2)) * [1.0, 4.0]
@@ -241,7 +246,7 @@ def test_rank_deficient_design_gets_the_minimum_norm_solution_on_standardised_co
     one_hot = np.eye(3)[group]  # sums to the intercept
     X = np.column_stack([base, base[:, 0] + base[:, 1], one_hot])  # column 2 repeats 0 + 1
     y = base @ [1.5, -0.25] + one_hot @ [0.0, 1.0, -2.0] + rng.normal(size=n)
-    model = fit_streamed(X, y)
+    model = fit_streamed(X, y, solver=solver)
     assert model.rank_ == 4  # 6 columns, of which two repeat the others or the intercept
 
     # Same fit as numpy's on the whole matrix: the fitted values and the loss are unique.
@@ -270,11 +275,12 @@ def test_timestamps_far_from_zero_give_the_centred_solution() -> None:
     assert model.intercept_ == pytest.approx(expected[2] - expected[:2] @ mean, rel=1e-7)
 
 
-def test_first_batches_smaller_than_the_width() -> None:
+@pytest.mark.parametrize("solver", SOLVERS)
+def test_first_batches_smaller_than_the_width(solver: str) -> None:
     rng = np.random.default_rng(16)
     X = rng.normal(size=(40, 6))
     y = X @ np.arange(6.0) + 1.0 + rng.normal(size=40) * 0.1
-    model = StreamingLeastSquares()
+    model = StreamingLeastSquares(solver=solver)
     for start in range(0, 40, 3):  # every batch narrower than the 8 columns of [1, X, y]
         model.partial_fit(X[start: start + 3], y[start: start + 3])
     expected = lstsq(with_ones(X), y)
@@ -292,24 +298,44 @@ def test_one_large_batch_equals_many_small_ones() -> None:
 
 @settings(max_examples=40, deadline=None)
 @given(seed=st.integers(0, 2**32 - 1), n=st.integers(1, 120), d=st.integers(1, 6),
-       splits=st.lists(st.integers(0, 120), max_size=8))
-def test_streamed_fits_do_not_depend_on_the_batches(seed: int, n: int, d: int, splits: List[int]) -> None:
+       splits=st.lists(st.integers(0, 120), max_size=8), solver=st.sampled_from(SOLVERS))
+def test_streamed_fits_do_not_depend_on_the_batches(seed: int, n: int, d: int, splits: List[int],
+                                                    solver: str) -> None:
     rng = np.random.default_rng(seed)
     X = rng.normal(size=(n, d)) * rng.uniform(0.1, 10, size=d) + rng.normal(size=d) * 100
     y = X @ rng.normal(size=d) + rng.normal(size=n)
     w = rng.random(n) + 0.1
     bounds = sorted({0, n, *(s for s in splits if s < n)})
-    model, scaler = StreamingLeastSquares(), StreamingStandardizer()
+    model, scaler = StreamingLeastSquares(solver=solver), StreamingStandardizer()
     for a, b in zip(bounds[:-1], bounds[1:]):
         model.partial_fit(X[a:b], y[a:b], w[a:b])
         scaler.partial_fit(X[a:b], w[a:b])
-    whole = StreamingLeastSquares().partial_fit(X, y, w)
+    whole = StreamingLeastSquares(solver=solver).partial_fit(X, y, w)
     np.testing.assert_allclose(model.predict(X), whole.predict(X), rtol=1e-7, atol=1e-7 * np.abs(y).max())
     assert model.rank_ == whole.rank_
     mean = np.average(X, axis=0, weights=w)
     np.testing.assert_allclose(scaler.mean_, mean, rtol=1e-9, atol=1e-9)
     np.testing.assert_allclose(scaler.var_, np.average((X - mean) ** 2, axis=0, weights=w), rtol=1e-7,
                                atol=1e-9)
+
+
+def test_both_solvers_give_the_same_fit_on_standardised_one_hot_columns() -> None:
+    rng = np.random.default_rng(17)
+    n = 6000
+    numbers = rng.normal(size=(n, 4)) * [1.0, 30.0, 0.01, 5.0]
+    groups = [rng.integers(0, k, n) for k in (3, 12)]
+    one_hot = [np.eye(k)[g] for k, g in zip((3, 12), groups)]
+    X = np.column_stack([numbers, *one_hot, np.full(n, 7.0)])  # each one-hot block adds up to 1
+    y = numbers @ [1.0, 0.1, 50.0, -0.2] + one_hot[1] @ rng.normal(size=12) + rng.normal(size=n)
+    scaler = StreamingStandardizer(drop_constant=False).partial_fit(X)
+    Z = scaler.transform(X)
+    qr, gram = (fit_streamed(Z, y, solver=solver) for solver in SOLVERS)
+    assert qr.rank_ == gram.rank_ == 4 + 2 + 11  # a column per block repeats the others
+    np.testing.assert_allclose(gram.predict(Z), qr.predict(Z), rtol=1e-10, atol=1e-10)
+    np.testing.assert_allclose(gram.coef_, qr.coef_, rtol=1e-7, atol=1e-10)
+    assert gram.loss(Z, y) == pytest.approx(qr.loss(Z, y), rel=1e-12)
+    with pytest.raises(ValueError, match="solver must be one of"):
+        StreamingLeastSquares(solver="normal equations")
 
 
 def test_least_squares_errors() -> None:
