@@ -2,7 +2,7 @@
 
 from __future__ import annotations
 
-from typing import Any
+from typing import Any, List
 
 import numpy as np
 import pandas as pd
@@ -209,3 +209,34 @@ def test_numbers_of_an_object_column_are_those_pandas_reads(values: list) -> Non
     column[:] = values
     expected = np.array(pd.to_numeric(pd.Series(column, dtype=object), errors="coerce"), dtype=np.float64)
     np.testing.assert_array_equal(as_numbers(column), expected)
+
+
+def test_a_chunk_s_numeric_columns_are_converted_once(monkeypatch: pytest.MonkeyPatch) -> None:
+    from quillmarsh.core import numpy_extra
+    from quillmarsh.data import feature_space
+
+    space = FeatureSpace()
+    names = ["size", "colour", "weight"]
+
+    def chunk_of(rows: int) -> np.ndarray:
+        rng = np.random.default_rng(rows)
+        table = np.empty((rows, 3), dtype=object)
+        table[:, 0] = list(rng.normal(size=rows))
+        table[:, 1] = list(rng.choice(["red", "blue"], rows))
+        table[:, 2] = [None if i % 5 == 0 else float(i) for i in range(rows)]
+        return table
+
+    process(chunk_of(20), names=names, config={"feature_space": space})  # decides the kinds
+    converted: List[int] = []
+    original = numpy_extra.object_numbers
+
+    def counting(values: np.ndarray) -> Any:
+        converted.append(len(values))
+        return original(values)
+
+    monkeypatch.setattr(numpy_extra, "object_numbers", counting)
+    monkeypatch.setattr(feature_space, "object_numbers", counting)
+    second = process(chunk_of(30), names=names, config={"feature_space": space})
+    assert len(converted) == 3  # the mask of each column; the two numeric ones are not converted again
+    expected = space.transform(chunk_of(30))
+    np.testing.assert_array_equal(second.matrix, expected)

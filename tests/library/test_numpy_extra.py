@@ -9,7 +9,12 @@ from hypothesis import given
 from hypothesis import strategies as st
 from hypothesis.extra.numpy import arrays
 
-from quillmarsh.core.numpy_extra import filter_missing_and_inf, missing_or_inf_mask
+from quillmarsh.core.numpy_extra import (
+    filter_missing_and_inf,
+    missing_and_numbers,
+    missing_or_inf_mask,
+    object_numbers,
+)
 
 
 def test_floats() -> None:
@@ -98,3 +103,23 @@ def test_the_mask_of_a_table_matches_the_elementwise_rule(mixed: list, numbers: 
 
     expected = [[missing(value) for value in row] for row in table]
     np.testing.assert_array_equal(missing_or_inf_mask(table), np.array(expected, dtype=bool).reshape(rows, 2))
+
+
+@given(st.lists(MIXED_VALUES, max_size=30), st.lists(st.one_of(st.none(), st.floats(), st.integers(-9, 9)),
+                                                      max_size=30))
+def test_a_table_s_mask_comes_with_the_numbers_of_its_columns_of_numbers(mixed: list, numbers: list) -> None:
+    rows = max(len(mixed), len(numbers))
+    table = np.empty((rows, 2), dtype=object)
+    table[:, 0] = (mixed + [None] * rows)[:rows]
+    table[:, 1] = (numbers + [1.5] * rows)[:rows]
+    mask, found = missing_and_numbers(table)
+    np.testing.assert_array_equal(mask, missing_or_inf_mask(table))
+    for c in range(2):
+        expected = object_numbers(table[:, c])
+        if expected is None:
+            assert c not in found
+        else:
+            np.testing.assert_array_equal(found[c], expected)
+    assert 1 in found  # numbers and missing values only
+    mask, found = missing_and_numbers(np.array([[1.0, np.nan]]))
+    assert mask.tolist() == [[False, True]] and found == {}

@@ -2,11 +2,11 @@
 
 from __future__ import annotations
 
-from typing import Any, Optional
+from typing import Any, Dict, Optional, Tuple
 
 import numpy as np
 
-__all__ = ["filter_missing_and_inf", "missing_or_inf_mask", "object_numbers"]
+__all__ = ["filter_missing_and_inf", "missing_and_numbers", "missing_or_inf_mask", "object_numbers"]
 
 # What pandas infers for an object column whose present values are all numbers (or that has none).
 _NUMBER_COLUMNS = frozenset({"floating", "integer", "mixed-integer-float", "empty"})
@@ -39,11 +39,38 @@ def missing_or_inf_mask(array: Any) -> np.ndarray:
     if kind != "O":
         return np.zeros(arr.shape, dtype=bool)
     if arr.ndim == 2:  # a table's columns: each of one kind, most often
-        mask = np.empty(arr.shape, dtype=bool)
-        for c in range(arr.shape[1]):
-            mask[:, c] = _object_mask(arr[:, c])
-        return mask
-    return _object_mask(arr.ravel()).reshape(arr.shape)
+        return missing_and_numbers(arr)[0]
+    return _object_mask(arr.ravel())[0].reshape(arr.shape)
+
+
+def missing_and_numbers(table: np.ndarray) -> Tuple[np.ndarray, Dict[int, np.ndarray]]:
+    """Return ``missing_or_inf_mask`` of a 2-D array, and the object columns that hold only numbers.
+
+    Finding the missing entries of an object column of numbers converts it to float64; the
+    conversion is returned, so that a caller that needs the numbers does not make it again.
+
+    Parameters
+    ----------
+    table : ndarray of shape (n_rows, n_columns)
+        A table's columns.
+
+    Returns
+    -------
+    mask : ndarray of bool of shape (n_rows, n_columns)
+        True where the entry is missing or infinite.
+    numbers : dict of int to ndarray of float64
+        By column position, each object column whose present values are all numbers, as
+        ``object_numbers`` gives it (a new array).
+    """
+    if table.dtype.kind != "O":
+        return missing_or_inf_mask(table), {}
+    mask = np.empty(table.shape, dtype=bool)
+    numbers: Dict[int, np.ndarray] = {}
+    for c in range(table.shape[1]):
+        mask[:, c], found = _object_mask(table[:, c])
+        if found is not None:
+            numbers[c] = found
+    return mask, numbers
 
 
 def object_numbers(values: np.ndarray) -> Optional[np.ndarray]:
@@ -72,10 +99,11 @@ def object_numbers(values: np.ndarray) -> Optional[np.ndarray]:
         return None
 
 
-def _object_mask(values: np.ndarray) -> np.ndarray:
+def _object_mask(values: np.ndarray) -> Tuple[np.ndarray, Optional[np.ndarray]]:
+    """Return the missing entries of a 1-D object array, and the array as numbers when it holds them."""
     numbers = object_numbers(values)
     if numbers is not None:
-        return ~np.isfinite(numbers)
+        return ~np.isfinite(numbers), numbers
     from pandas import isna  # deferred: only object arrays need it, and importing pandas is slow
     from pandas.api.types import infer_dtype
 
@@ -83,7 +111,7 @@ def _object_mask(values: np.ndarray) -> np.ndarray:
     if infer_dtype(values, skipna=True) not in ("string", "bytes"):  # text is never infinite
         present = values[~mask]
         mask[~mask] = (present == np.inf) | (present == -np.inf)
-    return mask
+    return mask, None
 
 
 def filter_missing_and_inf(array: Any) -> np.ndarray:

@@ -17,7 +17,7 @@ from typing import Any, Dict, List, Sequence, Tuple
 import numpy as np
 import pandas as pd
 
-from quillmarsh.core.numpy_extra import missing_or_inf_mask
+from quillmarsh.core.numpy_extra import missing_and_numbers, missing_or_inf_mask
 from quillmarsh.data.feature_space import MISSING_CATEGORY, OTHER_CATEGORY, FeatureSpace, as_numbers
 from quillmarsh.timing import STAGES
 
@@ -240,9 +240,10 @@ class DataAutoProcessor:
         last: _Encoded | None = getattr(_last_encoded, "value", None)
         again = last is not None and last.matches(X, settings)
         missing = last.missing if again and last is not None and last.missing is not None else None
+        numbers: Dict[int, np.ndarray] = {}
         if missing is None:
             again = False
-            missing = missing_or_inf_mask(X)
+            missing, numbers = missing_and_numbers(X)
         good_target = ~self._unusable_targets()
 
         keep_cols = np.ones(n_cols, dtype=bool)
@@ -278,6 +279,7 @@ class DataAutoProcessor:
             replacements=self.missing_replacement,
             max_categories=self.max_categories,
             max_text_values=self.max_text_values,
+            numbers={c: values[rows] for c, values in numbers.items()},
         )
         matrix, self.feature_names, self.replacements_ = result
         _last_encoded.value = _Encoded(self.X, settings, kept_missing, cols.tolist(), result)

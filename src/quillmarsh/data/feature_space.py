@@ -245,6 +245,7 @@ class FeatureSpace:
         max_categories: int | None = None,
         max_text_values: int | None = None,
         learn: bool = True,
+        numbers: Dict[int, np.ndarray] | None = None,
     ) -> Tuple[np.ndarray, List[str], List[Any]]:
         """Encode the ``columns`` of the 2-D ``X`` into this space.
 
@@ -272,6 +273,10 @@ class FeatureSpace:
             Whether the chunk's kinds, categories and sums are added to the space first; without it
             nothing is added, and unknown categories go to "<other>" (or nowhere when the column has
             none).
+        numbers : dict of int to ndarray, optional
+            Input columns already turned into float64 by ``as_numbers`` (while finding the missing
+            entries, say), by position: a numeric column found here is not converted again, and its
+            array is filled in place.
 
         Returns
         -------
@@ -299,13 +304,13 @@ class FeatureSpace:
                 raise ValueError(f"this feature space holds the columns {self._input_names}, got {names}")
             declared = set(int(c) for c in categorical)
             prepared: Dict[int, Any] = {}
-            numbers: Dict[int, Any] = {}  # numbers already computed while deciding a kind
+            decided: Dict[int, Any] = {}  # numbers already computed while deciding a kind
             fills: List[Any] = [None] * len(names)
             # Numeric and timestamp columns take their places before the categories of this chunk.
             for c in columns:
                 col = self._columns[c]
                 if col.kind is None and learn:
-                    col.kind, numbers[c] = self._decide(
+                    col.kind, decided[c] = self._decide(
                         column_of[c], missing[:, c], c in declared, max_text_values
                     )
                     if col.kind == EXCLUDED:
@@ -314,7 +319,9 @@ class FeatureSpace:
                             "values (max_text_values)"
                         )
                 if col.kind in (NUMERIC, TIMESTAMP):
-                    values = numbers.get(c)
+                    values = decided.get(c)
+                    if values is None and col.kind == NUMERIC and numbers is not None:
+                        values = numbers.get(c)
                     if values is None:
                         values = as_numbers(column_of[c]) if col.kind == NUMERIC else as_seconds(column_of[c])
                     bad = ~np.isfinite(values)
