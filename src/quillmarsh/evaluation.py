@@ -387,7 +387,7 @@ class StreamingStandardizer:
 
 
 class StreamingLeastSquares:
-    """The exact least squares of every row fed, updated batch by batch from a QR decomposition.
+    """The exact least squares of every row fed, updated batch by batch (a QR factor, or the Gram matrix).
 
     The state is the upper-triangular R factor of ``[1, X - s, y - t]`` (every row scaled by the square
     root of its weight), where the shifts ``s`` and ``t`` are the medians of the first batch: R is updated
@@ -414,10 +414,10 @@ class StreamingLeastSquares:
         known to.
     solver : {"qr", "gram"}, default "qr"
         ``"qr"`` holds up on any columns. ``"gram"`` does half the arithmetic, one symmetric product a
-        block, and is as exact on columns of comparable scale (standardised ones): there the smallest
-        direction it keeps is known to ``eps * cond^2``, where the design's condition number ``cond``
-        is far below ``1 / sqrt(eps)``, about 7e7; it is no choice for raw timestamps beside 0/1
-        columns.
+        block, and is as exact on columns of comparable scale (standardised ones) while the design's
+        condition number ``cond`` stays far below ``1 / sqrt(eps)``, about 7e7: its rounding grows as
+        ``eps * cond**2`` where the QR's grows as ``eps * cond``. It is no choice for raw timestamps
+        beside 0/1 columns.
 
     Attributes
     ----------
