@@ -221,8 +221,8 @@ def test_a_chunk_s_numeric_columns_are_converted_once(monkeypatch: pytest.Monkey
     def chunk_of(rows: int) -> np.ndarray:
         rng = np.random.default_rng(rows)
         table = np.empty((rows, 3), dtype=object)
-        table[:, 0] = list(rng.normal(size=rows))
-        table[:, 1] = list(rng.choice(["red", "blue"], rows))
+        table[:, 0] = rng.normal(size=rows).tolist()
+        table[:, 1] = rng.choice(["red", "blue"], rows).tolist()  # text as read: str, not numpy.str_
         table[:, 2] = [None if i % 5 == 0 else float(i) for i in range(rows)]
         return table
 
