@@ -378,3 +378,36 @@ def test_disk_node_ids_must_be_str_or_int(tmp_path: Path) -> None:
     with DataManager(storage_dir=tmp_path) as m:
         with pytest.raises(TypeError, match="str or int"):
             m.save_selected_samples_async(make_dataset(0, 1), None, (1, 2))
+
+
+@pytest.mark.skipif(not hasattr(__import__("signal"), "pthread_sigmask"), reason="signals cannot be masked")
+def test_a_file_is_made_in_memory_with_ctrl_c_held_back_until_it_is_made(tmp_path: Path) -> None:
+    import signal
+
+    def held() -> bool:
+        return signal.SIGINT in signal.pthread_sigmask(signal.SIG_BLOCK, [])
+
+    seen: List[bool] = []
+
+    def write(stream: Any) -> None:
+        seen.append(held())
+        np.savez(stream, values=np.arange(3))
+
+    manager_module._atomic_write(str(tmp_path / "a.npz"), write, durable=False)
+    assert seen == [True] and not held()
+    with np.load(tmp_path / "a.npz") as data:
+        assert data["values"].tolist() == [0, 1, 2]
+
+    def fails(stream: Any) -> None:
+        raise OSError("disk full")
+
+    with pytest.raises(OSError, match="disk full"):
+        manager_module._atomic_write(str(tmp_path / "b.npz"), fails, durable=False)
+    assert not held() and not (tmp_path / "b.npz").exists()
+
+    on_thread: List[bool] = []
+    worker = threading.Thread(target=manager_module._atomic_write,
+                              args=(str(tmp_path / "c.npz"), lambda stream: on_thread.append(held())))
+    worker.start()
+    worker.join()
+    assert on_thread == [False]  # only the main thread is told of Ctrl-C: the others are left alone

@@ -10,16 +10,18 @@ same directory finds both again.
 from __future__ import annotations
 
 import abc
+import contextlib
 import copy
 import hashlib
 import io
 import os
 import queue
 import re
+import signal
 import threading
 import uuid
 from dataclasses import dataclass, field
-from typing import IO, Any, Callable, Dict, Hashable, List, Sequence, Tuple, TypeVar, Union
+from typing import IO, Any, Callable, Dict, Hashable, Iterator, List, Sequence, Tuple, TypeVar, Union
 
 import numpy as np
 
@@ -326,16 +328,37 @@ def _concat(parts: List[Dataset], with_props: bool, node_ids: List[Hashable]) ->
     return Dataset._make(values)
 
 
+@contextlib.contextmanager
+def _interrupts_deferred() -> Iterator[None]:
+    """Hold Ctrl-C back from the main thread until the block ends.
+
+    A zip writer interrupted inside a member's close is left half open, and the interpreter later
+    prints the error of its ``__del__``; held back for the few milliseconds of writing in memory, the
+    interrupt comes right after, where nothing is half done. Elsewhere than in the main thread, or
+    where signals cannot be masked, the block runs as it is.
+    """
+    mask = getattr(signal, "pthread_sigmask", None)
+    if mask is None or threading.current_thread() is not threading.main_thread():
+        yield
+        return
+    before = mask(signal.SIG_BLOCK, {signal.SIGINT})
+    try:
+        yield
+    finally:
+        mask(signal.SIG_SETMASK, before)
+
+
 def _atomic_write(path: str, write: Callable[[IO[bytes]], None], durable: bool = True) -> None:
     """Write a file through a temporary name and ``os.replace``, so readers never see a partial file.
 
     ``durable`` also waits until the file is on disk before it takes the name. The content is made in
-    memory first: a writer interrupted half-way (Ctrl-C inside a zip writer, say) then leaves no
-    object behind that still points at a closed file.
+    memory first, with interrupts held back: a writer interrupted half-way (Ctrl-C inside a zip writer,
+    say) would leave an object behind that still points at a closed file.
     """
     tmp = f"{path}.{uuid.uuid4().hex}.tmp"
     content = io.BytesIO()
-    write(content)
+    with _interrupts_deferred():
+        write(content)
     try:
         with open(tmp, "wb") as stream:
             stream.write(content.getbuffer())
