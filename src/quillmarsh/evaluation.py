@@ -216,11 +216,22 @@ def streamed_kmeans_cost(batches: BatchStream, centers: Any) -> float:
     float
         The summed cost of every batch.
     """
-    total = 0.0
-    for batch in _one_pass(batches, 1):
+    return _streamed_kmeans_costs(batches, [centers], 1)[0][0]
+
+
+def _streamed_kmeans_costs(batches: BatchStream, center_sets: List[Any],
+                           passes: int) -> Tuple[List[float], int]:
+    """Return the cost of each set of centres over one pass of the stream, and the rows it held.
+
+    ``passes`` is how many passes the caller makes in all (see ``_one_pass``).
+    """
+    costs = [0.0] * len(center_sets)
+    rows = 0
+    for batch in _one_pass(batches, passes):
         X, _, weight = _unpack(batch)
-        total += kmeans_cost(X, centers, weight)
-    return total
+        costs = [total + cost for total, cost in zip(costs, _kmeans_costs(X, center_sets, weight))]
+        rows += len(X)
+    return costs, rows
 
 
 # Standardisation
@@ -1274,11 +1285,8 @@ def reference_kmeans(batches: BatchStream, n_clusters: int, *, n_init: int = 3, 
             if fed == 0:
                 raise ValueError(f"the stream has fewer rows than n_clusters ({n_clusters})")
             measured.settle()
-        costs = [0.0] * n_init
-        for batch in _one_pass(batches, passes) if cost_pass else ():
-            X, _, weight = _unpack(batch)
-            found = _kmeans_costs(X, [model.cluster_centers_ for model in models], weight)
-            costs = [total + cost for total, cost in zip(costs, found)]
+        if cost_pass:
+            costs, _ = _streamed_kmeans_costs(batches, [model.cluster_centers_ for model in models], passes)
     if not cost_pass:
         return ReferenceResult(models[0], measured.seconds, passes, measured.peak, _peak_rss_bytes(),
                                details={"seeds": seeds})
@@ -1569,7 +1577,6 @@ def judge_kmeans(kept: BatchStream, samples: Dict[str, WeightedRows], n_clusters
     # its cost comes from the scoring pass below, with the samples'
     streaming = reference_kmeans(kept, n_clusters, n_init=1, n_passes=1, random_state=seeds[1],
                                  measure_memory=measure_memory, cost_pass=False)
-    n_rows = 0
     fitted: List[Tuple[str, Any, int, ReferenceResult]] = []
     for name, (X, _, weight) in samples.items():
         X = _check_2d(X)
@@ -1579,13 +1586,8 @@ def judge_kmeans(kept: BatchStream, samples: Dict[str, WeightedRows], n_clusters
         result = fit_in_memory(model, X, None, weight, measure_memory=measure_memory)
         fitted.append((name, result.model, len(X), result))
     scored = [model.cluster_centers_ for _, model, _, _ in fitted] + [streaming.model.cluster_centers_]
-    costs = [0.0] * len(scored)
     tell("scoring")
-    for batch in _one_pass(kept, 1):
-        X, _, weight = _unpack(batch)
-        X = _check_2d(X)
-        n_rows += len(X)
-        costs = [total + cost for total, cost in zip(costs, _kmeans_costs(X, scored, weight))]
+    costs, n_rows = _streamed_kmeans_costs(kept, scored, 1)
     reference = float(full.cost or 0.0)
     starts = f"{n_init} start{'s' if n_init > 1 else ''}"
     passes = f"best of {starts}, {n_passes} pass{'es' if n_passes > 1 else ''}"
