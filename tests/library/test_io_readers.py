@@ -271,9 +271,13 @@ def test_leaving_read_ahead_early_stops_its_thread_and_closes_the_stream() -> No
     stream = RecordingStream(10**6)
     items = read_ahead(stream, depth=2)
     assert [next(items) for _ in range(3)] == [0, 1, 2]
-    before = threading.active_count()
+
+    def reading() -> List[threading.Thread]:  # other tests' threads may come and go meanwhile
+        return [thread for thread in threading.enumerate() if thread.name == "quillmarsh-read-ahead"]
+
+    assert len(reading()) == 1
     items.close()
     assert stream.closed and len(stream.made) <= 3 + 3
-    assert threading.active_count() == before - 1
+    assert reading() == []
     with pytest.raises(ValueError, match="depth"):
         next(read_ahead([1], depth=0))
